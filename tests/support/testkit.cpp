@@ -1,0 +1,158 @@
+#include "testkit.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace kt {
+
+TempDir::TempDir() {
+    const char* base = getenv("TMPDIR");
+    std::string pattern = std::string(base && *base ? base : "/tmp") + "/kesdbm-test-XXXXXX";
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    if (!mkdtemp(buffer.data())) throw std::runtime_error("mkdtemp failed");
+    path_ = buffer.data();
+}
+
+TempDir::~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::vector<uint8_t> readBytes(const std::string& path, uint32_t offset, uint32_t length) {
+    std::vector<uint8_t> bytes(length);
+    int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0) return {};
+    ssize_t n = pread(fd, bytes.data(), length, offset);
+    close(fd);
+    bytes.resize(n < 0 ? 0 : static_cast<size_t>(n));
+    return bytes;
+}
+
+uint32_t readWord(const std::string& path, uint32_t offset) {
+    std::vector<uint8_t> bytes = readBytes(path, offset, 4);
+    uint32_t word = 0;
+    if (bytes.size() == 4) std::memcpy(&word, bytes.data(), 4);
+    return word;
+}
+
+void writeBytes(const std::string& path, uint32_t offset, const void* data, uint32_t length) {
+    int fd = open(path.c_str(), O_WRONLY);
+    if (fd < 0) return;
+    if (pwrite(fd, data, length, offset) != static_cast<ssize_t>(length)) perror("pwrite");
+    close(fd);
+}
+
+std::string libPath(const std::string& fileName) { return std::string(KT_LIB_DIR) + "/" + fileName; }
+
+std::string captureStdout(const std::function<void()>& body) {
+    fflush(stdout);
+    char name[] = "/tmp/kesdbm-stdout-XXXXXX";
+    int capture = mkstemp(name);
+    if (capture < 0) throw std::runtime_error("mkstemp failed");
+    unlink(name);
+    int saved = dup(STDOUT_FILENO);
+    dup2(capture, STDOUT_FILENO);
+    body();
+    fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    std::string text;
+    off_t size = lseek(capture, 0, SEEK_END);
+    if (size > 0) {
+        text.resize(static_cast<size_t>(size));
+        if (pread(capture, text.data(), text.size(), 0) != size) text.clear();
+    }
+    close(capture);
+    return text;
+}
+
+pid_t forkChild(const std::function<int()>& body) {
+    fflush(stdout);
+    fflush(stderr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int code = body();
+        fflush(stdout);
+        _exit(code);
+    }
+    return pid;
+}
+
+int waitChild(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+int runChild(const std::function<int()>& body) { return waitChild(forkChild(body)); }
+
+DBMInitParam makeParam(const TempDir& dir) {
+    DBMInitParam p{};
+    auto put = [](char* field, const std::string& value) {
+        std::snprintf(field, KESDB_PATH_MAX, "%s", value.c_str());
+    };
+    put(p.sessionTablePath, dir.file("session.tbl"));
+    put(p.lockTablePath, dir.file("lock.tbl"));
+    put(p.mediaConfigPath, dir.file("media.conf"));
+    put(p.hookConfigPath, dir.file("hook.conf"));
+    return p;
+}
+
+Db::Db(const DbOptions& options) {
+    setenv("KESDB_DBTABLE", dir.file("db.tbl").c_str(), 1);
+    mediumPath = dir.file("medium.bin");
+    setenv("KESDB_DEFMEDIA", mediumPath.c_str(), 1);
+    param = makeParam(dir);
+    param.componentMedium = options.componentMedium;
+    param.valueMedium = options.valueMedium;
+    param.constraintMedium = options.constraintMedium;
+    param.stringMedium = options.stringMedium;
+    param.reserved = options.reserved;
+    writeFile(param.mediaConfigPath, options.mediaConfig);
+    writeFile(param.hookConfigPath, options.hookConfig);
+    if (options.mediumSize != 0 && kesdb_layMedium(mediumPath.c_str(), options.mediumSize, 0) != 0)
+        throw std::runtime_error("cannot lay down the medium");
+    if (options.start) start();
+}
+
+int32_t Db::start() {
+    id = kesDBMInit(&param, &initError);
+    if (id > 0 && kesDBMInitSession(&s, static_cast<uint32_t>(id)) == 0) sessionOpen = true;
+    return id;
+}
+
+void Db::stop() {
+    if (sessionOpen) kesDBMTermSession(&s);
+    sessionOpen = false;
+    if (id > 0) kesDBMTerm(static_cast<uint32_t>(id));
+    id = -1;
+}
+
+Db::~Db() { stop(); }
+
+}  // namespace kt
