@@ -125,6 +125,9 @@ DBMInitParam makeParam(const TempDir& dir) {
 
 Db::Db(const DbOptions& options) {
     setenv("KESDB_DBTABLE", dir.file("db.tbl").c_str(), 1);
+    // The media are kept as on the big-endian target: free-list elements in host order
+    // (a test that sets the byte-order rule itself keeps its choice).
+    setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 0);
     mediumPath = dir.file("medium.bin");
     setenv("KESDB_DEFMEDIA", mediumPath.c_str(), 1);
     param = makeParam(dir);

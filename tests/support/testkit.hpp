@@ -69,7 +69,9 @@ struct DbOptions {
 };
 
 // A database in a fresh temporary directory: KESDB_DBTABLE and KESDB_DEFMEDIA point into it,
-// the session and lock tables and both configuration files live there.
+// the session and lock tables and both configuration files live there. SIM_BYTE_ORDER is set
+// to "BIG_ENDIAN" unless the test set it before, so free-list elements are written in host
+// order as on the target.
 class Db {
 public:
     explicit Db(const DbOptions& options = DbOptions());

@@ -1,0 +1,233 @@
+// The check on writes, seen through the public set paths of the value layer: a refused
+// write returns the check's code and leaves the value's data as it was.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "testkit.hpp"
+
+namespace {
+
+// Free elements are written in host order, as on the big-endian target: on a
+// little-endian test host the allocator would otherwise store them byte-reversed and
+// misread its own free list.
+[[maybe_unused]] const int kHostOrderElements = setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
+
+template <class T>
+uint32_t newValue(kt::Db& db, uint32_t type, T initial) {
+    const uint32_t key = value_create(&db.s, type, 0, &initial, sizeof initial, 0);
+    EXPECT_NE(key, 0u);
+    return key;
+}
+
+// The value's data as it lies in the medium.
+template <class T>
+T stored(kt::Db& db, uint32_t valueKey) {
+    ValueRecord r{};
+    EXPECT_NE(value_get(&db.s, valueKey, &r), nullptr);
+    T v{};
+    const std::vector<uint8_t> bytes = kt::readBytes(db.mediumPath, r.dataOffset, sizeof v);
+    if (bytes.size() == sizeof v) std::memcpy(&v, bytes.data(), sizeof v);
+    return v;
+}
+
+uint32_t s32Range(kt::Db& db, int32_t min, int32_t max, int32_t step) {
+    RangeRecordS32 r{};
+    r.type = Sint32;
+    r.min = min;
+    r.max = max;
+    r.step = step;
+    EXPECT_NE(rangeS32_new(&db.s, &r), nullptr);
+    return r.key;
+}
+
+}  // namespace
+
+TEST(ConstraintWrite, SetGenericRefusesAndLeavesDataUnchanged) {
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    const uint32_t v = newValue<int32_t>(db, Sint32, 5);
+    ASSERT_EQ(value_setConstraintKey(&db.s, v, s32Range(db, -10, 10, 5)), 0);
+
+    const int32_t refused[] = {11, -11, 3};
+    const int32_t codes[] = {KESDB_ERR_CSTRT_ABOVEMAX, KESDB_ERR_CSTRT_BELOWMIN, KESDB_ERR_CSTRT_STEP};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(value_setGeneric(&db.s, v, &refused[i], 4), codes[i]);
+        EXPECT_EQ(db.s.error, static_cast<uint32_t>(codes[i]));
+        EXPECT_EQ(stored<int32_t>(db, v), 5);
+    }
+    // A value of the wrong width: 65, nothing written.
+    const int16_t narrow = 10;
+    EXPECT_EQ(value_setGeneric(&db.s, v, &narrow, 2), KESDB_ERR_CSTRT_LENGTH);
+    EXPECT_EQ(stored<int32_t>(db, v), 5);
+    const int32_t ok = -10;
+    EXPECT_EQ(value_setGeneric(&db.s, v, &ok, 4), 0);
+    EXPECT_EQ(stored<int32_t>(db, v), -10);
+}
+
+TEST(ConstraintWrite, CopiesAreChecked) {
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    const uint32_t dest = newValue<int32_t>(db, Sint32, 0);
+    ASSERT_EQ(value_setConstraintKey(&db.s, dest, s32Range(db, 0, 100, 0)), 0);
+    const uint32_t high = newValue<int32_t>(db, Sint32, 101);
+    const uint32_t fine = newValue<int32_t>(db, Sint32, 42);
+
+    EXPECT_EQ(value_copy(&db.s, dest, high), KESDB_ERR_CSTRT_ABOVEMAX);
+    EXPECT_EQ(stored<int32_t>(db, dest), 0);
+    EXPECT_EQ(value_copy2(&db.s, dest, high, 0), KESDB_ERR_CSTRT_ABOVEMAX);
+    EXPECT_EQ(stored<int32_t>(db, dest), 0);
+    EXPECT_EQ(value_copy(&db.s, dest, fine), 0);
+    EXPECT_EQ(stored<int32_t>(db, dest), 42);
+}
+
+TEST(ConstraintWrite, EnumerationAndMismatchedTypes) {
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    const uint32_t arrayKey = constraint_newEnumArray(&db.s, 2, 3);
+    EnumRecord e{0, Uint16 * 256u, arrayKey, 2, 3};
+    ASSERT_NE(enum_new(&db.s, &e), nullptr);
+    const uint16_t members[3] = {100, 200, 300};
+    ASSERT_EQ(constraint_setData(&db.s, e.key, members, sizeof members), 0);
+
+    const uint32_t u16 = newValue<uint16_t>(db, Uint16, 100);
+    ASSERT_EQ(value_setConstraintKey(&db.s, u16, e.key), 0);
+    uint16_t x = 150;
+    EXPECT_EQ(value_setGeneric(&db.s, u16, &x, 2), KESDB_ERR_CSTRT_NOTMEMBER);
+    EXPECT_EQ(stored<uint16_t>(db, u16), 100);
+    x = 300;
+    EXPECT_EQ(value_setGeneric(&db.s, u16, &x, 2), 0);
+    EXPECT_EQ(stored<uint16_t>(db, u16), 300);
+
+    // A Sint32 range on a Uint32 value, and any constraint on a Generic value: 64 always.
+    const uint32_t range = s32Range(db, 0, 10, 0);
+    const uint32_t u32 = newValue<uint32_t>(db, Uint32, 7);
+    ASSERT_EQ(value_setConstraintKey(&db.s, u32, range), 0);
+    const uint32_t five = 5;
+    EXPECT_EQ(value_setGeneric(&db.s, u32, &five, 4), KESDB_ERR_CSTRT_TYPE);
+    EXPECT_EQ(stored<uint32_t>(db, u32), 7u);
+    const uint32_t gen = newValue<uint32_t>(db, Generic, 7);
+    ASSERT_EQ(value_setConstraintKey(&db.s, gen, range), 0);
+    EXPECT_EQ(value_setGeneric(&db.s, gen, &five, 4), KESDB_ERR_CSTRT_TYPE);
+    EXPECT_EQ(stored<uint32_t>(db, gen), 7u);
+
+    // A Sint8 value written with two bytes against a Sint8 range: 65, nothing written.
+    RangeRecordS8 r8{};
+    r8.type = Sint8;
+    r8.min = -5;
+    r8.max = 5;
+    ASSERT_NE(rangeS8_new(&db.s, &r8), nullptr);
+    const uint32_t s8 = newValue<int8_t>(db, Sint8, 1);
+    ASSERT_EQ(value_setConstraintKey(&db.s, s8, r8.key), 0);
+    const int16_t two = 2;
+    EXPECT_EQ(value_setGeneric(&db.s, s8, &two, 2), KESDB_ERR_CSTRT_LENGTH);
+    EXPECT_EQ(stored<int8_t>(db, s8), 1);
+
+    // A constraint whose type code is 1 stops every write with 69.
+    ConstraintHeader h{};
+    ASSERT_NE(constraint_new(&db.s, &h), nullptr);
+    h.type = 1;
+    ASSERT_EQ(constraint_set(&db.s, &h), 0);
+    ASSERT_EQ(value_setConstraintKey(&db.s, u16, h.key), 0);
+    x = 100;
+    EXPECT_EQ(value_setGeneric(&db.s, u16, &x, 2), KESDB_ERR_CSTRT_CHECKTYPE);
+    EXPECT_EQ(stored<uint16_t>(db, u16), 300);
+}
+
+// With the constraint medium's index outside the media table every constraint access
+// fails (21). A value without a constraint is written without touching it; one whose
+// constraint cannot be read is written unchecked and 21 stays in the session.
+TEST(ConstraintWrite, ConstraintMediumUntouchedOrUnreadable) {
+    kt::DbOptions o;
+    o.constraintMedium = 7;
+    kt::Db db(o);
+    ASSERT_GT(db.id, 0);
+    const uint32_t free = newValue<int32_t>(db, Sint32, 1);
+    const uint32_t bound = newValue<int32_t>(db, Sint32, 1);
+    ASSERT_EQ(value_setConstraintKey(&db.s, bound, 16), 0);
+    session_setError(&db.s, 0, 0);
+    const int32_t big = 1000000;
+    EXPECT_EQ(value_setGeneric(&db.s, free, &big, 4), 0);
+    EXPECT_EQ(db.s.error, 0u);
+    EXPECT_EQ(stored<int32_t>(db, free), big);
+    EXPECT_EQ(value_setGeneric(&db.s, bound, &big, 4), 0);
+    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_MEDIA_INDEX));
+    EXPECT_EQ(stored<int32_t>(db, bound), big);
+}
+
+namespace {
+
+uint32_t makeLeaf(kt::Db& db, uint32_t current, uint32_t def, uint32_t factory) {
+    LeafRecord leaf{};
+    if (!comp_newLeaf(&db.s, &leaf)) return 0;
+    leaf.comp.kind = KESDB_KIND_LEAF;
+    leaf.currentValue = current;
+    leaf.defaultValue = def;
+    leaf.factoryValue = factory;
+    return comp_setLeaf(&db.s, &leaf) == 0 ? leaf.comp.key : 0;
+}
+
+}  // namespace
+
+// Every public call that writes a leaf's value passes through the check: the typed and
+// generic sets, the default set, the copy between leaves and the three value-set transfers.
+TEST(ConstraintWrite, EveryPublicSetPathIsChecked) {
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    const uint32_t range = s32Range(db, 0, 100, 0);
+    const uint32_t cur = newValue<int32_t>(db, Sint32, 50);
+    const uint32_t def = newValue<int32_t>(db, Sint32, 500);
+    const uint32_t fac = newValue<int32_t>(db, Sint32, 600);
+    ASSERT_EQ(value_setConstraintKey(&db.s, cur, range), 0);
+    const uint32_t leaf = makeLeaf(db, cur, def, fac);
+    ASSERT_NE(leaf, 0u);
+
+    EXPECT_EQ(kesDBMSetSint32(&db.s, leaf, 101), KESDB_ERR_CSTRT_ABOVEMAX);
+    EXPECT_EQ(kesDBMSetSint32(&db.s, leaf, -1), KESDB_ERR_CSTRT_BELOWMIN);
+    const int32_t big = 1000;
+    EXPECT_EQ(kesDBMSetGeneric(&db.s, leaf, &big, 4), KESDB_ERR_CSTRT_ABOVEMAX);
+    EXPECT_EQ(kesDBMSetSint16(&db.s, leaf, 7), KESDB_ERR_CSTRT_LENGTH);
+    EXPECT_EQ(kesDBMSetUint32(&db.s, leaf, 7), 0);  // no type test in the typed calls: 4 bytes of Sint32
+    EXPECT_EQ(stored<int32_t>(db, cur), 7);
+    session_setError(&db.s, 0, 0);
+    EXPECT_NE(kesDBMDefaultToCurrent(&db.s, leaf), 0);
+    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_CSTRT_ABOVEMAX));
+    EXPECT_EQ(stored<int32_t>(db, cur), 7);
+
+    // Copy from another leaf holding 500 into the constrained one.
+    const uint32_t other = makeLeaf(db, newValue<int32_t>(db, Sint32, 500), 0, 0);
+    ASSERT_NE(other, 0u);
+    EXPECT_EQ(kesDBMCopy(&db.s, other, leaf), KESDB_ERR_CSTRT_ABOVEMAX);
+    EXPECT_EQ(stored<int32_t>(db, cur), 7);
+    EXPECT_EQ(kesDBMSetSint32(&db.s, leaf, 100), 0);
+    EXPECT_EQ(stored<int32_t>(db, cur), 100);
+
+    // The default value constrained: default set and both transfers into it are refused.
+    ASSERT_EQ(value_setConstraintKey(&db.s, def, range), 0);
+    ASSERT_EQ(value_setConstraintKey(&db.s, cur, 0), 0);
+    ASSERT_EQ(kesDBMSetSint32(&db.s, leaf, 200), 0);
+    EXPECT_EQ(kesDBMSetDefaultGeneric(&db.s, leaf, &big, 4), KESDB_ERR_CSTRT_ABOVEMAX);
+    session_setError(&db.s, 0, 0);
+    EXPECT_NE(kesDBMCurrentToDefault(&db.s, leaf), 0);
+    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_CSTRT_ABOVEMAX));
+    session_setError(&db.s, 0, 0);
+    EXPECT_NE(kesDBMFactoryToDefault(&db.s, leaf), 0);
+    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_CSTRT_ABOVEMAX));
+    EXPECT_EQ(stored<int32_t>(db, def), 500);
+    const int32_t fine = 60;
+    EXPECT_EQ(kesDBMSetDefaultGeneric(&db.s, leaf, &fine, 4), 0);
+    EXPECT_EQ(stored<int32_t>(db, def), 60);
+
+    // A String value with a constraint attached can never be written.
+    const uint32_t text = value_create(&db.s, String, 0, "abc", 4, 0);
+    ASSERT_NE(text, 0u);
+    ASSERT_EQ(value_setConstraintKey(&db.s, text, range), 0);
+    const uint32_t textLeaf = makeLeaf(db, text, 0, 0);
+    EXPECT_EQ(kesDBMSetString(&db.s, textLeaf, "xyz"), KESDB_ERR_CSTRT_TYPE);
+    ValueRecord textRecord{};
+    ASSERT_NE(value_get(&db.s, text, &textRecord), nullptr);
+    EXPECT_EQ(kt::readBytes(db.mediumPath, textRecord.dataOffset, 4), std::vector<uint8_t>({'a', 'b', 'c', 0}));
+}

@@ -1,0 +1,468 @@
+// The hook table: the configuration file's result rules, getHook, and the hooks run by the
+// value calls and by the copy with hooks.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "testkit.hpp"
+
+namespace {
+
+std::string sampleLib() { return kt::libPath("libkeshook_sample.so"); }
+
+// The sample library as the test process sees it: the same instance the hook table loaded.
+struct Sample {
+    void* handle = dlopen(sampleLib().c_str(), RTLD_NOW);
+    template <class F>
+    F fn(const char* name) const {
+        return reinterpret_cast<F>(dlsym(handle, name));
+    }
+    int calls(int slot) const { return fn<int (*)(int)>("test_calls")(slot); }
+    uint32_t lastKey(int slot) const { return fn<uint32_t (*)(int)>("test_lastKey")(slot); }
+    int32_t lastLength(int slot) const { return fn<int32_t (*)(int)>("test_lastLength")(slot); }
+    uint32_t lastWord(int slot) const { return fn<uint32_t (*)(int)>("test_lastWord")(slot); }
+    void reset() const { fn<void (*)()>("test_reset")(); }
+    ~Sample() {
+        if (handle) dlclose(handle);
+    }
+};
+enum { PreSet = 0, PostSet = 1, PreGet = 2, PostGet = 3 };
+
+// One hook_init on a file of the given text, then hook_term; gives the result and the count.
+struct Load {
+    int32_t result;
+    int32_t count;
+};
+Load load(const kt::TempDir& dir, const std::string& text) {
+    const std::string path = dir.file("hooks.conf");
+    kt::writeFile(path, text);
+    Load l{hook_init(path.c_str()), hook_getCount()};
+    hook_term();
+    return l;
+}
+
+std::string line(const std::string& a, const std::string& b, const std::string& c, const std::string& d) {
+    return sampleLib() + " " + a + " " + b + " " + c + " " + d + "\n";
+}
+
+TEST(HookTable, ResultIsTheStatusOfTheLastLineHandled) {
+    kt::TempDir dir;
+    const std::string good = line("test_recPreSet", "NULL", "NULL", "NULL");
+    struct Case {
+        const char* what;
+        std::string text;
+        int32_t result;
+        int32_t count;
+    };
+    const std::vector<Case> cases = {
+        {"ends right after the hook line", good, 0, 1},
+        {"trailing comment line", good + "# done\n", -1, 1},
+        {"trailing blank line", good + "\n", -1, 1},
+        {"trailing blanks-only line", good + " \t \n", -1, 1},
+        {"comment at the end of the hook line", sampleLib() + " NULL NULL NULL NULL # note\n", 0, 1},
+        {"only comments and blank lines", "# a\n\n  # b\n", -1, 0},
+        {"empty file", "", 0, 0},
+        {"four tokens on the last line", good + sampleLib() + " NULL NULL NULL\n", -1, 1},
+        {"library alone", sampleLib() + "\n", -1, 0},
+        {"tokens after the fifth are ignored", sampleLib() + " NULL NULL NULL NULL extra more\n", 0, 1},
+        {"lowercase null in preSet", line("null", "NULL", "NULL", "NULL"), 33, 0},
+        {"lowercase null in postSet", line("NULL", "null", "NULL", "NULL"), 34, 0},
+        {"lowercase null in preGet", line("NULL", "NULL", "null", "NULL"), 35, 0},
+        {"lowercase null in postGet", line("NULL", "NULL", "NULL", "null"), 36, 0},
+        {"unknown symbol", line("NULL", "no_such_hook", "NULL", "NULL"), 34, 0},
+        {"unloadable library last", good + "/nonexistent/libnone.so NULL NULL NULL NULL\n", 32, 1},
+        {"unloadable library then a good line", "/nonexistent/libnone.so NULL NULL NULL NULL\n" + good, 0, 1},
+        {"tab-separated tokens", sampleLib() + "\tNULL\tNULL\tNULL\tNULL\n", 0, 1},
+        {"indented comments between hooks", good + " \t# indented\n" + good, 0, 2},
+        {"indented comment last", good + "\t  # indented\n", -1, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const Load l = load(dir, c.text);
+        EXPECT_EQ(l.result, c.result);
+        EXPECT_EQ(l.count, c.count);
+        EXPECT_EQ(hook_table, nullptr);  // unloaded by hook_term
+        EXPECT_EQ(hook_getCount(), 0);
+    }
+}
+
+TEST(HookTable, FailingLinesAreRebuiltInTheSameEntry) {
+    kt::TempDir dir;
+    const std::string path = dir.file("hooks.conf");
+    kt::writeFile(path, "/nonexistent/libnone.so NULL NULL NULL NULL\n" +
+                            line("test_refuse5", "NULL", "NULL", "test_recPostGet") +
+                            line("NULL", "missing_symbol", "NULL", "NULL") + "# comment\n" +
+                            line("NULL", "test_recPostSet", "NULL", "NULL"));
+    ASSERT_EQ(hook_init(path.c_str()), 0);
+    ASSERT_EQ(hook_getCount(), 2);
+    Sample sample;
+    ASSERT_NE(sample.handle, nullptr);
+    // Hook 1 is the second line, hook 2 the last line.
+    EXPECT_NE(hook_table[0].handle, nullptr);
+    EXPECT_EQ(hook_table[0].preSet, sample.fn<kesHookFn>("test_refuse5"));
+    EXPECT_EQ(hook_table[0].postSet, nullptr);
+    EXPECT_EQ(hook_table[0].preGet, nullptr);
+    EXPECT_EQ(hook_table[0].postGet, sample.fn<kesHookFn>("test_recPostGet"));
+    EXPECT_EQ(hook_table[1].preSet, nullptr);
+    EXPECT_EQ(hook_table[1].postSet, sample.fn<kesHookFn>("test_recPostSet"));
+
+    // getHook: 0 and count + 1 record 28; 1 and 2 are the entries.
+    Session s{};
+    EXPECT_EQ(getHook(&s, 0), nullptr);
+    EXPECT_EQ(s.error, 28u);
+    EXPECT_EQ(s.errorDetail, 0u);
+    s = Session{};
+    EXPECT_EQ(getHook(&s, 3), nullptr);
+    EXPECT_EQ(s.error, 28u);
+    s = Session{};
+    EXPECT_EQ(getHook(&s, 0xFFFFFFFFu), nullptr);
+    EXPECT_EQ(s.error, 28u);
+    EXPECT_EQ(getHook(&s, 1), &hook_table[0]);
+    EXPECT_EQ(getHook(&s, 2), &hook_table[1]);
+    EXPECT_EQ(getHook(nullptr, 9), nullptr);
+
+    // A second hook_init only counts: even an unreadable path gives 0; the table stays.
+    EXPECT_EQ(hook_init("/nonexistent/hooks.conf"), 0);
+    EXPECT_EQ(hook_term(), 0);
+    EXPECT_EQ(hook_getCount(), 2);
+    EXPECT_NE(hook_table, nullptr);
+    EXPECT_EQ(hook_term(), 0);
+    EXPECT_EQ(hook_table, nullptr);
+    EXPECT_EQ(hook_getCount(), 0);
+    // A shut-down too many does not keep the next start-up from loading.
+    EXPECT_EQ(hook_term(), 0);
+    EXPECT_EQ(hook_init(path.c_str()), 0);
+    EXPECT_EQ(hook_getCount(), 2);
+    EXPECT_EQ(hook_term(), 0);
+}
+
+TEST(HookTable, UnopenableFileAndLaterCalls) {
+    std::string out = kt::captureStdout([] { EXPECT_EQ(hook_init("/nonexistent/hooks.conf"), 30); });
+    EXPECT_EQ(out, "hook_init err3\n");
+    EXPECT_EQ(hook_getCount(), 0);
+    // The failed call stays counted: a later call returns 0 without reading anything.
+    out = kt::captureStdout([] { EXPECT_EQ(hook_init("/nonexistent/hooks.conf"), 0); });
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(hook_init(nullptr), 0);
+}
+
+TEST(HookTable, NullPathIsAnUnopenableFile) {
+    const std::string out = kt::captureStdout([] { EXPECT_EQ(hook_init(nullptr), 30); });
+    EXPECT_EQ(out, "hook_init err3\n");
+}
+
+// A line longer than the 4095 characters of one read is handled as several lines.
+TEST(HookTable, OverlongLineContinuesAsALineOfItsOwn) {
+    kt::TempDir dir;
+    const std::string good = line("NULL", "NULL", "NULL", "NULL");
+    const Load l = load(dir, good + "#" + std::string(5000, 'x') + "\n");
+    EXPECT_EQ(l.result, 32);  // the rest of the comment is taken for a library name
+    EXPECT_EQ(l.count, 1);
+}
+
+// When the file cannot be rewound (a pipe), nothing is counted and the table has no entry:
+// lines with tokens are never stored and each gives -1; with no line at all the result is 31.
+TEST(HookTable, UnrewindableFileStoresNoLine) {
+    kt::TempDir dir;
+    const std::string fifo = dir.file("hooks.fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    auto feed = [&fifo](const std::string& text) {
+        return std::thread([&fifo, text] {
+            const int fd = open(fifo.c_str(), O_WRONLY);
+            if (fd < 0) return;
+            if (!text.empty() && write(fd, text.data(), text.size()) < 0) perror("write");
+            close(fd);
+        });
+    };
+    std::thread writer = feed(line("test_recPreSet", "NULL", "NULL", "NULL"));
+    EXPECT_EQ(hook_init(fifo.c_str()), -1);
+    writer.join();
+    EXPECT_EQ(hook_getCount(), 0);
+    EXPECT_NE(hook_table, nullptr);
+    Session s{};
+    EXPECT_EQ(getHook(&s, 1), nullptr);
+    EXPECT_EQ(s.error, 28u);
+    hook_term();
+
+    writer = feed("");
+    EXPECT_EQ(hook_init(fifo.c_str()), 31);
+    writer.join();
+    EXPECT_EQ(hook_getCount(), 0);
+    hook_term();
+}
+
+// ---- Hooks run by the value calls ------------------------------------------------------
+
+uint32_t makeLeaf(Session* s, uint32_t current, uint32_t hook, uint32_t def = 0) {
+    LeafRecord leaf{};
+    if (!comp_newLeaf(s, &leaf)) return 0;
+    leaf.comp.kind = KESDB_KIND_LEAF;
+    leaf.currentValue = current;
+    leaf.defaultValue = def;
+    leaf.hookIndex = hook;
+    return comp_setLeaf(s, &leaf) == 0 ? leaf.comp.key : 0;
+}
+
+uint32_t readU32(Session* s, uint32_t valueKey) {
+    uint32_t v = 0;
+    int32_t len = 4;
+    return value_getGeneric(s, valueKey, &v, &len) == 0 ? v : 0xBADBADu;
+}
+
+enum HookIndex {
+    Recording = 1,
+    RefusePre = 2,
+    RefusePost = 3,
+    Shorten = 4,
+    AllNull = 5,
+    Policy = 6,
+    RefusePreRecordPost = 7,
+    RecordPostOnly = 8,
+};
+
+struct HookCalls : ::testing::Test {
+    // Medium 1: a named file that a test can take away to make data reads fail.
+    static kt::DbOptions options(const std::string& dataPath) {
+        kt::writeFile(dataPath, "");
+        kt::DbOptions o;
+        o.mediaConfig = kt::libPath("libkesdrv_file.so") +
+                        " fileMedia_open fileMedia_close fileMedia_read fileMedia_write fileMedia_seek"
+                        " fileMedia_sync " +
+                        dataPath + "\n";
+        o.hookConfig = "# hooks of the value call tests\n" +
+                       line("test_recPreSet", "test_recPostSet", "test_recPreGet", "test_recPostGet") +
+                       line("test_refuse5", "NULL", "test_refuse5", "NULL") +
+                       line("NULL", "test_refuse5", "NULL", "test_refuse5") +
+                       line("test_shortenTo2", "NULL", "NULL", "NULL") + line("NULL", "NULL", "NULL", "NULL") +
+                       line("policy_preSet", "log_postSet", "NULL", "log_postGet") +
+                       line("test_refuse5", "test_recPostSet", "NULL", "NULL") +
+                       line("NULL", "test_recPostSet", "NULL", "NULL");
+        return o;
+    }
+    kt::TempDir side;
+    std::string dataPath = side.file("data.bin");
+    kt::Db db{options(dataPath)};
+    Sample sample;
+    Session* s = &db.s;
+    void SetUp() override {
+        ASSERT_GT(db.id, 0) << db.initError;
+        ASSERT_EQ(hook_getCount(), 8);
+        ASSERT_NE(sample.handle, nullptr);
+        sample.reset();
+    }
+    uint32_t value(uint32_t v) { return value_create(s, Uint32, 0, &v, 4, 0); }
+};
+
+TEST_F(HookCalls, ReadAndWriteSequencesSeeKeyDataAndLength) {
+    const uint32_t cur = value(7), def = value(8);
+    const uint32_t leaf = makeLeaf(s, cur, Recording, def);
+    ASSERT_NE(leaf, 0u);
+    ASSERT_EQ(kesDBMSetUint32(s, leaf, 42), 0);
+    EXPECT_EQ(sample.calls(PreSet), 1);
+    EXPECT_EQ(sample.calls(PostSet), 1);
+    EXPECT_EQ(sample.lastKey(PreSet), cur);
+    EXPECT_EQ(sample.lastLength(PreSet), 4);
+    EXPECT_EQ(sample.lastWord(PostSet), 42u);
+    EXPECT_EQ(sample.calls(PreGet), 0);
+
+    uint32_t out = 0;
+    ASSERT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
+    EXPECT_EQ(out, 42u);
+    EXPECT_EQ(sample.calls(PreGet), 1);
+    EXPECT_EQ(sample.calls(PostGet), 1);
+    EXPECT_EQ(sample.lastWord(PostGet), 42u);  // postGet sees the filled buffer
+    EXPECT_EQ(sample.lastLength(PostGet), 4);
+
+    // The default value calls run the same hooks on the default value's key.
+    int32_t len = 4;
+    ASSERT_EQ(kesDBMGetDefaultGeneric(s, leaf, &out, &len), 0);
+    EXPECT_EQ(out, 8u);
+    EXPECT_EQ(sample.lastKey(PreGet), def);
+    ASSERT_EQ(kesDBMSetDefaultGeneric(s, leaf, &out, 4), 0);
+    EXPECT_EQ(sample.lastKey(PostSet), def);
+
+    // The create-list read hands the hooks a pointer to the count.
+    uint8_t buf[6];
+    ASSERT_EQ(kesDBMGetCreateListGeneric(s, leaf, buf, 6), 0);
+    EXPECT_EQ(sample.lastLength(PreGet), 6);
+    EXPECT_EQ(sample.lastKey(PostGet), cur);
+    EXPECT_EQ(sample.calls(PreGet), 3);
+}
+
+TEST_F(HookCalls, RefusingPreHooksStopTheCall) {
+    const uint32_t cur = value(7);
+    const uint32_t leaf = makeLeaf(s, cur, RefusePre);
+    ASSERT_NE(leaf, 0u);
+    EXPECT_EQ(kesDBMSetUint32(s, leaf, 99), 9);
+    EXPECT_EQ(db.s.error, 9u);
+    EXPECT_EQ(db.s.errorDetail, 5u);
+    EXPECT_EQ(readU32(s, cur), 7u);  // nothing written
+
+    uint32_t out = 0x12345678u;
+    EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), 7);
+    EXPECT_EQ(db.s.error, 7u);
+    EXPECT_EQ(db.s.errorDetail, 5u);
+    EXPECT_EQ(out, 0x12345678u);  // the buffer is untouched
+    uint8_t buf[4] = {};
+    EXPECT_EQ(kesDBMGetCreateListGeneric(s, leaf, buf, 4), 7);
+}
+
+TEST_F(HookCalls, RefusingPostHooksComeAfterTheAccess) {
+    const uint32_t cur = value(7);
+    const uint32_t leaf = makeLeaf(s, cur, RefusePost);
+    ASSERT_NE(leaf, 0u);
+    EXPECT_EQ(kesDBMSetUint32(s, leaf, 99), 10);
+    EXPECT_EQ(db.s.error, 10u);
+    EXPECT_EQ(db.s.errorDetail, 5u);
+    EXPECT_EQ(readU32(s, cur), 99u);  // already written
+
+    uint32_t out = 0;
+    EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), 8);
+    EXPECT_EQ(db.s.error, 8u);
+    EXPECT_EQ(db.s.errorDetail, 5u);
+    EXPECT_EQ(out, 99u);  // already filled
+}
+
+TEST_F(HookCalls, PreSetMayShortenTheWrittenLength) {
+    const uint32_t cur = value(0);
+    const uint32_t leaf = makeLeaf(s, cur, Shorten);
+    ASSERT_NE(leaf, 0u);
+    ASSERT_EQ(kesDBMSetUint32(s, leaf, 0x11223344u), 0);
+    const uint32_t word = 0x11223344u;
+    uint32_t expected = 0;
+    std::memcpy(&expected, &word, 2);  // only the first 2 bytes are written
+    EXPECT_EQ(readU32(s, cur), expected);
+    EXPECT_EQ(value_getLength(s, cur), 4);
+}
+
+TEST_F(HookCalls, NoHookNullHooksAndInvalidIndexes) {
+    const uint32_t cur = value(1);
+    for (uint32_t index : {0u, static_cast<uint32_t>(AllNull)}) {
+        SCOPED_TRACE(index);
+        const uint32_t leaf = makeLeaf(s, cur, index);
+        session_setError(s, 0, 0);
+        ASSERT_EQ(kesDBMSetUint32(s, leaf, 5 + index), 0);
+        uint32_t out = 0;
+        ASSERT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
+        EXPECT_EQ(out, 5 + index);
+        EXPECT_EQ(db.s.error, 0u);
+    }
+    // An index beyond the table: the access runs without hooks and 28 stays recorded.
+    const uint32_t leaf = makeLeaf(s, cur, 9);
+    session_setError(s, 0, 0);
+    EXPECT_EQ(kesDBMSetUint32(s, leaf, 77), 0);
+    EXPECT_EQ(db.s.error, 28u);
+    EXPECT_EQ(db.s.errorDetail, 0u);
+    EXPECT_EQ(readU32(s, cur), 77u);
+    session_setError(s, 0, 0);
+    uint32_t out = 0;
+    EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
+    EXPECT_EQ(out, 77u);
+    EXPECT_EQ(db.s.error, 28u);
+    EXPECT_EQ(sample.calls(PreSet) + sample.calls(PostSet) + sample.calls(PreGet) + sample.calls(PostGet), 0);
+}
+
+TEST_F(HookCalls, FailedWriteSkipsPostSet) {
+    const uint32_t cur = value(50);
+    RangeRecordU32 range{};
+    range.type = Uint32;
+    range.min = 0;
+    range.max = 100;
+    ASSERT_NE(rangeU32_new(s, &range), nullptr);
+    ASSERT_EQ(value_setConstraintKey(s, cur, range.key), 0);
+    const uint32_t leaf = makeLeaf(s, cur, Recording);
+    EXPECT_EQ(kesDBMSetUint32(s, leaf, 101), 67);
+    EXPECT_EQ(sample.calls(PreSet), 1);
+    EXPECT_EQ(sample.calls(PostSet), 0);
+    EXPECT_EQ(readU32(s, cur), 50u);
+
+    // A failed data access (the data medium cannot be opened) skips postGet and postSet.
+    const uint32_t v = 5;
+    const uint32_t far = value_create(s, Uint32, 0, &v, 4, 1);
+    ASSERT_NE(far, 0u);
+    const uint32_t farLeaf = makeLeaf(s, far, Recording);
+    ASSERT_EQ(unlink(dataPath.c_str()), 0);
+    sample.reset();
+    uint32_t out = 0;
+    EXPECT_EQ(kesDBMGetUint32(s, farLeaf, &out), 22);
+    EXPECT_EQ(sample.calls(PreGet), 1);
+    EXPECT_EQ(sample.calls(PostGet), 0);
+    EXPECT_EQ(kesDBMSetUint32(s, farLeaf, 6), 22);
+    EXPECT_EQ(sample.calls(PreSet), 1);
+    EXPECT_EQ(sample.calls(PostSet), 0);
+}
+
+TEST_F(HookCalls, SamplePolicyAndLogging) {
+    const uint32_t cur = value(0);
+    const uint32_t leaf = makeLeaf(s, cur, Policy);
+    std::string out = kt::captureStdout([&] { EXPECT_EQ(kesDBMSetUint32(s, leaf, 1000), 0); });
+    EXPECT_EQ(out, "keshook set key " + std::to_string(cur) + " len 4\n");
+    out = kt::captureStdout([&] { EXPECT_EQ(kesDBMSetUint32(s, leaf, 1001), 9); });
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(db.s.errorDetail, 1u);
+    EXPECT_EQ(readU32(s, cur), 1000u);
+    const uint8_t none = 0;
+    EXPECT_EQ(kesDBMSetGeneric(s, leaf, &none, 0), 9);
+    EXPECT_EQ(db.s.errorDetail, 2u);
+    uint32_t v = 0;
+    out = kt::captureStdout([&] { EXPECT_EQ(kesDBMGetUint32(s, leaf, &v), 0); });
+    EXPECT_EQ(out, "keshook get key " + std::to_string(cur) + " len 4\n");
+}
+
+TEST_F(HookCalls, CopyRunsSourceReadHooksAndDestinationWriteHooks) {
+    const uint32_t srcv = value(31), dstv = value(0);
+    const uint32_t src = makeLeaf(s, srcv, Recording);
+    const uint32_t dst = makeLeaf(s, dstv, RefusePreRecordPost);
+    EXPECT_EQ(kesDBMCopy(s, src, dst), 9);
+    EXPECT_EQ(sample.calls(PreGet), 1);
+    EXPECT_EQ(sample.calls(PostGet), 1);
+    EXPECT_EQ(sample.calls(PostSet), 0);
+    EXPECT_EQ(readU32(s, dstv), 0u);
+    const uint32_t dst2 = makeLeaf(s, dstv, RecordPostOnly);
+    EXPECT_EQ(kesDBMCopy(s, src, dst2), 0);
+    EXPECT_EQ(readU32(s, dstv), 31u);
+    EXPECT_EQ(sample.lastKey(PostSet), dstv);
+}
+
+TEST_F(HookCalls, CopyWithSetHooks) {
+    const uint32_t srcv = value(31), dstv = value(3);
+    // preSet refuses: 9 with detail 5, nothing written, postSet not called.
+    EXPECT_EQ(value_copy2(s, dstv, srcv, RefusePreRecordPost), 9);
+    EXPECT_EQ(db.s.errorDetail, 5u);
+    EXPECT_EQ(readU32(s, dstv), 3u);
+    EXPECT_EQ(sample.calls(PostSet), 0);
+    // postSet refuses: 10, the value is written.
+    EXPECT_EQ(value_copy2(s, dstv, srcv, RefusePost), 10);
+    EXPECT_EQ(db.s.errorDetail, 5u);
+    EXPECT_EQ(readU32(s, dstv), 31u);
+    // Both hooks see the destination key and the copied length.
+    const uint32_t src2 = value(64);
+    EXPECT_EQ(value_copy2(s, dstv, src2, Recording), 0);
+    EXPECT_EQ(sample.lastKey(PreSet), dstv);
+    EXPECT_EQ(sample.lastLength(PostSet), 4);
+    EXPECT_EQ(sample.lastWord(PostSet), 64u);
+    EXPECT_EQ(readU32(s, dstv), 64u);
+    // preSet shortening the length: 2 bytes written.
+    const uint32_t src3 = value(0xA1A2A3A4u);
+    EXPECT_EQ(value_copy2(s, dstv, src3, Shorten), 0);
+    uint32_t expected = 64;
+    const uint32_t w = 0xA1A2A3A4u;
+    std::memcpy(&expected, &w, 2);
+    EXPECT_EQ(readU32(s, dstv), expected);
+    // Index 0 is the plain copy; an index beyond the table records 28 and copies.
+    EXPECT_EQ(value_copy2(s, dstv, srcv, 0), 0);
+    EXPECT_EQ(readU32(s, dstv), 31u);
+    session_setError(s, 0, 0);
+    EXPECT_EQ(value_copy2(s, dstv, src2, 40), 0);
+    EXPECT_EQ(db.s.error, 28u);
+    EXPECT_EQ(readU32(s, dstv), 64u);
+}
+
+}  // namespace

@@ -1,0 +1,435 @@
+// Creating, moving and deleting components: sibling order, parent words, released blocks,
+// the order of writes, and changes that must leave the tree as it was.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "../drivers/kesdrv_fault.h"
+#include "testkit.hpp"
+#include "treekit.hpp"
+
+namespace {
+
+// Free-list elements in host order, so that released blocks can be read back on any host.
+[[maybe_unused]] const int kHostOrderElements = setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
+
+// A root r holding P and Q; P holds the leaf A, the node B and the leaf C in this order;
+// B holds the leaves X and Y.
+struct Tree {
+    Session* s;
+    uint32_t r = 0, P = 0, Q = 0, A = 0, B = 0, C = 0, X = 0, Y = 0;
+
+    explicit Tree(Session* session) : s(session) {
+        r = tk::makeRoot(s, "r");
+        P = tk::node(s, r, 0, "P");
+        Q = tk::node(s, r, P, "Q");
+        C = tk::leaf(s, P, 0, "C", tk::u32(s, 3));
+        B = tk::node(s, P, 0, "B");
+        A = tk::leaf(s, P, 0, "A");
+        Y = tk::leaf(s, B, 0, "Y");
+        X = tk::leaf(s, B, 0, "X");
+        EXPECT_TRUE(r && P && Q && A && B && C && X && Y);
+    }
+    std::string list(uint32_t key) const { return tk::childNames(s, key); }
+    uint32_t parentOf(uint32_t key) const { return comp_getParent(s, key); }
+};
+
+TEST(TreeChange, LeafCreateGoesToTheHeadOrBehindTheNamedSibling) {
+    kt::Db db;
+    Session* s = &db.s;
+    Tree t(s);
+    ASSERT_EQ(t.list(t.P), "A,B,C");
+
+    const uint32_t v1 = tk::u32(s, 1), v2 = tk::u32(s, 2), v3 = tk::u32(s, 3);
+    const uint32_t head = tk::leaf(s, t.P, 0, "new", v1, v2, v3, 4);
+    ASSERT_NE(head, 0u);
+    EXPECT_EQ(t.list(t.P), "new,A,B,C");
+    const LeafRecord rec = tk::leafRecord(s, head);
+    EXPECT_EQ(rec.comp.key, head);
+    EXPECT_EQ(rec.comp.kind, KESDB_KIND_LEAF);
+    EXPECT_EQ(rec.comp.reserved, 0u);
+    EXPECT_EQ(rec.comp.parent, t.P);
+    EXPECT_EQ(rec.comp.nextSibling, t.A);
+    EXPECT_EQ(rec.currentValue, v1);
+    EXPECT_EQ(rec.defaultValue, v2);
+    EXPECT_EQ(rec.factoryValue, v3);
+    EXPECT_EQ(rec.hookIndex, 4u);
+
+    const uint32_t behind = tk::leaf(s, t.P, t.A, "new2");
+    ASSERT_NE(behind, 0u);
+    EXPECT_EQ(t.list(t.P), "new,A,new2,B,C");
+    EXPECT_EQ(t.parentOf(behind), t.P);
+    // Behind the last child: the new leaf ends the list.
+    const uint32_t tail = tk::leaf(s, t.P, t.C, "tail");
+    EXPECT_EQ(t.list(t.P), "new,A,new2,B,C,tail");
+    EXPECT_EQ(comp_getNextSibling(s, tail), 0u);
+}
+
+TEST(TreeChange, NodeCreateWrapsTheChildBehindTheInsertionPoint) {
+    kt::Db db;
+    Session* s = &db.s;
+    Tree t(s);
+    const uint32_t n = tk::node(s, t.P, t.A, "new", t.B);
+    ASSERT_NE(n, 0u);
+    EXPECT_EQ(t.list(t.P), "A,new,C");
+    EXPECT_EQ(t.list(n), "B");
+    EXPECT_EQ(t.parentOf(n), t.P);
+    EXPECT_EQ(t.parentOf(t.B), n);
+    EXPECT_EQ(comp_getNextSibling(s, t.B), 0u);
+    EXPECT_EQ(t.list(t.B), "X,Y");  // B keeps its own children
+    EXPECT_EQ(tk::nodeRecord(s, n).comp.reserved, 0u);
+
+    // At the head, wrapping the first child.
+    const uint32_t m = tk::node(s, t.P, 0, "head", t.A);
+    ASSERT_NE(m, 0u);
+    EXPECT_EQ(t.list(t.P), "head,new,C");
+    EXPECT_EQ(t.list(m), "A");
+    // Without a child: an empty node at its place.
+    const uint32_t e = tk::node(s, t.P, t.C, "empty");
+    EXPECT_EQ(t.list(t.P), "head,new,C,empty");
+    EXPECT_EQ(comp_getFirstChild(s, e), 0u);
+    EXPECT_EQ(comp_getChildCount(s, e), 0);
+}
+
+TEST(TreeChange, LeafMoveUnlinksAndInserts) {
+    kt::Db db;
+    Session* s = &db.s;
+    Tree t(s);
+    // The first child to the head of another parent.
+    EXPECT_EQ(leaf_move(s, t.A, t.Q, 0), 0);
+    EXPECT_EQ(t.list(t.P), "B,C");
+    EXPECT_EQ(t.list(t.Q), "A");
+    EXPECT_EQ(t.parentOf(t.A), t.Q);
+    // Back, behind the last child.
+    EXPECT_EQ(leaf_move(s, t.A, t.P, t.C), 0);
+    EXPECT_EQ(t.list(t.P), "B,C,A");
+    EXPECT_EQ(t.list(t.Q), "");
+    EXPECT_EQ(comp_getNextSibling(s, t.A), 0u);
+    // Within the same parent: from the tail to the head, and from the middle behind its successor.
+    EXPECT_EQ(leaf_move(s, t.A, t.P, 0), 0);
+    EXPECT_EQ(t.list(t.P), "A,B,C");
+    EXPECT_EQ(leaf_move(s, t.C, t.P, t.A), 0);
+    EXPECT_EQ(t.list(t.P), "A,C,B");
+    EXPECT_EQ(leaf_move(s, t.C, t.P, t.B), 0);
+    EXPECT_EQ(t.list(t.P), "A,B,C");
+    // Into a node's own list behind the component it already follows: nothing changes.
+    EXPECT_EQ(leaf_move(s, t.C, t.P, t.B), 0);
+    EXPECT_EQ(t.list(t.P), "A,B,C");
+}
+
+TEST(TreeChange, NodeMoveLeavesTheChildrenBehindAndRenamesTheirParent) {
+    kt::Db db;
+    Session* s = &db.s;
+    Tree t(s);
+    EXPECT_EQ(node_move(s, t.B, t.Q, 0, 0), 0);
+    EXPECT_EQ(t.list(t.P), "A,X,Y,C");
+    // The children left behind now name the node whose list holds them.
+    EXPECT_EQ(t.parentOf(t.X), t.P);
+    EXPECT_EQ(t.parentOf(t.Y), t.P);
+    EXPECT_EQ(comp_getNextSibling(s, t.Y), t.C);
+    EXPECT_EQ(t.list(t.Q), "B");
+    EXPECT_EQ(t.parentOf(t.B), t.Q);
+    EXPECT_EQ(comp_getFirstChild(s, t.B), 0u);
+
+    // Back to P behind A, wrapping X (the component behind A): P is A,B,Y,C and B holds X.
+    EXPECT_EQ(node_move(s, t.B, t.P, t.A, t.X), 0);
+    EXPECT_EQ(t.list(t.P), "A,B,Y,C");
+    EXPECT_EQ(t.list(t.B), "X");
+    EXPECT_EQ(t.parentOf(t.X), t.B);
+    EXPECT_EQ(t.parentOf(t.B), t.P);
+    EXPECT_EQ(t.list(t.Q), "");
+
+    // The first child moved behind one of its own former children (which come to its place).
+    const uint32_t D = tk::node(s, t.Q, 0, "D");
+    const uint32_t d2 = tk::leaf(s, D, 0, "d2");
+    const uint32_t d1 = tk::leaf(s, D, 0, "d1");
+    ASSERT_TRUE(d1 && d2);
+    EXPECT_EQ(node_move(s, D, t.Q, d2, 0), 0);
+    EXPECT_EQ(t.list(t.Q), "d1,d2,D");
+    EXPECT_EQ(t.parentOf(d1), t.Q);
+}
+
+TEST(TreeChange, NodeMoveWithSubKeepsTheSubtree) {
+    kt::Db db;
+    Session* s = &db.s;
+    Tree t(s);
+    EXPECT_EQ(node_moveWithSub(s, t.B, t.Q, 0), 0);
+    EXPECT_EQ(t.list(t.P), "A,C");
+    EXPECT_EQ(t.list(t.Q), "B");
+    EXPECT_EQ(t.list(t.B), "X,Y");
+    EXPECT_EQ(t.parentOf(t.X), t.B);
+    EXPECT_EQ(t.parentOf(t.B), t.Q);
+    // Moving P (holding A and C) below Q's B is fine; below itself is not.
+    EXPECT_EQ(node_moveWithSub(s, t.P, t.B, t.X), 0);
+    EXPECT_EQ(t.list(t.B), "X,P,Y");
+    EXPECT_EQ(t.list(t.P), "A,C");
+    EXPECT_EQ(t.list(t.r), "Q");
+}
+
+TEST(TreeChange, DeleteSplicesChildrenAndReleasesTheRecord) {
+    kt::Db db;
+    Session* s = &db.s;
+    Tree t(s);
+    const uint32_t m = tk::componentMedium(s);
+    const uint32_t cName = comp_getStringKey(s, t.C);
+    const uint32_t cValue = leaf_getCurrentValueKey(s, t.C);
+
+    EXPECT_EQ(comp_delete(s, t.B), 0);
+    EXPECT_EQ(t.list(t.P), "A,X,Y,C");
+    EXPECT_EQ(t.parentOf(t.X), t.P);
+    EXPECT_EQ(t.parentOf(t.Y), t.P);
+    std::vector<tk::FreeBlock> blocks = tk::freeList(s, m);
+    EXPECT_TRUE(tk::isFree(blocks, t.B, 28));
+    EXPECT_FALSE(tk::isFree(blocks, t.B, 29));
+
+    EXPECT_EQ(comp_delete(s, t.C), 0);
+    EXPECT_EQ(t.list(t.P), "A,X,Y");
+    EXPECT_EQ(comp_getNextSibling(s, t.Y), 0u);
+    blocks = tk::freeList(s, m);
+    EXPECT_TRUE(tk::isFree(blocks, t.C, 40));
+    // The leaf's name and value stay where they were.
+    char text[8] = {};
+    EXPECT_NE(kesdb_getString(s, cName, text, sizeof text), nullptr);
+    EXPECT_STREQ(text, "C");
+    EXPECT_EQ(tk::u32Of(s, cValue), 3u);
+
+    // The first child deleted: its successor heads the list.
+    EXPECT_EQ(comp_delete(s, t.A), 0);
+    EXPECT_EQ(t.list(t.P), "X,Y");
+}
+
+TEST(TreeChange, DeleteWithSubReleasesTheWholeSubtree) {
+    kt::Db db;
+    Session* s = &db.s;
+    Tree t(s);
+    const uint32_t m = tk::componentMedium(s);
+    // X becomes a node with a leaf Z below it.
+    ASSERT_EQ(comp_delete(s, t.X), 0);
+    const uint32_t X = tk::node(s, t.B, 0, "X");
+    const uint32_t Z = tk::leaf(s, X, 0, "Z");
+    ASSERT_EQ(t.list(t.B), "X,Y");
+
+    EXPECT_EQ(comp_deleteWithSub(s, t.B, 1), 0);
+    EXPECT_EQ(t.list(t.P), "A,C");
+    const std::vector<tk::FreeBlock> blocks = tk::freeList(s, m);
+    EXPECT_TRUE(tk::isFree(blocks, t.B, 28));
+    EXPECT_TRUE(tk::isFree(blocks, X, 28));
+    EXPECT_TRUE(tk::isFree(blocks, Z, 40));
+    EXPECT_TRUE(tk::isFree(blocks, t.Y, 40));
+    EXPECT_FALSE(tk::isFree(blocks, t.A, 1));
+
+    // Without unlinking, the list is left as it is.
+    EXPECT_EQ(comp_deleteWithSub(s, t.C, 0), 0);
+    EXPECT_TRUE(tk::isFree(tk::freeList(s, m), t.C, 40));
+    EXPECT_EQ(comp_getNextSibling(s, t.A), t.C);
+}
+
+// Refused changes and changes whose reads fail write nothing at all.
+TEST(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
+    kt::Db db;
+    Session* s = &db.s;
+    Tree t(s);
+    const uint32_t m = tk::componentMedium(s);
+    // A block that is no record: its key word is 0.
+    const uint32_t garbage = 60000;
+    const std::string before = kt::readFile(db.mediumPath);
+    auto unchanged = [&] { return kt::readFile(db.mediumPath) == before; };
+
+    EXPECT_EQ(leaf_move(s, t.A, t.C, 0), KESDB_ERR_COMP_NOTNODE);  // the new parent is a leaf
+    EXPECT_TRUE(unchanged());
+    EXPECT_EQ(node_moveWithSub(s, t.P, t.B, 0), KESDB_ERR_COMP_NOTNODE);  // below itself
+    EXPECT_EQ(node_moveWithSub(s, t.B, t.B, 0), KESDB_ERR_COMP_NOTNODE);
+    EXPECT_EQ(node_move(s, t.B, t.B, 0, 0), KESDB_ERR_COMP_NOTNODE);
+    EXPECT_EQ(node_move(s, t.B, t.P, t.B, 0), KESDB_ERR_COMP_NOTNODE);  // behind itself
+    EXPECT_EQ(node_move(s, t.B, t.Q, 0, t.B), KESDB_ERR_COMP_NOTNODE);  // wrapping itself
+    EXPECT_EQ(node_move(s, t.B, t.P, 0, t.C), KESDB_ERR_COMP_NOTNODE);  // C is not behind the place
+    EXPECT_EQ(leaf_move(s, t.A, t.P, t.X), KESDB_ERR_COMP_NOTNODE);  // X lies under B, not P
+    EXPECT_TRUE(unchanged());
+    EXPECT_EQ(leaf_move(s, t.B, t.Q, 0), KESDB_ERR_COMP_NOTLEAF);
+    EXPECT_EQ(node_move(s, t.A, t.Q, 0, 0), KESDB_ERR_COMP_NOTNODE);
+    EXPECT_EQ(node_moveWithSub(s, t.A, t.Q, 0), KESDB_ERR_COMP_NOTNODE);
+    EXPECT_TRUE(unchanged());
+
+    // Unreadable places and children: the read's code, nothing written.
+    EXPECT_EQ(node_move(s, t.B, t.Q, garbage, 0), KESDB_ERR_COMP_READ);
+    EXPECT_EQ(s->errorDetail, garbage);
+    EXPECT_EQ(leaf_move(s, t.A, 0, 0), KESDB_ERR_COMP_NULLKEY);
+    EXPECT_EQ(node_moveWithSub(s, t.B, garbage, 0), KESDB_ERR_COMP_READ);
+    EXPECT_EQ(leaf_move(s, garbage, t.Q, 0), KESDB_ERR_COMP_READ);
+    EXPECT_EQ(comp_delete(s, garbage), KESDB_ERR_COMP_READ);
+    EXPECT_EQ(comp_deleteWithSub(s, garbage, 1), KESDB_ERR_COMP_READ);
+    EXPECT_EQ(comp_delete(s, 0), KESDB_ERR_COMP_NULLKEY);
+    EXPECT_TRUE(unchanged());
+
+    // Creations that cannot be placed give their block back: same tree, same free space.
+    const std::vector<tk::FreeBlock> freeBefore = tk::freeList(s, m);
+    const uint32_t nameKey = tk::name(s, "n");  // (strings lie in the same medium: take it first)
+    const std::vector<tk::FreeBlock> freeNow = tk::freeList(s, m);
+    EXPECT_EQ(node_create(s, nameKey, t.P, t.A, t.C), 0u);  // C is not behind A
+    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_COMP_NOTNODE));
+    EXPECT_EQ(node_create(s, nameKey, t.P, garbage, 0), 0u);
+    EXPECT_EQ(node_create(s, nameKey, t.C, 0, 0), 0u);  // a leaf as parent
+    EXPECT_EQ(leaf_create(s, nameKey, t.P, garbage, 0, 0, 0, 0), 0u);
+    EXPECT_EQ(leaf_create(s, nameKey, 0, 0, 0, 0, 0, 0), 0u);
+    EXPECT_EQ(tk::freeList(s, m), freeNow);
+    EXPECT_NE(freeNow, freeBefore);
+    EXPECT_EQ(t.list(t.P), "A,B,C");
+    EXPECT_EQ(t.list(t.B), "X,Y");
+    EXPECT_EQ(t.list(t.Q), "");
+
+    // A record with a kind that is neither: error 3, not unlinked.
+    CompRecord odd = tk::common(s, t.C);
+    odd.kind = 9;
+    ASSERT_EQ(comp_setComponent(s, &odd), 0);
+    EXPECT_EQ(comp_delete(s, t.C), KESDB_ERR_COMP_BADKIND);
+    EXPECT_EQ(comp_deleteWithSub(s, t.C, 1), KESDB_ERR_COMP_BADKIND);
+    EXPECT_EQ(comp_getNextSibling(s, t.B), t.C);
+}
+
+TEST(TreeChange, LoopedListsAndCyclesEndWithErrorAndReleaseNothing) {
+    kt::Db db;
+    Session* s = &db.s;
+    Tree t(s);
+    const uint32_t m = tk::componentMedium(s);
+    // P's list loops: C links back to A.
+    ASSERT_EQ(comp_setNextSibling(s, t.C, t.A), 0);
+    EXPECT_EQ(comp_getChildCount(s, t.P), 0);
+    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_COMP_READ));
+    session_setError(s, 0, 0);
+    EXPECT_EQ(comp_getChildByIndex(s, t.P, 1), t.B);  // positions before the loop closes
+    EXPECT_EQ(comp_getChildByIndex(s, t.P, 100), 0u);
+    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_COMP_READ));
+    EXPECT_EQ(comp_getChildByIndex(s, t.P, -1), 0u);
+
+    // A leaf that names P as parent but is not in its list: the search for its predecessor
+    // runs into the loop.
+    const uint32_t stray = tk::leaf(s, t.Q, 0, "stray");
+    ASSERT_EQ(comp_setParent(s, stray, t.P), 0);
+    const std::string before = kt::readFile(db.mediumPath);
+    EXPECT_EQ(leaf_move(s, stray, t.Q, 0), KESDB_ERR_COMP_READ);
+    const std::vector<tk::FreeBlock> freeBefore = tk::freeList(s, m);
+    EXPECT_EQ(comp_deleteWithSub(s, t.P, 0), KESDB_ERR_COMP_READ);
+    EXPECT_EQ(kt::readFile(db.mediumPath), before);
+    EXPECT_EQ(tk::freeList(s, m), freeBefore);
+    ASSERT_EQ(comp_setNextSibling(s, t.C, 0), 0);
+
+    // A child that names its own ancestor as first child: the subtree is endlessly deep.
+    ASSERT_EQ(comp_delete(s, t.X), 0);
+    const uint32_t X = tk::node(s, t.B, 0, "X");
+    ASSERT_EQ(comp_setFirstChild(s, X, t.B), 0);
+    const std::vector<tk::FreeBlock> freeCycle = tk::freeList(s, m);
+    EXPECT_EQ(comp_deleteWithSub(s, t.B, 0), KESDB_ERR_COMP_READ);
+    EXPECT_EQ(tk::freeList(s, m), freeCycle);
+    // Moving the subtree is refused before its endless depth matters (it is below itself).
+    EXPECT_EQ(node_moveWithSub(s, t.B, X, 0), KESDB_ERR_COMP_NOTNODE);
+}
+
+// The component medium behind the fault-injection driver, to see the order of writes: from
+// the n-th write on every write fails, so the records written before it are the first n - 1.
+struct OrderedMedium {
+    kt::Db db;
+    std::string path;
+    void* lib = nullptr;
+    kesdrvFault_failFromFn failFrom = nullptr;
+    kesdrvFault_resetFn reset = nullptr;
+
+    static kt::DbOptions options() {
+        kt::DbOptions o;
+        o.componentMedium = 1;
+        o.start = false;
+        return o;
+    }
+    OrderedMedium() : db(options()) {
+        path = db.dir.file("components.bin");
+        EXPECT_EQ(kesdb_layMedium(path.c_str(), 64 * 1024, 0), 0);
+        const std::string libPath = kt::libPath("libkesdrv_fault.so");
+        kt::writeFile(db.param.mediaConfigPath,
+                      libPath + " faultMedia_open faultMedia_close faultMedia_read faultMedia_write "
+                                "faultMedia_seek faultMedia_sync " + path + "\n");
+        lib = dlopen(libPath.c_str(), RTLD_NOW);
+        EXPECT_NE(lib, nullptr);
+        failFrom = reinterpret_cast<kesdrvFault_failFromFn>(dlsym(lib, KESDRV_FAULT_SYM_FAILFROM));
+        reset = reinterpret_cast<kesdrvFault_resetFn>(dlsym(lib, KESDRV_FAULT_SYM_RESET));
+        EXPECT_GT(db.start(), 0);
+    }
+    ~OrderedMedium() {
+        db.stop();
+        if (lib) dlclose(lib);
+    }
+};
+
+TEST(TreeChange, WritesComeInTheOrderThatKeepsAnInterruptedChangeKnown) {
+    {
+        // leaf_move of the first child: the old parent, the new neighbour, the leaf.
+        OrderedMedium o;
+        Session* s = &o.db.s;
+        Tree t(s);
+        o.reset();
+        o.failFrom(KESDRV_FAULT_WRITE, 2, EIO);
+        EXPECT_EQ(leaf_move(s, t.A, t.Q, 0), KESDB_ERR_COMP_WRITE);
+        o.reset();
+        EXPECT_EQ(comp_getFirstChild(s, t.P), t.B);  // written first
+        EXPECT_EQ(comp_getFirstChild(s, t.Q), 0u);   // not reached
+        EXPECT_EQ(t.parentOf(t.A), t.P);
+    }
+    {
+        OrderedMedium o;
+        Session* s = &o.db.s;
+        Tree t(s);
+        o.reset();
+        o.failFrom(KESDRV_FAULT_WRITE, 3, EIO);
+        EXPECT_EQ(leaf_move(s, t.A, t.Q, 0), KESDB_ERR_COMP_WRITE);
+        o.reset();
+        EXPECT_EQ(comp_getFirstChild(s, t.Q), t.A);
+        EXPECT_EQ(t.parentOf(t.A), t.P);  // the moved record comes last
+    }
+    {
+        // node_move with splice: the children first (X, then Y), then the old predecessor A.
+        OrderedMedium o;
+        Session* s = &o.db.s;
+        Tree t(s);
+        o.reset();
+        o.failFrom(KESDRV_FAULT_WRITE, 3, EIO);
+        EXPECT_EQ(node_move(s, t.B, t.Q, 0, 0), KESDB_ERR_COMP_WRITE);
+        o.reset();
+        EXPECT_EQ(t.parentOf(t.X), t.P);
+        EXPECT_EQ(comp_getNextSibling(s, t.Y), t.C);
+        EXPECT_EQ(comp_getNextSibling(s, t.A), t.B);
+        EXPECT_EQ(comp_getFirstChild(s, t.B), t.X);
+    }
+    {
+        // node_create: the neighbour, then the wrapped child, then the new record.
+        OrderedMedium o;
+        Session* s = &o.db.s;
+        Tree t(s);
+        const uint32_t nameKey = tk::name(s, "N");
+        o.reset();
+        // The allocator's split makes the first two writes (the anchor's link, then the
+        // remaining free element); the neighbour is the third.
+        o.failFrom(KESDRV_FAULT_WRITE, 4, EIO);
+        const uint32_t n = node_create(s, nameKey, t.P, t.A, t.B);
+        o.reset();
+        ASSERT_NE(n, 0u);  // the neighbour names it already
+        EXPECT_EQ(comp_getNextSibling(s, t.A), n);
+        EXPECT_EQ(t.parentOf(t.B), t.P);
+    }
+    {
+        // leaf_create: a neighbour that cannot be written keeps the leaf from being written.
+        OrderedMedium o;
+        Session* s = &o.db.s;
+        Tree t(s);
+        const uint32_t nameKey = tk::name(s, "L");
+        o.reset();
+        o.failFrom(KESDRV_FAULT_WRITE, 3, EIO);  // after the allocator's two writes
+        EXPECT_EQ(leaf_create(s, nameKey, t.P, t.A, 0, 0, 0, 0), 0u);
+        o.reset();
+        EXPECT_EQ(t.list(t.P), "A,B,C");
+    }
+}
+
+}  // namespace

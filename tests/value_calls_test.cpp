@@ -1,0 +1,356 @@
+// The public value calls on real media: typed round trips, leaf resolution, the length rules,
+// the copy between leaves and the create-list read.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "testkit.hpp"
+
+namespace {
+
+uint32_t makeLeaf(Session* s, uint32_t current, uint32_t def = 0, uint32_t factory = 0, uint32_t hook = 0) {
+    LeafRecord leaf{};
+    if (!comp_newLeaf(s, &leaf)) return 0;
+    leaf.comp.kind = KESDB_KIND_LEAF;
+    leaf.currentValue = current;
+    leaf.defaultValue = def;
+    leaf.factoryValue = factory;
+    leaf.hookIndex = hook;
+    return comp_setLeaf(s, &leaf) == 0 ? leaf.comp.key : 0;
+}
+
+uint32_t makeNode(Session* s) {
+    NodeRecord node{};
+    if (!comp_newNode(s, &node)) return 0;
+    node.comp.kind = KESDB_KIND_NODE;
+    return comp_setNode(s, &node) == 0 ? node.comp.key : 0;
+}
+
+std::vector<uint8_t> dataOf(kt::Db& db, uint32_t valueKey, uint32_t n) {
+    ValueRecord r{};
+    if (!value_get(&db.s, valueKey, &r)) return {};
+    return kt::readBytes(db.mediumPath, r.dataOffset, n);
+}
+
+// A leaf whose current value has the given type and natural length, zero-filled.
+uint32_t typedLeaf(Session* s, uint32_t type, int32_t length) {
+    return makeLeaf(s, value_create(s, type, 0, nullptr, length, 0));
+}
+
+template <class T>
+void roundTrip(kt::Db& db, uint32_t type, int32_t (*set)(Session*, uint32_t, T), int32_t (*get)(Session*, uint32_t, T*),
+               T value) {
+    SCOPED_TRACE(type);
+    const uint32_t leaf = typedLeaf(&db.s, type, static_cast<int32_t>(sizeof(T)));
+    ASSERT_NE(leaf, 0u);
+    ASSERT_EQ(set(&db.s, leaf, value), 0);
+    T out{};
+    ASSERT_EQ(get(&db.s, leaf, &out), 0);
+    EXPECT_EQ(std::memcmp(&out, &value, sizeof(T)), 0);
+    // Stored in host order, exactly the bytes of the caller's variable.
+    std::vector<uint8_t> raw = dataOf(db, leaf_getCurrentValueKey(&db.s, leaf), sizeof(T));
+    ASSERT_EQ(raw.size(), sizeof(T));
+    EXPECT_EQ(std::memcmp(raw.data(), &value, sizeof(T)), 0);
+    EXPECT_EQ(kesDBMGetType(&db.s, leaf), static_cast<int32_t>(type));
+    EXPECT_EQ(kesDBMGetLength(&db.s, leaf), static_cast<int32_t>(sizeof(T)));
+}
+
+TEST(ValueCalls, TypedRoundTripsOfAllTypes) {
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    roundTrip<double>(db, Float64, kesDBMSetFloat64, kesDBMGetFloat64, -1234.5e100);
+    roundTrip<float>(db, Float32, kesDBMSetFloat32, kesDBMGetFloat32, 3.25f);
+    roundTrip<uint64_t>(db, Uint64, kesDBMSetUint64, kesDBMGetUint64, 0xFEDCBA9876543210ull);
+    roundTrip<uint32_t>(db, Uint32, kesDBMSetUint32, kesDBMGetUint32, 0xDEADBEEFu);
+    roundTrip<uint16_t>(db, Uint16, kesDBMSetUint16, kesDBMGetUint16, 0xBEEF);
+    roundTrip<uint8_t>(db, Uint8, kesDBMSetUint8, kesDBMGetUint8, 0xA5);
+    roundTrip<int64_t>(db, Sint64, kesDBMSetSint64, kesDBMGetSint64, INT64_MIN + 7);
+    roundTrip<int32_t>(db, Sint32, kesDBMSetSint32, kesDBMGetSint32, -123456789);
+    roundTrip<int16_t>(db, Sint16, kesDBMSetSint16, kesDBMGetSint16, -12345);
+    roundTrip<int8_t>(db, Sint8, kesDBMSetSint8, kesDBMGetSint8, -100);
+
+    // Strings: the text and its NUL are written, the rest of the area is left alone.
+    const std::string fill(12, 'Z');
+    const uint32_t sv = value_create(&db.s, String, 0, fill.data(), 12, 0);
+    const uint32_t leaf = makeLeaf(&db.s, sv);
+    ASSERT_NE(leaf, 0u);
+    ASSERT_EQ(kesDBMSetString(&db.s, leaf, "hi"), 0);
+    EXPECT_EQ(dataOf(db, sv, 5), (std::vector<uint8_t>{'h', 'i', 0, 'Z', 'Z'}));
+    char text[16];
+    std::memset(text, '#', sizeof text);
+    ASSERT_EQ(kesDBMGetString(&db.s, leaf, text, sizeof text), 0);
+    EXPECT_STREQ(text, "hi");
+    // A buffer shorter than the text with its NUL is filled whole, without a terminator.
+    std::memset(text, '#', sizeof text);
+    ASSERT_EQ(kesDBMGetString(&db.s, leaf, text, 2), 0);
+    EXPECT_EQ(text[0], 'h');
+    EXPECT_EQ(text[1], 'i');
+    EXPECT_EQ(text[2], '#');
+    // A text longer than the value is cut to the value's length.
+    ASSERT_EQ(kesDBMSetString(&db.s, leaf, "0123456789abcdef"), 0);
+    EXPECT_EQ(dataOf(db, sv, 12), std::vector<uint8_t>(std::begin("0123456789ab"), std::end("0123456789ab") - 1));
+    EXPECT_EQ(kesDBMSetString(&db.s, leaf, nullptr), KESDB_ERR_NULLARG);
+}
+
+TEST(ValueCalls, DefaultAndFactoryValuesAreTheirOwnRecords) {
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    Session* s = &db.s;
+    const uint32_t c = 1, d = 2, f = 3;
+    const uint32_t leaf = makeLeaf(s, value_create(s, Uint32, 0, &c, 4, 0), value_create(s, Uint32, 0, &d, 4, 0),
+                                   value_create(s, Uint32, 0, &f, 4, 0));
+    ASSERT_NE(leaf, 0u);
+    uint32_t out = 0;
+    int32_t len = 4;
+    ASSERT_EQ(kesDBMGetDefaultGeneric(s, leaf, &out, &len), 0);
+    EXPECT_EQ(out, 2u);
+    ASSERT_EQ(kesDBMGetFactoryGeneric(s, leaf, &out, &len), 0);
+    EXPECT_EQ(out, 3u);
+    const uint32_t nd = 20;
+    ASSERT_EQ(kesDBMSetDefaultGeneric(s, leaf, &nd, 4), 0);
+    ASSERT_EQ(kesDBMGetDefaultGeneric(s, leaf, &out, &len), 0);
+    EXPECT_EQ(out, 20u);
+    ASSERT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
+    EXPECT_EQ(out, 1u);  // the current value is untouched
+    ASSERT_EQ(kesDBMGetFactoryGeneric(s, leaf, &out, &len), 0);
+    EXPECT_EQ(out, 3u);
+}
+
+TEST(ValueCalls, NodesKeyZeroAndUnreadableComponents) {
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    Session* s = &db.s;
+    const uint32_t node = makeNode(s);
+    ASSERT_NE(node, 0u);
+    uint32_t out = 0x55555555u;
+    int32_t len = 4;
+    const uint32_t v = 9;
+
+    auto expectCode = [&](int32_t got, int32_t code, uint32_t detail) {
+        EXPECT_EQ(got, code);
+        EXPECT_EQ(db.s.error, static_cast<uint32_t>(code));
+        EXPECT_EQ(db.s.errorDetail, detail);
+    };
+    expectCode(kesDBMGetGeneric(s, node, &out, &len), 1, 0);
+    expectCode(kesDBMGetDefaultGeneric(s, node, &out, &len), 1, 0);
+    expectCode(kesDBMGetFactoryGeneric(s, node, &out, &len), 1, 0);
+    expectCode(kesDBMGetCreateListGeneric(s, node, &out, 4), 1, 0);
+    expectCode(kesDBMSetGeneric(s, node, &v, 4), 1, 0);
+    expectCode(kesDBMSetDefaultGeneric(s, node, &v, 4), 1, 0);
+    expectCode(kesDBMSetUint32(s, node, 5), 1, 0);
+    expectCode(kesDBMGetUint32(s, node, &out), 1, 0);
+    EXPECT_EQ(out, 0x55555555u);
+    EXPECT_EQ(kesDBMGetType(s, node), -1);
+    EXPECT_EQ(db.s.error, 1u);
+    EXPECT_EQ(kesDBMGetLength(s, node), 0);
+    EXPECT_EQ(db.s.error, 1u);
+
+    expectCode(kesDBMGetGeneric(s, 0, &out, &len), 4, 0);
+    expectCode(kesDBMSetGeneric(s, 0, &v, 4), 4, 0);
+    expectCode(kesDBMGetString(s, 0, reinterpret_cast<char*>(&out), 4), 4, 0);
+    EXPECT_EQ(kesDBMGetType(s, 0), -1);
+    EXPECT_EQ(kesDBMGetLength(s, 0), 0);
+
+    // Null buffers and lengths are refused before anything is read.
+    EXPECT_EQ(kesDBMGetGeneric(s, node, nullptr, &len), KESDB_ERR_NULLARG);
+    EXPECT_EQ(kesDBMGetGeneric(s, node, &out, nullptr), KESDB_ERR_NULLARG);
+    EXPECT_EQ(kesDBMSetGeneric(s, node, nullptr, 4), KESDB_ERR_NULLARG);
+    EXPECT_EQ(kesDBMGetUint8(s, node, nullptr), KESDB_ERR_NULLARG);
+
+    // The component medium cannot be opened: the read's code comes back.
+    const uint32_t leaf = typedLeaf(s, Uint32, 4);
+    ASSERT_NE(leaf, 0u);
+    setenv("KESDB_DEFMEDIA", db.dir.file("missing").c_str(), 1);
+    EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), 53);
+    EXPECT_EQ(kesDBMSetUint32(s, leaf, 1), 53);
+    EXPECT_EQ(kesDBMGetType(s, leaf), -1);
+    EXPECT_EQ(kesDBMGetLength(s, leaf), 0);
+    setenv("KESDB_DEFMEDIA", db.mediumPath.c_str(), 1);
+
+    // A leaf whose value record cannot be read: type and length -1, reads and writes give 0
+    // with the cause recorded.
+    const uint32_t orphan = makeLeaf(s, 0);
+    ASSERT_NE(orphan, 0u);
+    EXPECT_EQ(kesDBMGetType(s, orphan), -1);
+    EXPECT_EQ(kesDBMGetLength(s, orphan), -1);
+    EXPECT_EQ(kesDBMGetUint32(s, orphan, &out), 0);
+    EXPECT_EQ(db.s.error, 51u);
+
+    // Without a session nothing is recorded and nothing crashes.
+    EXPECT_EQ(kesDBMGetUint32(nullptr, leaf, &out), KESDB_ERR_DB_NOTFOUND);
+    EXPECT_EQ(kesDBMSetUint32(nullptr, leaf, 1), KESDB_ERR_DB_NOTFOUND);
+    EXPECT_EQ(kesDBMGetType(nullptr, leaf), -1);
+    EXPECT_EQ(kesDBMGetLength(nullptr, leaf), 0);
+    EXPECT_NE(kesDBMCopy(nullptr, leaf, leaf), 0);
+}
+
+TEST(ValueCalls, LengthRulesOfTypedCalls) {
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    Session* s = &db.s;
+    const uint8_t one = 0x7B;
+    const uint32_t u8v = value_create(s, Uint8, 0, &one, 1, 0);
+    const uint8_t guard[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+    ASSERT_NE(value_create(s, Generic, 0, guard, 4, 0), 0u);
+    const uint32_t leaf = makeLeaf(s, u8v);
+    ASSERT_NE(leaf, 0u);
+
+    // GetUint32 of a 1-byte value fills only the first byte of the variable.
+    uint32_t out = 0xAABBCCDDu;
+    ASSERT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
+    uint8_t bytes[4];
+    std::memcpy(bytes, &out, 4);
+    EXPECT_EQ(bytes[0], 0x7B);
+    const uint32_t expected = 0xAABBCCDDu;
+    EXPECT_EQ(std::memcmp(bytes + 1, reinterpret_cast<const uint8_t*>(&expected) + 1, 3), 0);
+
+    // SetUint32 on that value stores the first byte of the 4-byte variable only.
+    const uint32_t word = 0x11223344u;
+    ASSERT_EQ(kesDBMSetUint32(s, leaf, word), 0);
+    std::vector<uint8_t> now = dataOf(db, u8v, 5);
+    ASSERT_EQ(now.size(), 5u);
+    EXPECT_EQ(now[0], reinterpret_cast<const uint8_t*>(&word)[0]);
+    EXPECT_EQ(std::vector<uint8_t>(now.begin() + 1, now.end()), std::vector<uint8_t>(4, 0xEE));
+    EXPECT_EQ(kesDBMGetLength(s, leaf), 1);
+
+    // A 16-byte value into an 8-byte buffer: 8 bytes and a length word of 8.
+    uint8_t sixteen[16];
+    for (int i = 0; i < 16; ++i) sixteen[i] = static_cast<uint8_t>(i + 1);
+    const uint32_t g = makeLeaf(s, value_create(s, Generic, 0, sixteen, 16, 0));
+    uint8_t eight[9];
+    std::memset(eight, 0, sizeof eight);
+    int32_t len = 8;
+    ASSERT_EQ(kesDBMGetGeneric(s, g, eight, &len), 0);
+    EXPECT_EQ(len, 8);
+    EXPECT_EQ(std::memcmp(eight, sixteen, 8), 0);
+    EXPECT_EQ(eight[8], 0);
+    // A typed read of a longer value takes the type's width.
+    uint16_t h = 0;
+    ASSERT_EQ(kesDBMGetUint16(s, g, &h), 0);
+    EXPECT_EQ(std::memcmp(&h, sixteen, 2), 0);
+}
+
+TEST(ValueCalls, CopyWidensWithZerosAndNarrowsByCutting) {
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    Session* s = &db.s;
+    const uint8_t eightBytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    const uint8_t fourBytes[4] = {0xA1, 0xA2, 0xA3, 0xA4};
+    const uint8_t full[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+    const uint32_t src8v = value_create(s, Uint64, 0, eightBytes, 8, 0);
+    const uint32_t dst4v = value_create(s, Uint32, 0, full, 4, 0);
+    const uint32_t src4v = value_create(s, Uint32, 0, fourBytes, 4, 0);
+    const uint32_t dst8v = value_create(s, Float64, 0, full, 8, 0);
+    const uint32_t src8 = makeLeaf(s, src8v), dst4 = makeLeaf(s, dst4v);
+    const uint32_t src4 = makeLeaf(s, src4v), dst8 = makeLeaf(s, dst8v);
+    ASSERT_NE(src8 * dst4 * src4 * dst8, 0u);
+
+    // 8 -> 4: the first 4 bytes.
+    EXPECT_EQ(kesDBMCopy(s, src8, dst4), 0);
+    EXPECT_EQ(dataOf(db, dst4v, 4), (std::vector<uint8_t>{1, 2, 3, 4}));
+    // 4 -> 8: the 4 bytes, then 4 zero bytes (the destination's whole length is written).
+    EXPECT_EQ(kesDBMCopy(s, src4, dst8), 0);
+    EXPECT_EQ(dataOf(db, dst8v, 8), (std::vector<uint8_t>{0xA1, 0xA2, 0xA3, 0xA4, 0, 0, 0, 0}));
+    // The source is unchanged.
+    EXPECT_EQ(dataOf(db, src8v, 8), std::vector<uint8_t>(eightBytes, eightBytes + 8));
+
+    // A node on either side gives 1; nothing is written.
+    const uint32_t node = makeNode(s);
+    EXPECT_EQ(kesDBMCopy(s, node, dst4), 1);
+    EXPECT_EQ(kesDBMCopy(s, src4, node), 1);
+    EXPECT_EQ(dataOf(db, dst4v, 4), (std::vector<uint8_t>{1, 2, 3, 4}));
+
+    // A source whose value record cannot be read does not wipe the destination.
+    const uint32_t orphan = makeLeaf(s, 0);
+    EXPECT_EQ(kesDBMCopy(s, orphan, dst4), 51);
+    EXPECT_EQ(dataOf(db, dst4v, 4), (std::vector<uint8_t>{1, 2, 3, 4}));
+    // A destination whose value record cannot be read: the read's code.
+    EXPECT_EQ(kesDBMCopy(s, src4, orphan), 51);
+}
+
+TEST(ValueCalls, CopyWithoutMemoryGives86) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "address space limits do not work under the address sanitizer";
+#else
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    Session* s = &db.s;
+    const uint32_t src = typedLeaf(s, Uint32, 4);
+    const uint32_t dstv = value_create(s, Generic, 0, nullptr, 4, 0);
+    const uint32_t dst = makeLeaf(s, dstv);
+    ASSERT_NE(src * dst, 0u);
+    ValueRecord r{};
+    ASSERT_NE(value_get(s, dstv, &r), nullptr);
+    r.length = 0x7FFFFFFFu;  // a destination too long to buffer under the limit below
+    ASSERT_EQ(value_set(s, &r), 0);
+    const int child = kt::runChild([&] {
+        rlimit limit{512u << 20, 512u << 20};
+        if (setrlimit(RLIMIT_AS, &limit) != 0) return 2;
+        if (kesDBMCopy(&db.s, src, dst) != 86) return 3;
+        if (db.s.error != 86 || db.s.errorDetail != static_cast<uint32_t>(ENOMEM)) return 4;
+        return 0;
+    });
+    EXPECT_EQ(child, 0);
+#endif
+}
+
+TEST(ValueCalls, CreateListReadsPastTheValueLength) {
+    kt::Db db;
+    ASSERT_GT(db.id, 0);
+    Session* s = &db.s;
+    const uint8_t a[2] = {0x10, 0x11};
+    const uint8_t b[3] = {0x20, 0x21, 0x22};
+    const uint32_t av = value_create(s, Generic, 0, a, 2, 0);
+    ASSERT_NE(value_create(s, Generic, 0, b, 3, 0), 0u);
+    const uint32_t leaf = makeLeaf(s, av);
+    ASSERT_NE(leaf, 0u);
+    uint8_t out[6];
+    std::memset(out, 0xCC, sizeof out);
+    EXPECT_EQ(kesDBMGetCreateListGeneric(s, leaf, out, 5), 0);
+    EXPECT_EQ(std::vector<uint8_t>(out, out + 6), (std::vector<uint8_t>{0x10, 0x11, 0x20, 0x21, 0x22, 0xCC}));
+    // A negative count reads nothing.
+    std::memset(out, 0xCC, sizeof out);
+    EXPECT_EQ(value_getCreateListGeneric(s, av, out, -3), 0);
+    EXPECT_EQ(out[0], 0xCC);
+    EXPECT_EQ(value_getCreateListGeneric(s, av, nullptr, 3), KESDB_ERR_NULLARG);
+    // An unreadable record gives 0 with the cause recorded.
+    EXPECT_EQ(value_getCreateListGeneric(s, 0, out, 3), 0);
+    EXPECT_EQ(db.s.error, 51u);
+}
+
+TEST(ValueCalls, CreateListOnABadDataMedium) {
+    kt::TempDir side;
+    const std::string dataPath = side.file("data.bin");
+    kt::writeFile(dataPath, "abcd");
+    kt::DbOptions o;
+    o.mediaConfig = kt::libPath("libkesdrv_file.so") +
+                    " fileMedia_open fileMedia_close fileMedia_read fileMedia_write fileMedia_seek fileMedia_sync " +
+                    dataPath + "\n";
+    kt::Db db(o);
+    ASSERT_GT(db.id, 0);
+    Session* s = &db.s;
+    const uint32_t v = value_create(s, Generic, 0, "xy", 2, 1);
+    ASSERT_NE(v, 0u);
+    const uint32_t leaf = makeLeaf(s, v);
+    char out[4] = {};
+    ASSERT_EQ(kesDBMGetCreateListGeneric(s, leaf, out, 2), 0);
+    EXPECT_EQ(std::string(out, 2), "xy");
+
+    ASSERT_EQ(unlink(dataPath.c_str()), 0);
+    EXPECT_EQ(kesDBMGetCreateListGeneric(s, leaf, out, 2), 22);
+    EXPECT_EQ(db.s.errorDetail, static_cast<uint32_t>(ENOENT));
+
+    ASSERT_EQ(mkfifo(dataPath.c_str(), 0600), 0);
+    EXPECT_EQ(kesDBMGetCreateListGeneric(s, leaf, out, 2), 0);  // the close succeeded
+    EXPECT_EQ(db.s.error, 24u);
+    EXPECT_EQ(db.s.errorDetail, static_cast<uint32_t>(ESPIPE));
+}
+
+}  // namespace
