@@ -127,16 +127,16 @@ int32_t kesDBMGetFactoryGeneric(Session* s, uint32_t key, void* buffer, int32_t*
 }
 
 // Reads `count` bytes from the start of the current value's data area, not bounded by the
-// value's length. The hooks receive, in the place of the length pointer, a pointer to a copy
-// of the count: every hook function can then treat its third argument as a pointer to a
-// 32-bit length. What they do to that copy does not change the number of bytes read.
+// value's length. The hooks receive the count itself where the other read calls hand a pointer
+// to a length: hook functions registered for such leaves take their third argument as the
+// count (converted back with (int32_t)(intptr_t)) and must not dereference it.
 int32_t kesDBMGetCreateListGeneric(Session* s, uint32_t key, void* buffer, int32_t count) {
     if (!buffer) return session_setError(s, KESDB_ERR_NULLARG, 0);
     LeafRecord leaf;
     if (const int32_t code = resolveLeaf(s, key, leaf)) return code;
     const uint32_t valueKey = leaf.currentValue;
-    int32_t hookCount = count;
-    return readWithHooks(s, leaf, valueKey, buffer, &hookCount,
+    int32_t* countInPlace = reinterpret_cast<int32_t*>(static_cast<intptr_t>(count));
+    return readWithHooks(s, leaf, valueKey, buffer, countInPlace,
                          [&] { return value_getCreateListGeneric(s, valueKey, buffer, count); });
 }
 

@@ -225,6 +225,7 @@ enum HookIndex {
     Policy = 6,
     RefusePreRecordPost = 7,
     RecordPostOnly = 8,
+    CountRecording = 9,
 };
 
 struct HookCalls : ::testing::Test {
@@ -243,7 +244,8 @@ struct HookCalls : ::testing::Test {
                        line("test_shortenTo2", "NULL", "NULL", "NULL") + line("NULL", "NULL", "NULL", "NULL") +
                        line("policy_preSet", "log_postSet", "NULL", "log_postGet") +
                        line("test_refuse5", "test_recPostSet", "NULL", "NULL") +
-                       line("NULL", "test_recPostSet", "NULL", "NULL");
+                       line("NULL", "test_recPostSet", "NULL", "NULL") +
+                       line("NULL", "NULL", "test_countPreGet", "test_countPostGet");
         return o;
     }
     kt::TempDir side;
@@ -253,7 +255,7 @@ struct HookCalls : ::testing::Test {
     Session* s = &db.s;
     void SetUp() override {
         ASSERT_GT(db.id, 0) << db.initError;
-        ASSERT_EQ(hook_getCount(), 8);
+        ASSERT_EQ(hook_getCount(), 9);
         ASSERT_NE(sample.handle, nullptr);
         sample.reset();
     }
@@ -288,12 +290,16 @@ TEST_F(HookCalls, ReadAndWriteSequencesSeeKeyDataAndLength) {
     ASSERT_EQ(kesDBMSetDefaultGeneric(s, leaf, &out, 4), 0);
     EXPECT_EQ(sample.lastKey(PostSet), def);
 
-    // The create-list read hands the hooks a pointer to the count.
+    // The create-list read hands the hooks the count itself in the length pointer's place.
+    const uint32_t listLeaf = makeLeaf(s, cur, CountRecording);
+    ASSERT_NE(listLeaf, 0u);
+    sample.reset();
     uint8_t buf[6];
-    ASSERT_EQ(kesDBMGetCreateListGeneric(s, leaf, buf, 6), 0);
+    ASSERT_EQ(kesDBMGetCreateListGeneric(s, listLeaf, buf, 6), 0);
     EXPECT_EQ(sample.lastLength(PreGet), 6);
+    EXPECT_EQ(sample.lastLength(PostGet), 6);
     EXPECT_EQ(sample.lastKey(PostGet), cur);
-    EXPECT_EQ(sample.calls(PreGet), 3);
+    EXPECT_EQ(sample.calls(PreGet), 1);
 }
 
 TEST_F(HookCalls, RefusingPreHooksStopTheCall) {
@@ -355,7 +361,7 @@ TEST_F(HookCalls, NoHookNullHooksAndInvalidIndexes) {
         EXPECT_EQ(db.s.error, 0u);
     }
     // An index beyond the table: the access runs without hooks and 28 stays recorded.
-    const uint32_t leaf = makeLeaf(s, cur, 9);
+    const uint32_t leaf = makeLeaf(s, cur, 10);
     session_setError(s, 0, 0);
     EXPECT_EQ(kesDBMSetUint32(s, leaf, 77), 0);
     EXPECT_EQ(db.s.error, 28u);

@@ -19,6 +19,10 @@
 //                      count their calls and remember the last key, length and first data
 //                      word; read back through test_calls, test_lastKey, test_lastLength,
 //                      test_lastWord, and cleared by test_reset (slot 0..3 in that order).
+//   test_countPreGet, test_countPostGet
+//                      for leaves read with kesDBMGetCreateListGeneric, which hands the
+//                      byte count itself where other reads hand a length pointer: they
+//                      record that count (slots 2 and 3) without dereferencing it.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -97,6 +101,20 @@ KESHOOK_EXPORT int test_recPreGet(uint32_t key, void* data, int32_t* length) {
 }
 KESHOOK_EXPORT int test_recPostGet(uint32_t key, void* data, int32_t* length) {
     return recordCall(3, key, data, length);
+}
+
+// The create-list read passes its count in the pointer's place.
+int32_t countOf(const int32_t* countInPlace) {
+    return static_cast<int32_t>(reinterpret_cast<intptr_t>(countInPlace));
+}
+
+KESHOOK_EXPORT int test_countPreGet(uint32_t key, void*, int32_t* countInPlace) {
+    int32_t count = countOf(countInPlace);
+    return recordCall(2, key, nullptr, &count);
+}
+KESHOOK_EXPORT int test_countPostGet(uint32_t key, void* data, int32_t* countInPlace) {
+    int32_t count = countOf(countInPlace);
+    return recordCall(3, key, data, &count);
 }
 
 KESHOOK_EXPORT int test_calls(int slot) { return validSlot(slot) ? records[slot].calls : -1; }
