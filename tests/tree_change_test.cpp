@@ -1,6 +1,5 @@
 // Creating, moving and deleting components: sibling order, parent words, released blocks,
 // the order of writes, and changes that must leave the tree as it was.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -9,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "../drivers/kesdrv_fault.h"
 #include "testkit.hpp"
 #include "treekit.hpp"
 
@@ -282,6 +280,14 @@ TEST(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
     EXPECT_EQ(t.list(t.B), "X,Y");
     EXPECT_EQ(t.list(t.Q), "");
 
+    // A parent word that names a leaf: no list to take the component out of.
+    ASSERT_EQ(comp_setParent(s, t.X, t.C), 0);
+    const std::string beforeParent = kt::readFile(db.mediumPath);
+    EXPECT_EQ(comp_delete(s, t.X), KESDB_ERR_COMP_NOTNODE);
+    EXPECT_EQ(leaf_move(s, t.X, t.Q, 0), KESDB_ERR_COMP_NOTNODE);
+    EXPECT_EQ(kt::readFile(db.mediumPath), beforeParent);
+    ASSERT_EQ(comp_setParent(s, t.X, t.B), 0);
+
     // A record with a kind that is neither: error 3, not unlinked.
     CompRecord odd = tk::common(s, t.C);
     odd.kind = 9;
@@ -329,44 +335,52 @@ TEST(TreeChange, LoopedListsAndCyclesEndWithErrorAndReleaseNothing) {
     EXPECT_EQ(node_moveWithSub(s, t.B, X, 0), KESDB_ERR_COMP_NOTNODE);
 }
 
-// The component medium behind the fault-injection driver, to see the order of writes: from
-// the n-th write on every write fails, so the records written before it are the first n - 1.
-struct OrderedMedium {
-    kt::Db db;
-    std::string path;
-    void* lib = nullptr;
-    kesdrvFault_failFromFn failFrom = nullptr;
-    kesdrvFault_resetFn reset = nullptr;
+// A chain of nodes 1030 levels deep below the root, all named "a". Walks follow it down to
+// 1024 levels below where they start and end with 55 beyond that, without using the stack up.
+TEST(TreeChange, DeepChainsKeepTheDepthLimit) {
+    kt::DbOptions o;
+    o.mediumSize = 256 * 1024;
+    kt::Db db(o);
+    Session* s = &db.s;
+    const uint32_t m = tk::componentMedium(s);
+    const uint32_t root = tk::makeRoot(s, "/");
+    const uint32_t a = tk::name(s, "a");
+    std::vector<uint32_t> chain{root};
+    for (int i = 0; i < 1030; ++i) {
+        NodeRecord n{};
+        ASSERT_NE(comp_newNode(s, &n), nullptr);
+        n.comp.stringKey = a;
+        n.comp.parent = chain.back();
+        ASSERT_EQ(comp_setNode(s, &n), 0);
+        ASSERT_EQ(comp_setFirstChild(s, chain.back(), n.comp.key), 0);
+        chain.push_back(n.comp.key);
+    }
+    uint32_t found = 1;
+    kt::captureStdout([&] { found = comp_searchByName(s, root, ("/" + std::string(1000, 'a')).c_str()); });
+    EXPECT_EQ(found, chain[1000]);
+    std::string out = kt::captureStdout([&] { found = comp_searchByName(s, root, ("/" + std::string(1030, 'a')).c_str()); });
+    EXPECT_EQ(found, 0u);
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_COMP_READ));
+    EXPECT_EQ(s->errorDetail, chain[1025]);
 
-    static kt::DbOptions options() {
-        kt::DbOptions o;
-        o.componentMedium = 1;
-        o.start = false;
-        return o;
-    }
-    OrderedMedium() : db(options()) {
-        path = db.dir.file("components.bin");
-        EXPECT_EQ(kesdb_layMedium(path.c_str(), 64 * 1024, 0), 0);
-        const std::string libPath = kt::libPath("libkesdrv_fault.so");
-        kt::writeFile(db.param.mediaConfigPath,
-                      libPath + " faultMedia_open faultMedia_close faultMedia_read faultMedia_write "
-                                "faultMedia_seek faultMedia_sync " + path + "\n");
-        lib = dlopen(libPath.c_str(), RTLD_NOW);
-        EXPECT_NE(lib, nullptr);
-        failFrom = reinterpret_cast<kesdrvFault_failFromFn>(dlsym(lib, KESDRV_FAULT_SYM_FAILFROM));
-        reset = reinterpret_cast<kesdrvFault_resetFn>(dlsym(lib, KESDRV_FAULT_SYM_RESET));
-        EXPECT_GT(db.start(), 0);
-    }
-    ~OrderedMedium() {
-        db.stop();
-        if (lib) dlclose(lib);
-    }
-};
+    const std::vector<tk::FreeBlock> before = tk::freeList(s, m);
+    EXPECT_EQ(comp_deleteWithSub(s, chain[1], 1), KESDB_ERR_COMP_READ);
+    EXPECT_EQ(tk::freeList(s, m), before);
+    EXPECT_EQ(comp_getFirstChild(s, root), chain[1]);  // not even unlinked
+    // From further down the whole rest is within reach.
+    EXPECT_EQ(comp_deleteWithSub(s, chain[10], 1), 0);
+    EXPECT_EQ(comp_getFirstChild(s, chain[9]), 0u);
+    EXPECT_TRUE(tk::isFree(tk::freeList(s, m), chain[1030], 28));
+}
 
+// The order of writes, seen through the fault-injection driver: from the n-th write on every
+// write fails, so the records written are the first n - 1.
 TEST(TreeChange, WritesComeInTheOrderThatKeepsAnInterruptedChangeKnown) {
     {
         // leaf_move of the first child: the old parent, the new neighbour, the leaf.
-        OrderedMedium o;
+        tk::FaultComponents o;
+        ASSERT_TRUE(o.ready());
         Session* s = &o.db.s;
         Tree t(s);
         o.reset();
@@ -378,7 +392,8 @@ TEST(TreeChange, WritesComeInTheOrderThatKeepsAnInterruptedChangeKnown) {
         EXPECT_EQ(t.parentOf(t.A), t.P);
     }
     {
-        OrderedMedium o;
+        tk::FaultComponents o;
+        ASSERT_TRUE(o.ready());
         Session* s = &o.db.s;
         Tree t(s);
         o.reset();
@@ -390,7 +405,8 @@ TEST(TreeChange, WritesComeInTheOrderThatKeepsAnInterruptedChangeKnown) {
     }
     {
         // node_move with splice: the children first (X, then Y), then the old predecessor A.
-        OrderedMedium o;
+        tk::FaultComponents o;
+        ASSERT_TRUE(o.ready());
         Session* s = &o.db.s;
         Tree t(s);
         o.reset();
@@ -404,7 +420,8 @@ TEST(TreeChange, WritesComeInTheOrderThatKeepsAnInterruptedChangeKnown) {
     }
     {
         // node_create: the neighbour, then the wrapped child, then the new record.
-        OrderedMedium o;
+        tk::FaultComponents o;
+        ASSERT_TRUE(o.ready());
         Session* s = &o.db.s;
         Tree t(s);
         const uint32_t nameKey = tk::name(s, "N");
@@ -420,7 +437,8 @@ TEST(TreeChange, WritesComeInTheOrderThatKeepsAnInterruptedChangeKnown) {
     }
     {
         // leaf_create: a neighbour that cannot be written keeps the leaf from being written.
-        OrderedMedium o;
+        tk::FaultComponents o;
+        ASSERT_TRUE(o.ready());
         Session* s = &o.db.s;
         Tree t(s);
         const uint32_t nameKey = tk::name(s, "L");

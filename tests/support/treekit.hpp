@@ -1,0 +1,191 @@
+// Test support for the component tree: building trees on a started database and reading
+// them back. Header-only; every helper goes through the library's exported operations.
+#pragma once
+
+#include <dlfcn.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "../../drivers/kesdrv_fault.h"
+#include "kesdbm/kesdbm.h"
+#include "testkit.hpp"
+
+namespace tk {
+
+// Media indexes of the session's database (0 when it has none).
+inline uint32_t componentMedium(Session* s) {
+    const DBMInitParam* p = db_getDb(s->dbId);
+    return p ? p->componentMedium : 0;
+}
+inline uint32_t stringMedium(Session* s) {
+    const DBMInitParam* p = db_getDb(s->dbId);
+    return p ? p->stringMedium : 0;
+}
+inline uint32_t valueMedium(Session* s) {
+    const DBMInitParam* p = db_getDb(s->dbId);
+    return p ? p->valueMedium : 0;
+}
+
+// A name in the string table, its text kept in the string medium.
+inline uint32_t name(Session* s, const std::string& text) { return str_create(s, text.c_str(), stringMedium(s)); }
+
+// The root node: a node without parent whose key goes into the component medium's root
+// word. (node_create cannot make it: its insertion needs a parent.) Returns its key, or 0.
+inline uint32_t makeRoot(Session* s, const std::string& rootName) {
+    const uint32_t nameKey = name(s, rootName);
+    if (nameKey == 0) return 0;
+    NodeRecord root{};
+    if (!comp_newNode(s, &root)) return 0;
+    root.comp.stringKey = nameKey;
+    root.comp.reserved = 0;
+    root.comp.parent = 0;
+    root.comp.nextSibling = 0;
+    root.comp.kind = KESDB_KIND_NODE;
+    root.firstChild = 0;
+    if (comp_setNode(s, &root) != 0) return 0;
+    if (flst_m_setRoot(s, componentMedium(s), root.comp.key) != 0) return 0;
+    return root.comp.key;
+}
+
+// A node named `nodeName` under `parent`, behind `previous` (0: at the head).
+inline uint32_t node(Session* s, uint32_t parent, uint32_t previous, const std::string& nodeName,
+                     uint32_t child = 0) {
+    return node_create(s, name(s, nodeName), parent, previous, child);
+}
+
+// A leaf named `leafName` under `parent`, behind `previous` (0: at the head).
+inline uint32_t leaf(Session* s, uint32_t parent, uint32_t previous, const std::string& leafName,
+                     uint32_t current = 0, uint32_t defaultValue = 0, uint32_t factory = 0, uint32_t hook = 0) {
+    return leaf_create(s, name(s, leafName), parent, previous, current, defaultValue, factory, hook);
+}
+
+// A Uint32 value with its data in the value medium.
+inline uint32_t u32(Session* s, uint32_t v) { return value_create(s, Uint32, 0, &v, 4, valueMedium(s)); }
+// A Uint64 value (8 bytes: a Uint32 value is too short to take it).
+inline uint32_t u64(Session* s, uint64_t v) { return value_create(s, Uint64, 0, &v, 8, valueMedium(s)); }
+
+// The Uint32 held by a value, or 0xDEADBEEF when it cannot be read.
+inline uint32_t u32Of(Session* s, uint32_t valueKey) {
+    uint32_t v = 0;
+    int32_t length = 4;
+    return value_getGeneric(s, valueKey, &v, &length) == 0 ? v : 0xDEADBEEFu;
+}
+
+// The children of a node in list order, read through the first-child and next-sibling words
+// (at most `limit` of them, so a damaged list cannot hang a test).
+inline std::vector<uint32_t> children(Session* s, uint32_t key, size_t limit = 1000) {
+    std::vector<uint32_t> keys;
+    for (uint32_t c = comp_getFirstChild(s, key); c != 0 && keys.size() < limit; c = comp_getNextSibling(s, c))
+        keys.push_back(c);
+    return keys;
+}
+
+// A component's name ("" when it cannot be fetched).
+inline std::string nameOf(Session* s, uint32_t key) {
+    char buffer[KESDB_NAME_BUFFER] = {};
+    if (!kesdb_getString(s, comp_getStringKey(s, key), buffer, KESDB_NAME_BUFFER - 1)) return "";
+    return buffer;
+}
+
+// The names of a node's children in list order, joined with ",".
+inline std::string childNames(Session* s, uint32_t key) {
+    std::string joined;
+    for (uint32_t c : children(s, key)) {
+        if (!joined.empty()) joined += ",";
+        joined += nameOf(s, c);
+    }
+    return joined;
+}
+
+// The whole records, read directly.
+inline CompRecord common(Session* s, uint32_t key) {
+    CompRecord r{};
+    comp_getComponent(s, key, &r);
+    return r;
+}
+inline NodeRecord nodeRecord(Session* s, uint32_t key) {
+    NodeRecord r{};
+    comp_getNode(s, key, &r);
+    return r;
+}
+inline LeafRecord leafRecord(Session* s, uint32_t key) {
+    LeafRecord r{};
+    comp_getLeaf(s, key, &r);
+    return r;
+}
+
+// Free blocks of a medium in list order, read through the rooted allocator's primitives.
+struct FreeBlock {
+    uint32_t key;
+    uint32_t size;
+    bool operator==(const FreeBlock&) const = default;
+};
+
+inline std::vector<FreeBlock> freeList(Session* s, uint32_t medium, size_t limit = 10000) {
+    std::vector<FreeBlock> blocks;
+    for (uint32_t k = flst_m_getFirstOffset(s, medium); k != 0 && blocks.size() < limit;) {
+        FreeElement e{};
+        if (!flst_m_getElement(s, medium, k, &e)) break;
+        blocks.push_back({k, e.size});
+        k = e.next;
+    }
+    return blocks;
+}
+
+// Whether the block [key, key + size) is wholly free.
+inline bool isFree(const std::vector<FreeBlock>& blocks, uint32_t key, uint32_t size) {
+    for (const FreeBlock& b : blocks)
+        if (b.key <= key && key + size <= b.key + b.size) return true;
+    return false;
+}
+
+// A started database whose component records live in medium 1: a file laid down in the
+// database's directory and served by the fault-injection driver, so that a test can make the
+// driver's calls fail or fall short. Strings and values stay in the built-in medium 0.
+struct FaultComponents {
+    kt::Db db;
+    std::string path;  // the component medium's file
+    void* lib = nullptr;
+    kesdrvFault_failFromFn failFrom = nullptr;
+    kesdrvFault_shortFn shortOp = nullptr;
+    kesdrvFault_resetFn reset = nullptr;
+    kesdrvFault_opensFn opens = nullptr;
+    kesdrvFault_closesFn closes = nullptr;
+
+    static kt::DbOptions options() {
+        kt::DbOptions o;
+        o.componentMedium = 1;
+        o.start = false;
+        return o;
+    }
+    explicit FaultComponents(uint32_t size = 64 * 1024) : db(options()) {
+        path = db.dir.file("components.bin");
+        kesdb_layMedium(path.c_str(), size, 0);
+        const std::string libPath = kt::libPath("libkesdrv_fault.so");
+        kt::writeFile(db.param.mediaConfigPath,
+                      libPath + " faultMedia_open faultMedia_close faultMedia_read faultMedia_write "
+                                "faultMedia_seek faultMedia_sync " + path + "\n");
+        // The same loaded instance as the library's: its fault state is shared.
+        lib = dlopen(libPath.c_str(), RTLD_NOW);
+        if (lib) {
+            failFrom = reinterpret_cast<kesdrvFault_failFromFn>(dlsym(lib, KESDRV_FAULT_SYM_FAILFROM));
+            shortOp = reinterpret_cast<kesdrvFault_shortFn>(dlsym(lib, KESDRV_FAULT_SYM_SHORT));
+            reset = reinterpret_cast<kesdrvFault_resetFn>(dlsym(lib, KESDRV_FAULT_SYM_RESET));
+            opens = reinterpret_cast<kesdrvFault_opensFn>(dlsym(lib, KESDRV_FAULT_SYM_OPENS));
+            closes = reinterpret_cast<kesdrvFault_closesFn>(dlsym(lib, KESDRV_FAULT_SYM_CLOSES));
+        }
+        db.start();
+        if (reset) reset();
+    }
+    ~FaultComponents() {
+        db.stop();
+        if (lib) dlclose(lib);
+    }
+    FaultComponents(const FaultComponents&) = delete;
+    FaultComponents& operator=(const FaultComponents&) = delete;
+    bool ready() const { return db.id > 0 && failFrom && shortOp && reset && opens && closes; }
+};
+
+}  // namespace tk
