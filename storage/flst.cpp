@@ -21,24 +21,14 @@
 
 #include "kesdbm/session.h"
 #include "kesdbm/storage.h"
+#include "storage/free_list.hpp"
 
 namespace {
 
-constexpr uint32_t kAnchor = KESDB_FLST_ANCHOR;
-
-// A step of a walk from `from` to `to` is accepted when `to` lies at least one element header
-// past `from` (past the anchor's word when `from` is the anchor).
-bool advances(uint32_t from, uint32_t to) {
-    const uint32_t gap = from == kAnchor ? 4u : 8u;
-    return to >= gap && to - gap >= from;
-}
-
-// True when the block [key, key + size) ends within 32-bit keys.
-bool fitsIn32(uint32_t key, uint32_t size) { return size <= UINT32_MAX - key; }
-
-// Fill pattern of fragments: DE AD DE AD ...
-constexpr uint32_t kPatternMax = 8;
-const unsigned char kDeadPattern[kPatternMax] = {0xDE, 0xAD, 0xDE, 0xAD, 0xDE, 0xAD, 0xDE, 0xAD};
+constexpr uint32_t kAnchor = kes::kFreeListAnchor;
+constexpr uint32_t kPatternMax = kes::kFragmentMax;
+using kes::fitsIn32;
+using kes::kDeadPattern;
 
 // Element bodies of 1 to 1024 bytes are filled with 0xBA from a buffer of this size.
 constexpr uint32_t kBodyBuffer = 1024;
@@ -173,42 +163,18 @@ int32_t flst_fillFlagmented(Session* s, const char* path, uint32_t key, uint32_t
 }
 
 uint32_t flst_get(Session* s, const char* path, uint32_t size) {
-    uint32_t first = flst_getFirstOffset(s, path);
-    if (first == 0) return 0;
-    if (!advances(kAnchor, first)) {
-        session_setError(s, KESDB_ERR_COMP_READ, kAnchor);
-        return 0;
-    }
-    uint32_t predecessor = kAnchor;
-    uint32_t current = first;
-    FreeElement e{0, 0};
-    for (;;) {
-        if (!flst_getElement(s, path, current, &e)) return 0;
-        if (e.size >= size) break;
-        if (e.next == 0) return 0;
-        if (!advances(current, e.next)) {
-            session_setError(s, KESDB_ERR_COMP_READ, current);
-            return 0;
-        }
-        predecessor = current;
-        current = e.next;
-    }
-    if (!fitsIn32(current, e.size)) {
-        session_setError(s, KESDB_ERR_COMP_READ, current);
-        return 0;
-    }
-
-    // Write failures below are recorded but do not change the result.
-    uint32_t remainder = e.size - size;
-    if (remainder < 8) {
-        if (remainder != 0) flst_fillFlagmented(s, path, current + size, remainder);
-        flst_setNext(s, path, predecessor, e.next);
-    } else {
-        flst_setNext(s, path, predecessor, current + size);
-        FreeElement rest{e.next, remainder};
-        flst_setElement(s, path, current + size, &rest);
-    }
-    return current;
+    // The file's free list, through the path-based primitives.
+    struct PathList {
+        Session* s;
+        const char* path;
+        uint32_t first() { return flst_getFirstOffset(s, path); }
+        bool element(uint32_t key, FreeElement& e) { return flst_getElement(s, path, key, &e) != nullptr; }
+        int32_t setNext(uint32_t key, uint32_t next) { return flst_setNext(s, path, key, next); }
+        int32_t setElement(uint32_t key, const FreeElement& e) { return flst_setElement(s, path, key, &e); }
+        void fill(uint32_t key, uint32_t count) { flst_fillFlagmented(s, path, key, count); }
+        void broken(uint32_t key) { session_setError(s, KESDB_ERR_COMP_READ, key); }
+    } list{s, path};
+    return kes::allocateFirstFit(list, size, false);
 }
 
 // Only the head of the list is examined: a block that neither precedes nor adjoins the first

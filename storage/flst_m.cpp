@@ -20,25 +20,16 @@
 
 #include "kesdbm/session.h"
 #include "kesdbm/storage.h"
+#include "storage/free_list.hpp"
 #include "storage/medium_io.hpp"
 
 namespace {
 
-constexpr uint32_t kAnchor = KESDB_FLST_ANCHOR;
-
-// A step of a walk from `from` to `to` is accepted when `to` lies at least one element header
-// past `from` (past the anchor's word when `from` is the anchor).
-bool advances(uint32_t from, uint32_t to) {
-    const uint32_t gap = from == kAnchor ? 4u : 8u;
-    return to >= gap && to - gap >= from;
-}
-
-// True when the block [key, key + size) ends within 32-bit keys.
-bool fitsIn32(uint32_t key, uint32_t size) { return size <= UINT32_MAX - key; }
-
-// Fill pattern of fragments: DE AD DE AD ...
-constexpr uint32_t kPatternMax = 8;
-const unsigned char kDeadPattern[kPatternMax] = {0xDE, 0xAD, 0xDE, 0xAD, 0xDE, 0xAD, 0xDE, 0xAD};
+constexpr uint32_t kAnchor = kes::kFreeListAnchor;
+constexpr uint32_t kPatternMax = kes::kFragmentMax;
+using kes::advances;
+using kes::fitsIn32;
+using kes::kDeadPattern;
 
 // Writes `length` bytes at `key`: 0, or 22/23 recorded. A missing media entry gives 0 with
 // error 21 left recorded by getMedia.
@@ -152,42 +143,18 @@ int32_t flst_m_fillFlagmented(Session* s, uint32_t medium, uint32_t key, uint32_
 }
 
 uint32_t flst_m_get(Session* s, uint32_t medium, uint32_t size) {
-    uint32_t first = flst_m_getFirstOffset(s, medium);
-    if (first == 0) return 0;
-    if (!advances(kAnchor, first)) {
-        brokenLink(s, kAnchor);
-        return 0;
-    }
-    uint32_t predecessor = kAnchor;
-    uint32_t current = first;
-    FreeElement e{0, 0};
-    for (;;) {
-        if (!flst_m_getElement(s, medium, current, &e)) return 0;
-        if (e.size >= size) break;
-        if (e.next == 0) return 0;
-        if (!advances(current, e.next)) {
-            brokenLink(s, current);
-            return 0;
-        }
-        predecessor = current;
-        current = e.next;
-    }
-    if (!fitsIn32(current, e.size)) {
-        brokenLink(s, current);
-        return 0;
-    }
-
-    uint32_t remainder = e.size - size;
-    if (remainder < 8) {
-        if (remainder != 0) flst_m_fillFlagmented(s, medium, current + size, remainder);
-        flst_m_setNext(s, medium, predecessor, e.next);
-        return current;
-    }
-    // Split: the front of the element is handed out, the rest stays free.
-    flst_m_setNext(s, medium, predecessor, current + size);
-    FreeElement rest{e.next, remainder};
-    if (flst_m_setElement(s, medium, current + size, &rest) != 0) return KESDB_FLST_FAILED;
-    return current;
+    // The medium's free list, through the rooted primitives.
+    struct MediumList {
+        Session* s;
+        uint32_t medium;
+        uint32_t first() { return flst_m_getFirstOffset(s, medium); }
+        bool element(uint32_t key, FreeElement& e) { return flst_m_getElement(s, medium, key, &e) != nullptr; }
+        int32_t setNext(uint32_t key, uint32_t next) { return flst_m_setNext(s, medium, key, next); }
+        int32_t setElement(uint32_t key, const FreeElement& e) { return flst_m_setElement(s, medium, key, &e); }
+        void fill(uint32_t key, uint32_t count) { flst_m_fillFlagmented(s, medium, key, count); }
+        void broken(uint32_t key) { brokenLink(s, key); }
+    } list{s, medium};
+    return kes::allocateFirstFit(list, size, true);
 }
 
 int32_t flst_m_release(Session* s, uint32_t medium, uint32_t key, uint32_t size) {
