@@ -2,222 +2,198 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
+#include <functional>
 #include <string>
-#include <vector>
 
 #include "kesdbm/kesdbm.h"
-#include "testkit.hpp"
+#include "mediakit.hpp"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using mk::Bytes;
+using Element = std::array<uint32_t, 3>;  // key, next, size
 
-// A file of `size` zero bytes with the anchor word set.
-class PathList : public ::testing::Test {
+// A file of `size` zero bytes with the anchor word set and the given elements.
+class PathList : public ::testing::Test, public mk::ListFile {
 protected:
-    void make(uint32_t size, uint32_t first) {
+    void make(uint32_t size, uint32_t first, std::initializer_list<Element> elements = {}) {
         kt::writeFile(path, std::string(size, '\0'));
-        kt::writeBytes(path, 12, &first, 4);
+        anchor(first);
+        for (const Element& e : elements) put(e[0], e[1], e[2]);
+        s = Session{};
     }
-    void put(uint32_t key, uint32_t next, uint32_t size) {
-        const uint32_t words[2] = {next, size};
-        kt::writeBytes(path, key, words, 8);
+    // The element at `key` is {next, size}.
+    void expectElement(uint32_t key, uint32_t next, uint32_t size) {
+        EXPECT_EQ(word(key), next) << "next of " << key;
+        EXPECT_EQ(word(key + 4), size) << "size of " << key;
     }
-    uint32_t word(uint32_t key) { return kt::readWord(path, key); }
-    Bytes all() { return kt::readBytes(path, 0, 1 << 16); }
-
     kt::TempDir dir;
-    std::string path = dir.file("list.bin");
     Session s{};
+    const char* p() const { return path.c_str(); }
+    void SetUp() override { path = dir.file("list.bin"); }
 };
 
 }  // namespace
 
-TEST_F(PathList, EmptyListGivesNothingAndTakesNothingBack) {
-    make(256, 0);
-    put(64, 0, 100);  // an element that is not on the list
-    Bytes before = all();
-    EXPECT_EQ(flst_get(&s, path.c_str(), 8), 0u);
-    EXPECT_EQ(flst_get(&s, path.c_str(), 1), 0u);
-    EXPECT_EQ(flst_release(&s, path.c_str(), 32, 16), 0);
-    EXPECT_EQ(all(), before);
-    EXPECT_EQ(s.error, 0u);
-    EXPECT_EQ(flst_getAnchorOffset(&s, "/ignored"), 12u);
-    EXPECT_EQ(flst_getAnchorOffset(nullptr, nullptr), 12u);
-}
-
 TEST_F(PathList, GetWholeFragmentedAndSplit) {
-    // Exact fit: the element leaves the list.
-    make(512, 64);
-    put(64, 300, 100);
-    EXPECT_EQ(flst_get(&s, path.c_str(), 100), 64u);
-    EXPECT_EQ(word(12), 300u);
+    make(256, 0, {{64, 0, 100}});  // an element that is not on the list
+    Bytes before = all();
+    EXPECT_EQ(flst_get(&s, p(), 8), 0u);
+    EXPECT_EQ(flst_release(&s, p(), 32, 16), 0);
+    EXPECT_EQ(all(), before);
+    EXPECT_EQ(flst_getAnchorOffset(nullptr, nullptr), 12u);
 
-    // Remainder 5: DE AD DE AD DE at 159, the element leaves the list, the next byte is kept.
-    make(512, 64);
-    put(64, 300, 100);
-    uint8_t guard = 0x77;
-    kt::writeBytes(path, 164, &guard, 1);
-    EXPECT_EQ(flst_get(&s, path.c_str(), 95), 64u);
-    EXPECT_EQ(word(12), 300u);
-    EXPECT_EQ(kt::readBytes(path, 159, 6), (Bytes{0xDE, 0xAD, 0xDE, 0xAD, 0xDE, 0x77}));
+    // Exact fit leaves the list; remainder 5 is filled DE AD DE AD DE and lost; remainder 8
+    // becomes an element without body fill; zero bytes leave the element free.
+    struct Case {
+        uint32_t size, anchorAfter;
+        Bytes at159;  // 6 bytes from 159 (164 holds a guard byte 0x77); empty: not checked
+    } cases[] = {
+        {100, 300, {0, 0, 0, 0, 0, 0x77}},
+        {95, 300, {0xDE, 0xAD, 0xDE, 0xAD, 0xDE, 0x77}},
+        {92, 156, {}},
+        {0, 64, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.size);
+        make(512, 64, {{64, 300, 100}});
+        kt::writeBytes(path, 164, "\x77", 1);
+        EXPECT_EQ(flst_get(&s, p(), c.size), 64u);
+        EXPECT_EQ(word(12), c.anchorAfter);
+        if (c.size == 92) {
+            expectElement(156, 300, 8);
+        }
+        if (c.size == 0) {
+            expectElement(64, 300, 100);
+        }
+        if (!c.at159.empty()) {
+            EXPECT_EQ(bytes(159, 6), c.at159);
+        }
+    }
+    EXPECT_EQ(bytes(164, 1), Bytes{0x77});
 
-    // Remainder 8: an element of size 8 at 156 with the old next; no body fill for size 8.
-    make(512, 64);
-    put(64, 300, 100);
-    kt::writeBytes(path, 164, &guard, 1);
-    EXPECT_EQ(flst_get(&s, path.c_str(), 92), 64u);
-    EXPECT_EQ(word(12), 156u);
-    EXPECT_EQ(word(156), 300u);
-    EXPECT_EQ(word(160), 8u);
-    EXPECT_EQ(kt::readBytes(path, 164, 1), Bytes{0x77});
-
-    // First fit: the too-small first element is passed over, its next is relinked.
-    make(512, 32);
-    put(32, 64, 16);
-    put(64, 0, 200);
-    EXPECT_EQ(flst_get(&s, path.c_str(), 40), 64u);
+    // First fit: the too-small first element is passed over, its next is relinked, the
+    // split-off element of 160 bytes has its body filled with 0xBA.
+    make(512, 32, {{32, 64, 16}, {64, 0, 200}});
+    EXPECT_EQ(flst_get(&s, p(), 40), 64u);
     EXPECT_EQ(word(12), 32u);
     EXPECT_EQ(word(32), 104u);
-    EXPECT_EQ(word(104), 0u);
-    EXPECT_EQ(word(108), 160u);
-    // The split-off element of 160 bytes has its body filled with 0xBA.
-    EXPECT_EQ(kt::readBytes(path, 112, 152), Bytes(152, 0xBA));
-    // Nothing large enough: 0, nothing changes.
-    Bytes before = all();
-    EXPECT_EQ(flst_get(&s, path.c_str(), 161), 0u);
+    expectElement(104, 0, 160);
+    EXPECT_EQ(bytes(112, 152), Bytes(152, 0xBA));
+    before = all();
+    EXPECT_EQ(flst_get(&s, p(), 161), 0u);  // nothing large enough
     EXPECT_EQ(all(), before);
     EXPECT_EQ(s.error, 0u);
-}
-
-TEST_F(PathList, GetOfZeroBytesLeavesTheElementFree) {
-    make(512, 64);
-    put(64, 300, 100);
-    EXPECT_EQ(flst_get(&s, path.c_str(), 0), 64u);
-    EXPECT_EQ(word(12), 64u);
-    EXPECT_EQ(word(64), 300u);
-    EXPECT_EQ(word(68), 100u);
 }
 
 TEST_F(PathList, ReleaseExaminesOnlyTheHead) {
-    // In front of the head, apart from it: the new head.
-    make(256, 48);
-    put(48, 200, 32);
-    EXPECT_EQ(flst_release(&s, path.c_str(), 20, 16), 0);
-    EXPECT_EQ(word(12), 20u);
-    EXPECT_EQ(word(20), 48u);
-    EXPECT_EQ(word(24), 16u);
-    EXPECT_EQ(kt::readBytes(path, 28, 8), Bytes(8, 0xBA));
-
-    // Adjoining the head: 16 bytes at 32 merge with the element at 48.
-    make(256, 48);
-    put(48, 200, 32);
-    EXPECT_EQ(flst_release(&s, path.c_str(), 32, 16), 0);
-    EXPECT_EQ(word(12), 32u);
-    EXPECT_EQ(word(32), 200u);
-    EXPECT_EQ(word(36), 48u);
-
-    // A block at the anchor's own key is written over the anchor as an element.
-    make(256, 48);
-    put(48, 200, 32);
-    EXPECT_EQ(flst_release(&s, path.c_str(), 12, 8), 0);
-    EXPECT_EQ(word(12), 48u);
-    EXPECT_EQ(word(16), 8u);
-    make(256, 48);
-    put(48, 200, 32);
-    EXPECT_EQ(flst_release(&s, path.c_str(), 12, 36), 0);
-    EXPECT_EQ(word(12), 200u);
-    EXPECT_EQ(word(16), 68u);
+    struct Case {
+        const char* what;
+        uint32_t key, size, anchorAfter;
+        Element expect;
+    } cases[] = {
+        {"in front, apart", 20, 16, 20, {20, 48, 16}},
+        {"adjoining the head", 32, 16, 32, {32, 200, 48}},
+        {"over the anchor", 12, 8, 48, {12, 48, 8}},
+        {"over the anchor, merged", 12, 36, 200, {12, 200, 68}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        make(256, 48, {{48, 200, 32}});
+        EXPECT_EQ(flst_release(&s, p(), c.key, c.size), 0);
+        EXPECT_EQ(word(12), c.anchorAfter);
+        EXPECT_EQ(word(c.expect[0] + 4), c.expect[2]);
+        if (c.key != 12) {
+            EXPECT_EQ(word(c.expect[0]), c.expect[1]);
+        }
+    }
+    make(256, 48, {{48, 200, 32}});
+    EXPECT_EQ(flst_release(&s, p(), 20, 16), 0);
+    EXPECT_EQ(bytes(28, 8), Bytes(8, 0xBA));
 
     // Behind the head, overlapping it, or reaching beyond 4 GiB: nothing changes.
-    make(256, 48);
-    put(48, 200, 32);
+    make(256, 48, {{48, 200, 32}});
     Bytes before = all();
-    EXPECT_EQ(flst_release(&s, path.c_str(), 100, 16), 0);
-    EXPECT_EQ(flst_release(&s, path.c_str(), 40, 16), 0);
-    EXPECT_EQ(flst_release(&s, path.c_str(), 0xFFFFFFF0u, 0x20), 0);
+    EXPECT_EQ(flst_release(&s, p(), 100, 16), 0);
+    EXPECT_EQ(flst_release(&s, p(), 40, 16), 0);
+    EXPECT_EQ(flst_release(&s, p(), 0xFFFFFFF0u, 0x20), 0);
     EXPECT_EQ(all(), before);
     EXPECT_EQ(s.error, 0u);
-
     // The head cannot be read: nothing changes, 55 recorded.
     make(256, 254);
     before = all();
-    EXPECT_EQ(flst_release(&s, path.c_str(), 20, 16), 0);
+    EXPECT_EQ(flst_release(&s, p(), 20, 16), 0);
     EXPECT_EQ(all(), before);
     EXPECT_EQ(s.error, 55u);
 }
 
 TEST_F(PathList, ElementBodyFill) {
-    make(2200, 0);
-    auto marked = [&](uint32_t key, uint32_t size) {
+    // Bodies up to 1024 bytes are filled with 0xBA; larger ones and empty ones are not.
+    for (auto [size, marked] : {std::pair<uint32_t, uint32_t>{9, 1}, {1032, 1024}, {1033, 0}, {8, 0}}) {
+        SCOPED_TRACE(size);
+        make(2200, 0);
         const FreeElement e{0, size};
-        EXPECT_EQ(flst_setElement(&s, path.c_str(), key, &e), 0);
-        Bytes body = kt::readBytes(path, key + 8, 1030);
+        EXPECT_EQ(flst_setElement(&s, p(), 16, &e), 0);
+        expectElement(16, 0, size);
+        Bytes body = bytes(24, 1030);
         uint32_t n = 0;
         while (n < body.size() && body[n] == 0xBA) ++n;
-        return n;
-    };
-    EXPECT_EQ(marked(16, 9), 1u);
-    make(2200, 0);
-    EXPECT_EQ(marked(16, 1032), 1024u);
-    make(2200, 0);
-    EXPECT_EQ(marked(16, 1033), 0u);
-    make(2200, 0);
-    EXPECT_EQ(marked(16, 8), 0u);
-    EXPECT_EQ(word(16), 0u);
-    EXPECT_EQ(word(20), 8u);
+        EXPECT_EQ(n, marked);
+    }
 }
 
 TEST_F(PathList, PrimitivesAndTheirFailures) {
     make(64, 0);
-    EXPECT_EQ(flst_setFirstOffset(&s, path.c_str(), 40), 0);
-    EXPECT_EQ(flst_getFirstOffset(&s, path.c_str()), 40u);
-    EXPECT_EQ(flst_setNext(&s, path.c_str(), 40, 0x11223344u), 0);
+    EXPECT_EQ(flst_setFirstOffset(&s, p(), 40), 0);
+    EXPECT_EQ(flst_getFirstOffset(&s, p()), 40u);
+    EXPECT_EQ(flst_setNext(&s, p(), 40, 0x11223344u), 0);
     EXPECT_EQ(word(40), 0x11223344u);
-    EXPECT_EQ(flst_fillFlagmented(&s, path.c_str(), 50, 3), 0);
-    EXPECT_EQ(kt::readBytes(path, 50, 4), (Bytes{0xDE, 0xAD, 0xDE, 0x00}));
-    EXPECT_EQ(flst_fillFlagmented(&s, path.c_str(), 50, 9), 54);  // more than a fragment
+    EXPECT_EQ(flst_fillFlagmented(&s, p(), 50, 3), 0);
+    EXPECT_EQ(bytes(50, 4), (Bytes{0xDE, 0xAD, 0xDE, 0x00}));
+    EXPECT_EQ(flst_fillFlagmented(&s, p(), 50, 9), 54);  // more than a fragment
     EXPECT_EQ(s.errorDetail, static_cast<uint32_t>(EINVAL));
     s = Session{};
 
-    // An element read that brings 4 to 7 bytes is accepted with size 0.
+    // An element read that brings 4 to 7 bytes is accepted with size 0; fewer than 4 bytes:
+    // 55, detail 0, the buffer untouched.
     FreeElement e{9, 9};
-    EXPECT_EQ(flst_getElement(&s, path.c_str(), 58, &e), &e);
+    EXPECT_EQ(flst_getElement(&s, p(), 58, &e), &e);
     EXPECT_EQ(e.size, 0u);
-    // Fewer than 4 bytes: 55, detail 0, the buffer untouched.
     e = FreeElement{9, 9};
-    EXPECT_EQ(flst_getElement(&s, path.c_str(), 61, &e), nullptr);
+    EXPECT_EQ(flst_getElement(&s, p(), 61, &e), nullptr);
     EXPECT_EQ(s.error, 55u);
     EXPECT_EQ(s.errorDetail, 0u);
     EXPECT_EQ(e.next, 9u);
-    EXPECT_EQ(flst_getElement(&s, path.c_str(), 16, nullptr), nullptr);
+    EXPECT_EQ(flst_getElement(&s, p(), 16, nullptr), nullptr);
     EXPECT_EQ(s.error, 89u);
 
     // A missing file: 53 with ENOENT from every operation, never created.
     const std::string none = dir.file("none.bin");
-    s = Session{};
-    EXPECT_EQ(flst_getFirstOffset(&s, none.c_str()), 0u);
-    EXPECT_EQ(s.error, 53u);
-    EXPECT_EQ(s.errorDetail, static_cast<uint32_t>(ENOENT));
-    s = Session{};
-    EXPECT_EQ(flst_setNext(&s, none.c_str(), 16, 0), 53);
-    EXPECT_EQ(s.errorDetail, static_cast<uint32_t>(ENOENT));
-    s = Session{};
-    EXPECT_EQ(flst_setElement(&s, none.c_str(), 16, &e), 53);
-    EXPECT_EQ(flst_get(&s, none.c_str(), 8), 0u);
-    EXPECT_EQ(flst_release(&s, none.c_str(), 16, 8), 0);
-    EXPECT_EQ(s.error, 53u);
+    const std::pair<const char*, std::function<uint32_t()>> missing[] = {
+        {"getFirstOffset", [&] { return flst_getFirstOffset(&s, none.c_str()); }},
+        {"setNext", [&] { return uint32_t(flst_setNext(&s, none.c_str(), 16, 0)) - 53; }},
+        {"setElement", [&] { return uint32_t(flst_setElement(&s, none.c_str(), 16, &e)) - 53; }},
+        {"get", [&] { return flst_get(&s, none.c_str(), 8); }},
+        {"release", [&] { return uint32_t(flst_release(&s, none.c_str(), 16, 8)); }},
+    };
+    for (const auto& [what, call] : missing) {
+        SCOPED_TRACE(what);
+        s = Session{};
+        EXPECT_EQ(call(), 0u);
+        EXPECT_EQ(s.error, 53u);
+        EXPECT_EQ(s.errorDetail, static_cast<uint32_t>(ENOENT));
+    }
     EXPECT_EQ(flst_setFirstOffset(&s, nullptr, 16), 53);
     EXPECT_EQ(flst_get(nullptr, none.c_str(), 8), 0u);
     EXPECT_EQ(kt::readFile(none), "");
 
-    // A directory opens read-only but not for writing: 54 is not reachable that way, but the
-    // write-side open fails with 53 and EISDIR.
+    // A directory: the write-side open fails with 53 and EISDIR, reading fails after the
+    // open with 55 and EISDIR.
     s = Session{};
     EXPECT_EQ(flst_setNext(&s, dir.path().c_str(), 16, 0), 53);
     EXPECT_EQ(s.errorDetail, static_cast<uint32_t>(EISDIR));
-    // Reading a directory fails after the open: 55 with EISDIR.
     s = Session{};
     EXPECT_EQ(flst_getFirstOffset(&s, dir.path().c_str()), 0u);
     EXPECT_EQ(s.error, 55u);
@@ -225,44 +201,31 @@ TEST_F(PathList, PrimitivesAndTheirFailures) {
 }
 
 TEST_F(PathList, BrokenListsEndTheWalk) {
-    // A loop: 32 -> 64 -> 32, all too small.
-    make(256, 32);
-    put(32, 64, 16);
-    put(64, 32, 16);
-    Bytes before = all();
-    EXPECT_EQ(flst_get(&s, path.c_str(), 40), 0u);
-    EXPECT_EQ(s.error, 55u);
-    EXPECT_EQ(s.errorDetail, 64u);
-    EXPECT_EQ(all(), before);
-    // A self loop.
-    s = Session{};
-    put(32, 32, 16);
-    EXPECT_EQ(flst_get(&s, path.c_str(), 40), 0u);
-    EXPECT_EQ(s.errorDetail, 32u);
-    // A link into the element's own header.
-    s = Session{};
-    put(32, 36, 16);
-    EXPECT_EQ(flst_get(&s, path.c_str(), 40), 0u);
-    EXPECT_EQ(s.error, 55u);
-    // A first key inside the header.
-    make(256, 8);
-    s = Session{};
-    EXPECT_EQ(flst_get(&s, path.c_str(), 4), 0u);
-    EXPECT_EQ(s.error, 55u);
-    EXPECT_EQ(s.errorDetail, 12u);
-    // An element reaching beyond 4 GiB is not handed out.
-    make(256, 32);
-    put(32, 0, 0xFFFFFFF0u);
-    s = Session{};
-    EXPECT_EQ(flst_get(&s, path.c_str(), 16), 0u);
-    EXPECT_EQ(s.error, 55u);
-    // A list running off the end of the file ends at the failed read.
-    make(256, 32);
-    put(32, 4096, 16);
-    s = Session{};
-    EXPECT_EQ(flst_get(&s, path.c_str(), 40), 0u);
-    EXPECT_EQ(s.error, 55u);
-    EXPECT_EQ(s.errorDetail, 0u);
+    constexpr uint32_t kAny = 0xFFFFFFFFu;
+    struct Case {
+        const char* what;
+        uint32_t first;
+        Element a, b;
+        uint32_t getSize, detail;
+    } cases[] = {
+        {"loop", 32, {32, 64, 16}, {64, 32, 16}, 40, 64},
+        {"self loop", 32, {32, 32, 16}, {32, 32, 16}, 40, 32},
+        {"link into own header", 32, {32, 36, 16}, {32, 36, 16}, 40, kAny},
+        {"first key in the header", 8, {32, 0, 16}, {32, 0, 16}, 4, 12},
+        {"beyond 4 GiB", 32, {32, 0, 0xFFFFFFF0u}, {32, 0, 0xFFFFFFF0u}, 16, kAny},
+        {"off the end", 32, {32, 4096, 16}, {32, 4096, 16}, 40, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        make(256, c.first, {c.a, c.b});
+        Bytes before = all();
+        EXPECT_EQ(flst_get(&s, p(), c.getSize), 0u);
+        EXPECT_EQ(s.error, 55u);
+        if (c.detail != kAny) {
+            EXPECT_EQ(s.errorDetail, c.detail);
+        }
+        EXPECT_EQ(all(), before);
+    }
 }
 
 TEST(LayMedium, HeaderAndOneFreeElement) {

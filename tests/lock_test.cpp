@@ -1,13 +1,13 @@
 // Semaphore sets and the lock table: layout, shared and exclusive locks, waiting, the full
 // table, printing, persistence across runs, and locking between processes.
 #include <gtest/gtest.h>
-
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,10 +17,10 @@
 
 namespace {
 
-constexpr uint32_t kTry = 1;             // low byte: try once
-constexpr uint32_t kWait = 0;            // low byte: wait
-constexpr uint32_t kShared = 0x100;      // second byte: shared
-constexpr uint32_t kExclusive = 0x200;   // any other second byte: exclusive
+constexpr uint32_t kTry = 1;            // low byte: try once
+constexpr uint32_t kWait = 0;           // low byte: wait
+constexpr uint32_t kShared = 0x100;     // second byte: shared
+constexpr uint32_t kExclusive = 0x200;  // any other second byte: exclusive
 
 uint32_t entryOffset(uint32_t k) { return 24 + 24 * k; }
 enum Field : uint32_t { kDbId = 0, kKey = 4, kOwner = 8, kMode = 12, kNext = 16, kPrev = 20 };
@@ -82,20 +82,18 @@ TEST_F(LockTableTest, FreshTableLayoutAndReferenceCount) {
     umask(mask);
     EXPECT_EQ(st.st_mode & 0777, 0664u & ~mask);
 
-    EXPECT_EQ(word(0), 1u);
-    for (uint32_t off = 4; off < 24; off += 4) EXPECT_EQ(word(off), 0u) << off;
-    for (uint32_t f = 0; f < 24; f += 4) EXPECT_EQ(word(entryOffset(0) + f), 0u);
+    // Header {free head 1, 0...}, entry 0 unused, entries 1..1024 chained both ways.
+    std::vector<uint32_t> image(24624 / 4, 0);
+    image[0] = 1;
     for (uint32_t k = 1; k <= 1024; ++k) {
-        EXPECT_EQ(field(k, kDbId), 0u);
-        EXPECT_EQ(field(k, kKey), 0u);
-        EXPECT_EQ(field(k, kOwner), 0u);
-        EXPECT_EQ(field(k, kMode), 0u);
-        EXPECT_EQ(field(k, kNext), k < 1024 ? k + 1 : 0u) << k;
-        EXPECT_EQ(field(k, kPrev), k < 1024 ? k - 1 : 0u) << k;
+        image[(entryOffset(k) + kNext) / 4] = k < 1024 ? k + 1 : 0;
+        image[(entryOffset(k) + kPrev) / 4] = k < 1024 ? k - 1 : 0;
     }
+    std::vector<uint8_t> before = kt::readBytes(path, 0, 24624);
+    ASSERT_EQ(before.size(), 24624u);
+    EXPECT_EQ(std::memcmp(before.data(), image.data(), 24624), 0);
 
     // A second set-up only counts; the table stays mapped until the last shut-down.
-    std::vector<uint8_t> before = kt::readBytes(path, 0, 24624);
     EXPECT_EQ(lock_init(path.c_str()), 0);
     EXPECT_EQ(kt::readBytes(path, 0, 24624), before);
     EXPECT_EQ(lock_term(), 0);
@@ -124,7 +122,7 @@ TEST_F(LockTableTest, SharedHoldersBlockAnExclusiveRequestUntilBothRelease) {
     s3.errorDetail = 7;
     EXPECT_EQ(lock_compLock(&s3, 0x40, kTry | kExclusive), KESDB_ERR_LOCK_BUSY);
     EXPECT_EQ(lock_compLock(&s3, 0x40, kTry), KESDB_ERR_LOCK_BUSY);  // second byte 0: exclusive
-    EXPECT_EQ(s3.error, 42u);  // 75 is not recorded
+    EXPECT_EQ(s3.error, 42u);                                        // 75 is not recorded
     EXPECT_EQ(s3.errorDetail, 7u);
 
     // In waiting mode the request (in another process) is held until both holders release.
@@ -134,18 +132,16 @@ TEST_F(LockTableTest, SharedHoldersBlockAnExclusiveRequestUntilBothRelease) {
         int32_t rc = lock_compLockW(&s3, 0x40, kWait | kExclusive);
         return rc == 0 ? 0 : 11;
     });
-    auto exited = [&] {
-        int status = 0;
-        return waitpid(waiter, &status, WNOHANG) == waiter;
-    };
-    usleep(150 * 1000);
-    ASSERT_FALSE(exited());
-    EXPECT_EQ(lock_compUnlock(&s1, 0x40), 0);
-    usleep(150 * 1000);
-    ASSERT_FALSE(exited());
+    int status = -1;
+    for (int holders = 2; holders > 0; --holders) {
+        usleep(150 * 1000);
+        ASSERT_NE(waitpid(waiter, &status, WNOHANG), waiter) << holders;
+        if (holders == 2) {
+            EXPECT_EQ(lock_compUnlock(&s1, 0x40), 0);
+        }
+    }
     EXPECT_EQ(lock_compUnlock(&s1, 0x40), 0);  // any session of the database may release
     double start = nowMs();
-    int status = -1;
     while (nowMs() - start < 5000) {
         if (waitpid(waiter, &status, WNOHANG) == waiter) break;
         usleep(1000);
@@ -183,8 +179,8 @@ TEST_F(LockTableTest, ExclusiveLocksConflictDoNotNestAndAreKeptPerDatabase) {
     ASSERT_EQ(list.size(), 5u);
     std::vector<std::pair<uint32_t, uint32_t>> seen;
     for (uint32_t i : list) seen.emplace_back(field(i, kDbId), field(i, kKey));
-    EXPECT_EQ(seen, (std::vector<std::pair<uint32_t, uint32_t>>{
-                        {1, 0x10}, {1, 0x11}, {1, 0x11}, {2, 0x05}, {2, 0x10}}));
+    EXPECT_EQ(seen,
+              (std::vector<std::pair<uint32_t, uint32_t>>{{1, 0x10}, {1, 0x11}, {1, 0x11}, {2, 0x05}, {2, 0x10}}));
     EXPECT_EQ(list[1], 3u);  // the later shared lock stands first
 
     // Unlocking: the other database's lock is untouched; a key of another database is 76.
@@ -245,26 +241,21 @@ TEST_F(LockTableTest, FullTableRecords78AndOneUnlockMakesRoom) {
 }
 
 TEST_F(LockTableTest, ShowPrintsTheListsExactly) {
+    auto freeLine = [](int from) {
+        std::string line = "\nfree  head ->";
+        char item[16];
+        for (int k = from; k <= 1024; ++k) line += (snprintf(item, sizeof item, " %x", k), item);
+        return line;
+    };
     EXPECT_EQ(show(0), "\n");
-    std::string freshFree = "\nfree  head ->";
-    char item[16];
-    for (int k = 1; k <= 1024; ++k) {
-        snprintf(item, sizeof item, " %x", k);
-        freshFree += item;
-    }
-    EXPECT_EQ(show(4), freshFree + "\n");
+    EXPECT_EQ(show(4), freeLine(1) + "\n");
 
     ASSERT_EQ(lock_compLock(&s1, 30, kTry), 0);
     ASSERT_EQ(lock_compLock(&s1, 10, kTry), 0);
     ASSERT_EQ(lock_compLock(&s1, 20, kTry), 0);
     EXPECT_EQ(show(1), "\ncomp  head -> 2:a 3:14 1:1e\n");
     EXPECT_EQ(show(2), "\nvalue head ->\n");
-    std::string free4 = "\nfree  head ->";
-    for (int k = 4; k <= 1024; ++k) {
-        snprintf(item, sizeof item, " %x", k);
-        free4 += item;
-    }
-    EXPECT_EQ(show(7), free4 + "\ncomp  head -> 2:a 3:14 1:1e\nvalue head ->\n");
+    EXPECT_EQ(show(7), freeLine(4) + "\ncomp  head -> 2:a 3:14 1:1e\nvalue head ->\n");
     EXPECT_EQ(show(8), "\n");
     ASSERT_EQ(lock_compUnlock(&s1, 10), 0);
     EXPECT_EQ(show(1), "\ncomp  head -> 3:14 1:1e\n");
@@ -439,9 +430,7 @@ TEST(Sems, SetsBindToThePathAndFreeingKeepsThem) {
     SemSet set{};
     ASSERT_EQ(misc_getSems(&set, path.c_str()), 0);
     EXPECT_EQ(access((path + ".sem").c_str(), F_OK), 0);
-    EXPECT_NE(set.mutex, 0u);
-    EXPECT_NE(set.counter, 0u);
-    EXPECT_NE(set.event, 0u);
+    EXPECT_TRUE(set.mutex && set.counter && set.event);
     // The key is cleared afterwards: a plain create gives a new, private handle, while the
     // same path gives the same set again.
     uint32_t plain = 0;
@@ -449,18 +438,13 @@ TEST(Sems, SetsBindToThePathAndFreeingKeepsThem) {
     EXPECT_NE(plain, set.mutex);
     SemSet again{};
     ASSERT_EQ(misc_getSems(&again, path.c_str()), 0);
-    EXPECT_EQ(again.mutex, set.mutex);
-    EXPECT_EQ(again.counter, set.counter);
-    EXPECT_EQ(again.event, set.event);
+    EXPECT_TRUE(again.mutex == set.mutex && again.counter == set.counter && again.event == set.event);
 
+    // Freeing keeps the set usable.
     EXPECT_EQ(misc_freeSems(&set), 0);
-    EXPECT_EQ(misc_waitMtx(&set), 0);
-    EXPECT_EQ(misc_postMtx(&set), 0);
-    EXPECT_EQ(misc_postCount(&set), 0);
-    EXPECT_EQ(misc_waitCount(&set), 0);
-    EXPECT_EQ(misc_postEvent(&set), 0);
-    EXPECT_EQ(misc_resetEvent(&set), 0);
-    EXPECT_EQ(misc_waitEvent(&set), 0);
+    for (auto call :
+         {misc_waitMtx, misc_postMtx, misc_postCount, misc_waitCount, misc_postEvent, misc_resetEvent, misc_waitEvent})
+        EXPECT_EQ(call(&set), 0);
 
     // The mutex of one path excludes another process that binds the same path.
     ASSERT_EQ(misc_waitMtx(&set), 0);

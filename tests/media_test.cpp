@@ -6,7 +6,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "kesdbm/kesdbm.h"
 #include "testkit.hpp"
@@ -37,6 +39,16 @@ InitResult initWith(const kt::TempDir& dir, const std::string& text) {
     return r;
 }
 
+using Names = std::vector<std::string>;
+
+// The names of the loaded drivers, entries 1 onwards.
+Names loaded() {
+    Names names;
+    for (int32_t i = 1; i < media_getCount() && i < 200; ++i)
+        names.push_back(media_table[i].name ? media_table[i].name : "(null)");
+    return names;
+}
+
 }  // namespace
 
 TEST(MediaConfig, EightTokensLoadAndANinthIsIgnored) {
@@ -57,18 +69,16 @@ TEST(MediaConfig, EightTokensLoadAndANinthIsIgnored) {
     EXPECT_NE(e->handle, nullptr);
     EXPECT_STREQ(e->name, medium.c_str());
     EXPECT_EQ(e->arg, 0u);
-    // The loaded operations reach the named file.
+    // The loaded operations reach the named file, each in its own slot.
     int32_t err = 0;
     int fd = e->open(e->name, e->arg, &err);
     ASSERT_GE(fd, 0);
-    uint32_t root = 0;
-    EXPECT_EQ(e->read(fd, &root, 4, 8, &err), 4);
-    EXPECT_EQ(root, 0x1234u);
     EXPECT_EQ(e->seek(fd, 0, 2, &err), 64);
-    EXPECT_EQ(e->sync(fd, &err, 0), 0);
+    EXPECT_EQ(e->write(fd, "\x21", 1, 63, &err), 1);
     EXPECT_EQ(e->close(fd, &err), 0);
-    EXPECT_EQ(err, 0);
     EXPECT_EQ(flst_m_getRoot(&s, 1), 0x1234u);
+    EXPECT_EQ(media_sync(&s, 1, 0), 0);
+    EXPECT_EQ(kt::readBytes(medium, 63, 1), std::vector<uint8_t>{0x21});
 
     EXPECT_EQ(media_term(), 0);
     EXPECT_EQ(media_getCount(), 1);
@@ -90,8 +100,7 @@ TEST(MediaConfig, CommentsBlankLinesAndIncompleteLines) {
     EXPECT_EQ(r.output,
               "fillMediaEntry err1\nfillMediaEntry err1\nfillMediaEntry err1\nfillMediaEntry err2\n"
               "fillMediaEntry err2\n");
-    ASSERT_EQ(media_getCount(), 2);
-    EXPECT_STREQ(media_table[1].name, "/nowhere/a");
+    EXPECT_EQ(loaded(), Names{"/nowhere/a"});
     // A driver whose file is missing fails at open with the driver's error number.
     Session s{};
     EXPECT_EQ(media_sync(&s, 1, 0), 22);
@@ -110,10 +119,9 @@ TEST(MediaConfig, LastLineDecidesTheResult) {
         EXPECT_EQ(r.code, 14 + slot) << "slot " << slot;
         EXPECT_EQ(r.output, "");
         // The good line before it stays loaded.
-        EXPECT_EQ(media_getCount(), 2);
-        EXPECT_STREQ(media_table[1].name, "/x/good");
+        EXPECT_EQ(loaded(), Names{"/x/good"});
         EXPECT_EQ(media_term(), 0);
-        EXPECT_EQ(media_getCount(), 1);
+        EXPECT_EQ(loaded(), Names{});
     }
     // An unknown library on the last line: 20.
     const std::string unknown = dir.file("libnothere.so") + " a b c d e f /x/n\n";
@@ -124,23 +132,20 @@ TEST(MediaConfig, LastLineDecidesTheResult) {
     // The same line followed by a valid one: 0, and the valid line is entry 1.
     r = initWith(dir, unknown + fileLine("/x/after"));
     EXPECT_EQ(r.code, 0);
-    ASSERT_EQ(media_getCount(), 2);
-    EXPECT_STREQ(media_table[1].name, "/x/after");
+    EXPECT_EQ(loaded(), Names{"/x/after"});
     media_term();
     // A failing line followed by a comment line: the comment line gives 0.
-    const char* badRead[6] = {"fileMedia_open", "fileMedia_close", "nope", "fileMedia_write", "fileMedia_seek",
-                              "fileMedia_sync"};
+    const char* badRead[6] = {"fileMedia_open",  "fileMedia_close", "nope",
+                              "fileMedia_write", "fileMedia_seek",  "fileMedia_sync"};
     r = initWith(dir, fileLine("/x/bad", badRead) + "# trailing\n");
     EXPECT_EQ(r.code, 0);
     EXPECT_EQ(r.output, "fillMediaEntry err1\n");
     media_term();
     // A failed line does not take a slot: the next good line is built in the same one.
-    r = initWith(dir, fileLine("/x/bad", badRead) + fileLine("/x/ok1") + fileLine("/x/bad", badRead) +
-                          fileLine("/x/ok2"));
+    r = initWith(dir,
+                 fileLine("/x/bad", badRead) + fileLine("/x/ok1") + fileLine("/x/bad", badRead) + fileLine("/x/ok2"));
     EXPECT_EQ(r.code, 0);
-    ASSERT_EQ(media_getCount(), 3);
-    EXPECT_STREQ(media_table[1].name, "/x/ok1");
-    EXPECT_STREQ(media_table[2].name, "/x/ok2");
+    EXPECT_EQ(loaded(), (Names{"/x/ok1", "/x/ok2"}));
     media_term();
 }
 
@@ -180,9 +185,7 @@ TEST(MediaConfig, EmptyFileMissingFileAndSecondInit) {
     // A second init only counts: it does not open its path, even a missing one.
     EXPECT_EQ(media_init(dir.file("missing.conf").c_str()), 0);
     EXPECT_EQ(media_init(nullptr), 0);
-    EXPECT_EQ(media_term(), 0);
-    EXPECT_EQ(media_term(), 0);
-    EXPECT_EQ(media_term(), 0);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(media_term(), 0);
 
     // First init of a missing file: 12; the count stays raised, so the next init returns 0.
     EXPECT_EQ(media_init(dir.file("missing.conf").c_str()), 12);
@@ -206,28 +209,17 @@ TEST(MediaConfig, OverlongLineContinuesAsALineOfItsOwn) {
     InitResult r = initWith(dir, line + fileLine("/x/next"));
     EXPECT_EQ(r.code, 0);
     EXPECT_EQ(r.output, "fillMediaEntry err1\n");
-    ASSERT_EQ(media_getCount(), 3);
-    EXPECT_STREQ(media_table[1].name, "/x/long");
-    EXPECT_STREQ(media_table[2].name, "/x/next");
+    EXPECT_EQ(loaded(), (Names{"/x/long", "/x/next"}));
     media_term();
-}
-
-TEST(MediaConfig, FillMediaEntryRejectsNullArguments) {
-    MediaEntry e{};
-    char line[] = "x";
-    EXPECT_EQ(fillMediaEntry(nullptr, &e), -1);
-    EXPECT_EQ(fillMediaEntry(line, nullptr), -1);
 }
 
 TEST(BuiltInMedium, Entry0AndItsOpen) {
     kt::TempDir dir;
+    const MediaEntry& e0 = media_table[0];
     EXPECT_EQ(media_getCount(), 1);
-    EXPECT_EQ(media_table[0].handle, nullptr);
-    ASSERT_NE(media_table[0].name, nullptr);
-    EXPECT_STREQ(media_table[0].name, "");
-    EXPECT_EQ(media_table[0].arg, 0u);
-    EXPECT_EQ(media_table[0].open, &defMedia_open);
-    EXPECT_EQ(media_table[0].sync, &defMedia_sync);
+    EXPECT_TRUE(e0.handle == nullptr && e0.arg == 0 && e0.open == &defMedia_open && e0.sync == &defMedia_sync);
+    ASSERT_NE(e0.name, nullptr);
+    EXPECT_STREQ(e0.name, "");
 
     // Unset: -1 and nothing stored.
     unsetenv("KESDB_DEFMEDIA");
@@ -248,9 +240,7 @@ TEST(BuiltInMedium, Entry0AndItsOpen) {
     err = 0;
     int fd = defMedia_open(b.c_str(), 7, &err);
     ASSERT_GE(fd, 0);
-    int flags = fcntl(fd, F_GETFL);
-    EXPECT_EQ(flags & O_ACCMODE, O_RDWR);
-    EXPECT_EQ(flags & O_DSYNC, O_DSYNC);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & (O_ACCMODE | O_DSYNC), O_RDWR | O_DSYNC);
     EXPECT_EQ(defMedia_seek(fd, 0, 2, &err), 32);
     uint32_t word = 0xCAFE;
     EXPECT_EQ(defMedia_write(fd, &word, 4, 24, &err), 4);
@@ -267,20 +257,19 @@ TEST(BuiltInMedium, Entry0AndItsOpen) {
     EXPECT_EQ(flst_m_getRoot(&s, 0), 0xBu);
 
     // Failures store errno.
-    EXPECT_EQ(defMedia_read(-1, &word, 4, 0, &err), -1);
-    EXPECT_EQ(err, EBADF);
-    err = 0;
-    EXPECT_EQ(defMedia_write(-1, &word, 4, 0, &err), -1);
-    EXPECT_EQ(err, EBADF);
-    err = 0;
-    EXPECT_EQ(defMedia_seek(-1, 0, 0, &err), -1);
-    EXPECT_EQ(err, EBADF);
-    err = 0;
-    EXPECT_EQ(defMedia_sync(-1, &err, 0), -1);
-    EXPECT_EQ(err, EBADF);
-    err = 0;
-    EXPECT_EQ(defMedia_close(-1, &err), -1);
-    EXPECT_EQ(err, EBADF);
+    const std::pair<const char*, std::function<int64_t()>> bad[] = {
+        {"read", [&] { return defMedia_read(-1, &word, 4, 0, &err); }},
+        {"write", [&] { return defMedia_write(-1, &word, 4, 0, &err); }},
+        {"seek", [&] { return defMedia_seek(-1, 0, 0, &err); }},
+        {"sync", [&] { return defMedia_sync(-1, &err, 0); }},
+        {"close", [&] { return defMedia_close(-1, &err); }},
+    };
+    for (const auto& [what, call] : bad) {
+        SCOPED_TRACE(what);
+        err = 0;
+        EXPECT_EQ(call(), -1);
+        EXPECT_EQ(err, EBADF);
+    }
 }
 
 TEST(GetMedia, BoundsAndNullSession) {
@@ -327,16 +316,15 @@ TEST(MediaSync, AllPaths) {
     EXPECT_EQ(s.error, 21u);
 }
 
-TEST(MediaMisc, IsCompMedia) {
-    EXPECT_EQ(IsCompMedia("compMedia"), 1);
-    EXPECT_EQ(IsCompMedia("compMedi"), 1);
-    EXPECT_EQ(IsCompMedia("compMediX"), 1);
-    EXPECT_EQ(IsCompMedia("compMedia_values_2"), 1);
-    EXPECT_EQ(IsCompMedia("compMed"), 0);
-    EXPECT_EQ(IsCompMedia(""), 0);
-    EXPECT_EQ(IsCompMedia("CompMedia"), 0);
-    EXPECT_EQ(IsCompMedia("xcompMedia"), 0);
-    EXPECT_EQ(IsCompMedia(nullptr), 0);
+TEST(MediaMisc, IsCompMediaAndNullArguments) {
+    const std::pair<const char*, int> cases[] = {{"compMedia", 1},          {"compMedi", 1},   {"compMediX", 1},
+                                                 {"compMedia_values_2", 1}, {"compMed", 0},    {"", 0},
+                                                 {"CompMedia", 0},          {"xcompMedia", 0}, {nullptr, 0}};
+    for (const auto& [name, expect] : cases) EXPECT_EQ(IsCompMedia(name), expect) << (name ? name : "null");
+    MediaEntry e{};
+    char line[] = "x";
+    EXPECT_EQ(fillMediaEntry(nullptr, &e), -1);
+    EXPECT_EQ(fillMediaEntry(line, nullptr), -1);
 }
 
 TEST(MediaMisc, CompFileRead) {

@@ -14,8 +14,6 @@
 
 namespace {
 
-[[maybe_unused]] const int kHostOrderElements = setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
-
 constexpr uint32_t kMediumSize = 64 * 1024;
 
 uint32_t fileSize(const std::string& path) {
@@ -30,20 +28,24 @@ StringEntry entryAt(const std::string& path, uint32_t key) {
     return e;
 }
 
-TEST(StringTable, CreateAppendsTheTextAndWritesTheEntry) {
+class StringTable : public ::testing::Test {
+protected:
     kt::Db db;
     Session* s = &db.s;
+};
+
+TEST_F(StringTable, CreateAppendsTheTextReadsAreCutAtTheBufferSize) {
     session_setError(s, 99, 9);
     const uint32_t k = str_create(s, "abc", 0);
     ASSERT_NE(k, 0u);
     EXPECT_EQ(k, 16u);                 // the first free block of the string medium
     EXPECT_EQ(s->error, 0u);           // a full entry write records 0
     EXPECT_EQ(s->errorDetail, 0u);
-    const StringEntry e = entryAt(db.mediumPath, k);
-    EXPECT_EQ(e.key, k);
-    EXPECT_EQ(e.textMedium, 0u);
-    EXPECT_EQ(e.textOffset, kMediumSize);  // the former end of the medium
-    EXPECT_EQ(e.textLength, 4u);
+    const StringEntry first = entryAt(db.mediumPath, k);
+    EXPECT_EQ(first.key, k);
+    EXPECT_EQ(first.textMedium, 0u);
+    EXPECT_EQ(first.textOffset, kMediumSize);  // the former end of the medium
+    EXPECT_EQ(first.textLength, 4u);
     EXPECT_EQ(kt::readBytes(db.mediumPath, kMediumSize, 4), (std::vector<uint8_t>{'a', 'b', 'c', 0}));
     EXPECT_EQ(fileSize(db.mediumPath), kMediumSize + 4);
 
@@ -54,34 +56,25 @@ TEST(StringTable, CreateAppendsTheTextAndWritesTheEntry) {
     EXPECT_EQ(entryAt(db.mediumPath, k2).textOffset, kMediumSize + 4);
     EXPECT_EQ(kt::readBytes(db.mediumPath, kMediumSize + 4, 4), (std::vector<uint8_t>{'a', 'b', 'c', 0}));
 
-    StringEntry read{};
-    ASSERT_EQ(kesdb_getStrEntry(s, k2, &read), &read);
-    EXPECT_EQ(read.key, k2);
-    EXPECT_EQ(read.textLength, 4u);
+    StringEntry back{};
+    ASSERT_EQ(kesdb_getStrEntry(s, k2, &back), &back);
+    EXPECT_EQ(std::memcmp(&back, kt::readBytes(db.mediumPath, k2, 16).data(), 16), 0);
 
     // The empty text takes one byte, its NUL.
     const uint32_t k3 = str_create(s, "", 0);
     ASSERT_NE(k3, 0u);
     EXPECT_EQ(entryAt(db.mediumPath, k3).textLength, 1u);
-}
 
-TEST(StringTable, ReadsAreCutAtTheBufferSize) {
-    kt::Db db;
-    Session* s = &db.s;
-    const uint32_t k = str_create(s, "abc", 0);
-    ASSERT_NE(k, 0u);
     char buf[8];
-    std::memset(buf, 'X', sizeof buf);
-    EXPECT_EQ(kesdb_getString(s, k, buf, 2), buf);
-    EXPECT_EQ(std::string(buf, 4), "abXX");  // no NUL added
-    std::memset(buf, 'X', sizeof buf);
-    EXPECT_EQ(kesdb_getString(s, k, buf, 0), buf);
-    EXPECT_EQ(std::string(buf, 4), "XXXX");
-    EXPECT_EQ(kesdb_getString(s, k, buf, -5), buf);
-    EXPECT_EQ(std::string(buf, 4), "XXXX");
-    EXPECT_EQ(kesdb_getString(s, k, buf, sizeof buf), buf);
-    EXPECT_STREQ(buf, "abc");
-    EXPECT_EQ(buf[4], 'X');  // only the text's 4 bytes were read
+    auto read = [&](int32_t size) {
+        std::memset(buf, 'X', sizeof buf);
+        EXPECT_EQ(kesdb_getString(s, k, buf, size), buf);
+        return std::string(buf, 5);
+    };
+    // Cut without a NUL added; nothing for sizes up to 0; only the text's 4 bytes at most.
+    const std::pair<int32_t, std::string> cuts[] = {
+        {2, "abXXX"}, {0, "XXXXX"}, {-5, "XXXXX"}, {8, std::string("abc\0X", 5)}};
+    for (const auto& [size, expected] : cuts) EXPECT_EQ(read(size), expected) << size;
 
     // A damaged entry: a huge stored length reads no more than the buffer size; a negative
     // one reads nothing.
@@ -93,37 +86,10 @@ TEST(StringTable, ReadsAreCutAtTheBufferSize) {
     EXPECT_EQ(std::string(exact, 3), "abc");
     e.textLength = 0x80000000u;
     kt::writeBytes(db.mediumPath, k, &e, 16);
-    std::memset(buf, 'X', sizeof buf);
-    EXPECT_EQ(kesdb_getString(s, k, buf, sizeof buf), buf);
-    EXPECT_EQ(std::string(buf, 4), "XXXX");
+    EXPECT_EQ(read(8), "XXXXX");
 }
 
-TEST(StringTable, DeleteReleasesTheEntryForReuse) {
-    kt::Db db;
-    Session* s = &db.s;
-    const uint32_t k = str_create(s, "abc", 0);
-    const uint32_t other = str_create(s, "other", 0);
-    ASSERT_TRUE(k && other);
-    EXPECT_EQ(str_delete(s, k), 0);
-    EXPECT_TRUE(tk::isFree(tk::freeList(s, 0), k, 16));
-    // The text stays; the next creation may take the same entry, its text behind the others.
-    const uint32_t again = str_create(s, "xyz", 0);
-    EXPECT_EQ(again, k);
-    EXPECT_EQ(entryAt(db.mediumPath, again).textOffset, kMediumSize + 4 + 6);
-    EXPECT_EQ(kt::readBytes(db.mediumPath, kMediumSize, 4), (std::vector<uint8_t>{'a', 'b', 'c', 0}));
-    char buf[8] = {};
-    EXPECT_STREQ(kesdb_getString(s, again, buf, sizeof buf), "xyz");
-
-    // str_setDeleted gives the 16 bytes back at the entry's key.
-    StringEntry e{};
-    ASSERT_NE(kesdb_getStrEntry(s, other, &e), nullptr);
-    EXPECT_EQ(str_setDeleted(s, &e), 0);
-    EXPECT_TRUE(tk::isFree(tk::freeList(s, 0), other, 16));
-}
-
-TEST(StringTable, KeysThatNameNoEntryAreNotReleased) {
-    kt::Db db;
-    Session* s = &db.s;
+TEST_F(StringTable, DeleteReleasesOnlyEntriesAndTheyAreReused) {
     const uint32_t k = str_create(s, "abc", 0);
     ASSERT_NE(k, 0u);
     // Key 0 reads the header as it comes.
@@ -147,9 +113,27 @@ TEST(StringTable, KeysThatNameNoEntryAreNotReleased) {
     ASSERT_EQ(kesdb_getStrEntry(s, end - 8, &tail), &tail);
     EXPECT_EQ(tail.textOffset, 0u);
     EXPECT_EQ(tail.textLength, 0u);
+
+    const uint32_t other = str_create(s, "other", 0);
+    ASSERT_NE(other, 0u);
+    EXPECT_EQ(str_delete(s, k), 0);
+    EXPECT_TRUE(tk::isFree(tk::freeList(s, 0), k, 16));
+    // The text stays; the next creation may take the same entry, its text behind the others.
+    const uint32_t again = str_create(s, "xyz", 0);
+    EXPECT_EQ(again, k);
+    EXPECT_EQ(entryAt(db.mediumPath, again).textOffset, kMediumSize + 4 + 6);
+    EXPECT_EQ(kt::readBytes(db.mediumPath, kMediumSize, 4), (std::vector<uint8_t>{'a', 'b', 'c', 0}));
+    char buf[8] = {};
+    EXPECT_STREQ(kesdb_getString(s, again, buf, sizeof buf), "xyz");
+
+    // str_setDeleted gives the 16 bytes back at the entry's key.
+    StringEntry e{};
+    ASSERT_NE(kesdb_getStrEntry(s, other, &e), nullptr);
+    EXPECT_EQ(str_setDeleted(s, &e), 0);
+    EXPECT_TRUE(tk::isFree(tk::freeList(s, 0), other, 16));
 }
 
-TEST(StringTable, NoRoomForAnEntry) {
+TEST(StringTableMedia, NoRoomForAnEntry) {
     kt::DbOptions o;
     o.mediumSize = 24;  // one free element of 8 bytes
     kt::Db db(o);
@@ -159,49 +143,41 @@ TEST(StringTable, NoRoomForAnEntry) {
     StringEntry e{};
     e.key = 0x55;
     EXPECT_EQ(str_newEntry(s, &e), nullptr);
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_STR_ALLOC));
+    EXPECT_EQ(tk::err(s), KESDB_ERR_STR_ALLOC);
     EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(ENOSPC));
     EXPECT_EQ(e.key, 0x55u);
     EXPECT_EQ(str_create(s, "abc", 0), 0u);
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_STR_ALLOC));
+    EXPECT_EQ(tk::err(s), KESDB_ERR_STR_ALLOC);
     EXPECT_EQ(kt::readFile(db.mediumPath), before);  // nothing written, at key 0 or anywhere
 }
 
-TEST(StringTable, UnopenableMediaAndMissingDatabase) {
-    kt::Db db;
-    Session* s = &db.s;
+TEST_F(StringTable, UnopenableMediaAndMissingDatabase) {
     const uint32_t k = str_create(s, "abc", 0);
     ASSERT_NE(k, 0u);
 
     // An entry whose text lies in a medium that is not in the table.
-    StringEntry e{};
-    ASSERT_NE(str_newEntry(s, &e), nullptr);
-    e.textMedium = 9;
-    e.textLength = 4;
-    str_setEntry(s, &e);
     char buf[8] = {};
-    EXPECT_EQ(kesdb_getString(s, e.key, buf, sizeof buf), nullptr);
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_MEDIA_INDEX));
+    EXPECT_EQ(kesdb_getString(s, tk::danglingString(s, 9), buf, sizeof buf), nullptr);
+    EXPECT_EQ(tk::err(s), KESDB_ERR_MEDIA_INDEX);
     EXPECT_EQ(str_create(s, "abc", 9), 0u);
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_MEDIA_INDEX));
+    EXPECT_EQ(tk::err(s), KESDB_ERR_MEDIA_INDEX);
 
     // The medium file is gone: 38 for the entry, and str_delete returns the read's code.
     setenv("KESDB_DEFMEDIA", db.dir.file("missing.bin").c_str(), 1);
     EXPECT_EQ(kesdb_getString(s, k, buf, sizeof buf), nullptr);
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_STR_OPEN));
+    EXPECT_EQ(tk::err(s), KESDB_ERR_STR_OPEN);
     EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(ENOENT));
     EXPECT_EQ(str_delete(s, k), KESDB_ERR_STR_OPEN);
     EXPECT_EQ(str_create(s, "abc", 0), 0u);
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_STR_OPEN));
+    EXPECT_EQ(tk::err(s), KESDB_ERR_STR_OPEN);
     StringEntry write{};
     write.key = k;
     EXPECT_EQ(str_setEntry(s, &write), KESDB_ERR_STR_OPEN);
     setenv("KESDB_DEFMEDIA", db.mediumPath.c_str(), 1);
 
-    Session bad = *s;
-    bad.dbId = 30;
+    Session bad = tk::unregistered(*s);
     EXPECT_EQ(kesdb_getStrEntry(&bad, k, &write), nullptr);
-    EXPECT_EQ(bad.error, static_cast<uint32_t>(KESDB_ERR_DB_NOTFOUND));
+    EXPECT_EQ(tk::err(&bad), KESDB_ERR_DB_NOTFOUND);
     EXPECT_EQ(kesdb_getString(&bad, k, buf, sizeof buf), nullptr);
     EXPECT_EQ(str_newEntry(&bad, &write), nullptr);
     EXPECT_EQ(str_create(&bad, "abc", 0), 0u);
@@ -213,7 +189,7 @@ TEST(StringTable, UnopenableMediaAndMissingDatabase) {
 
     // Null arguments are refused.
     EXPECT_EQ(str_create(s, nullptr, 0), 0u);
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_NULLARG));
+    EXPECT_EQ(tk::err(s), KESDB_ERR_NULLARG);
     EXPECT_EQ(kesdb_getString(s, k, nullptr, 8), nullptr);
     EXPECT_EQ(kesdb_getStrEntry(s, k, nullptr), nullptr);
     EXPECT_EQ(str_newEntry(s, nullptr), nullptr);
@@ -222,7 +198,7 @@ TEST(StringTable, UnopenableMediaAndMissingDatabase) {
     EXPECT_STREQ(kesdb_getString(s, k, buf, sizeof buf), "abc");
 }
 
-TEST(StringTable, TextInAnotherMediumThatCannotBeOpened) {
+TEST(StringTableMedia, TextInAnotherMediumThatCannotBeOpened) {
     kt::DbOptions o;
     o.start = false;
     kt::Db db(o);
@@ -235,7 +211,7 @@ TEST(StringTable, TextInAnotherMediumThatCannotBeOpened) {
     Session* s = &db.s;
     const std::vector<tk::FreeBlock> before = tk::freeList(s, 0);
     EXPECT_EQ(str_create(s, "abc", 1), 0u);
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_MEDIA_OPEN));
+    EXPECT_EQ(tk::err(s), KESDB_ERR_MEDIA_OPEN);
     EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(ENOENT));
     // The entry's block stays allocated (and unreferenced).
     EXPECT_NE(tk::freeList(s, 0), before);
@@ -243,8 +219,9 @@ TEST(StringTable, TextInAnotherMediumThatCannotBeOpened) {
     kt::writeFile(missing, "0123");
     const uint32_t k = str_create(s, "abc", 1);
     ASSERT_NE(k, 0u);
-    EXPECT_EQ(entryAt(db.mediumPath, k).textMedium, 1u);
-    EXPECT_EQ(entryAt(db.mediumPath, k).textOffset, 4u);
+    const StringEntry e = entryAt(db.mediumPath, k);
+    EXPECT_EQ(e.textMedium, 1u);
+    EXPECT_EQ(e.textOffset, 4u);
     EXPECT_EQ(kt::readFile(missing), std::string("0123abc", 7) + std::string(1, '\0'));
     char buf[8] = {};
     EXPECT_STREQ(kesdb_getString(s, k, buf, sizeof buf), "abc");

@@ -1,6 +1,7 @@
 // Value-set transfers over subtrees and the printout of a subtree.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdlib>
 #include <string>
 
@@ -9,22 +10,14 @@
 
 namespace {
 
-[[maybe_unused]] const int kHostOrderElements = setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
-
 std::string num(uint32_t v) { return std::to_string(static_cast<int>(v)); }
 
-// A leaf's three values.
-struct Values {
-    uint32_t current, defaultValue, factory;
-};
+// A leaf's current, default and factory values.
+using Values = std::array<uint32_t, 3>;
 
 Values valuesOf(Session* s, uint32_t leaf) {
     const LeafRecord r = tk::leafRecord(s, leaf);
     return {tk::u32Of(s, r.currentValue), tk::u32Of(s, r.defaultValue), tk::u32Of(s, r.factoryValue)};
-}
-
-bool operator==(const Values& a, const Values& b) {
-    return a.current == b.current && a.defaultValue == b.defaultValue && a.factory == b.factory;
 }
 
 // A node N holding the leaves L1, L2, L3 (values 10 + i, 20 + i, 30 + i) and an empty node E.
@@ -43,12 +36,20 @@ struct Sets {
         }
         EXPECT_EQ(tk::childNames(s, N), "L1,L2,L3");
     }
+    // One of the values (0 current, 1 default, 2 factory) of L1, L2 and L3.
+    Values column(int which) const {
+        return {valuesOf(s, L[0])[which], valuesOf(s, L[1])[which], valuesOf(s, L[2])[which]};
+    }
 };
 
-TEST(TreeTransfer, EachTransferCopiesItsSetOverTheSubtree) {
+class TreeTransfer : public ::testing::Test {
+protected:
     kt::Db db;
     Session* s = &db.s;
-    Sets t(s);
+    Sets t{s};
+};
+
+TEST_F(TreeTransfer, EachTransferCopiesItsSetOverTheSubtree) {
     EXPECT_EQ(comp_currentToDefault(s, t.root), 0);
     for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(valuesOf(s, t.L[i]), (Values{11 + i, 11 + i, 31 + i}));
     EXPECT_EQ(comp_factoryToDefault(s, t.N), 0);
@@ -62,22 +63,17 @@ TEST(TreeTransfer, EachTransferCopiesItsSetOverTheSubtree) {
     EXPECT_EQ(comp_currentToDefault(s, t.E), 0);
 }
 
-TEST(TreeTransfer, TheWalkStopsAtTheFirstFailingChild) {
-    kt::Db db;
-    Session* s = &db.s;
-    Sets t(s);
+TEST_F(TreeTransfer, TheWalkStopsAtTheFirstFailingChild) {
     // L2's current value is 8 bytes, its default only 4: the copy fails with 49.
     ASSERT_EQ(leaf_setCurrentValueKey(s, t.L[1], tk::u64(s, 5)), 0);
     EXPECT_EQ(comp_currentToDefault(s, t.root), KESDB_ERR_VALUE_SHORTDEST);
-    EXPECT_EQ(valuesOf(s, t.L[0]).defaultValue, 11u);  // handled before
-    EXPECT_EQ(valuesOf(s, t.L[1]).defaultValue, 22u);
-    EXPECT_EQ(valuesOf(s, t.L[2]).defaultValue, 23u);  // never reached
+    EXPECT_EQ(t.column(1), (Values{11, 22, 23}));  // L1 handled before, L3 never reached
     // Factory to default goes through: L2's factory value fits.
     EXPECT_EQ(comp_factoryToDefault(s, t.N), 0);
-    EXPECT_EQ(valuesOf(s, t.L[2]).defaultValue, 33u);
+    EXPECT_EQ(valuesOf(s, t.L[2])[1], 33u);
 }
 
-TEST(TreeTransfer, DefaultToCurrentRunsTheLeafsSetHooks) {
+TEST(TreeTransferHooks, DefaultToCurrentRunsTheLeafsSetHooks) {
     kt::DbOptions o;
     o.hookConfig = kt::libPath("libkeshook_sample.so") + " test_refuse5 NULL NULL NULL\n";
     kt::Db db(o);
@@ -89,39 +85,32 @@ TEST(TreeTransfer, DefaultToCurrentRunsTheLeafsSetHooks) {
     ASSERT_EQ(comp_setLeaf(s, &hooked), 0);
     EXPECT_EQ(comp_defaultToCurrent(s, t.N), KESDB_ERR_HOOK_PRESET);
     EXPECT_EQ(s->errorDetail, 5u);
-    EXPECT_EQ(valuesOf(s, t.L[0]).current, 21u);
-    EXPECT_EQ(valuesOf(s, t.L[1]).current, 12u);  // refused by its hook
-    EXPECT_EQ(valuesOf(s, t.L[2]).current, 13u);
+    EXPECT_EQ(t.column(0), (Values{21, 12, 13}));  // L2 refused by its hook
     // The other transfers do not run hooks.
     EXPECT_EQ(comp_currentToDefault(s, t.N), 0);
 }
 
-TEST(TreeTransfer, BadKindsUnreadableKeysAndLoops) {
-    kt::Db db;
-    Session* s = &db.s;
-    Sets t(s);
+TEST_F(TreeTransfer, BadKindsUnreadableKeysAndLoops) {
     CompRecord odd = tk::common(s, t.L[2]);
     odd.kind = 2;
     ASSERT_EQ(comp_setComponent(s, &odd), 0);
     EXPECT_EQ(comp_currentToDefault(s, t.N), KESDB_ERR_COMP_BADKIND);
-    EXPECT_EQ(valuesOf(s, t.L[1]).defaultValue, 12u);  // the leaves before it were handled
-    std::string out = kt::captureStdout([&] { comp_traverseAndPrint(s, t.L[2], 0); });
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_COMP_BADKIND));
+    EXPECT_EQ(t.column(1), (Values{11, 12, 23}));  // the leaves before it were handled
+    EXPECT_EQ(kt::captureStdout([&] { comp_traverseAndPrint(s, t.L[2], 0); }), "");
+    EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_BADKIND);
     odd.kind = KESDB_KIND_LEAF;
     ASSERT_EQ(comp_setComponent(s, &odd), 0);
 
     EXPECT_EQ(comp_factoryToDefault(s, 0), KESDB_ERR_COMP_NULLKEY);
     EXPECT_EQ(comp_factoryToDefault(s, 60000), KESDB_ERR_COMP_READ);
-    out = kt::captureStdout([&] { comp_traverseAndPrint(s, 60000, 0); });
-    EXPECT_EQ(out, "");
+    EXPECT_EQ(kt::captureStdout([&] { comp_traverseAndPrint(s, 60000, 0); }), "");
 
     // N's list loops (L3 links back to L1): the transfers and the printout end with 55.
     ASSERT_EQ(comp_setNextSibling(s, t.L[2], t.L[0]), 0);
     EXPECT_EQ(comp_defaultToCurrent(s, t.N), KESDB_ERR_COMP_READ);
     session_setError(s, 0, 0);
-    out = kt::captureStdout([&] { comp_traverseAndPrint(s, t.N, 0); });
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_COMP_READ));
+    std::string out = kt::captureStdout([&] { comp_traverseAndPrint(s, t.N, 0); });
+    EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_READ);
     EXPECT_LT(out.size(), 2000u);
     // A node holding itself: endlessly deep, ended by the depth limit.
     ASSERT_EQ(comp_setNextSibling(s, t.L[2], 0), 0);
@@ -129,19 +118,23 @@ TEST(TreeTransfer, BadKindsUnreadableKeysAndLoops) {
     EXPECT_EQ(comp_currentToDefault(s, t.E), KESDB_ERR_COMP_READ);
     session_setError(s, 0, 0);
     out = kt::captureStdout([&] { comp_traverseAndPrint(s, t.E, 0); });
-    EXPECT_EQ(s->error, static_cast<uint32_t>(KESDB_ERR_COMP_READ));
+    EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_READ);
     // 1025 node lines (levels 0 to 1024), each indented by two spaces more than the last.
     size_t lines = 0;
     for (char c : out) lines += c == '\n';
     EXPECT_EQ(lines, 1025u);
 }
 
-// A root named / holding the node net, which holds the leaf ip with hook index 2, and the
-// leaf time without a hook.
-TEST(TreePrint, TheExampleTree) {
+class TreePrint : public ::testing::Test {
+protected:
     kt::Db db;
     Session* s = &db.s;
     const uint32_t root = tk::makeRoot(s, "/");
+};
+
+// A root named / holding the node net, which holds the leaf ip with hook index 2, and the
+// leaf time without a hook.
+TEST_F(TreePrint, TheExampleTree) {
     const uint32_t time = tk::leaf(s, root, 0, "time", tk::u32(s, 4), tk::u32(s, 5), tk::u32(s, 6));
     const uint32_t net = tk::node(s, root, 0, "net");
     const uint32_t v1 = tk::u32(s, 7), v2 = tk::u32(s, 8), v3 = tk::u32(s, 9);
@@ -174,10 +167,7 @@ TEST(TreePrint, TheExampleTree) {
     EXPECT_EQ(kt::captureStdout([&] { comp_traverseAndPrint(s, net, 3); }).substr(0, 11), "      node ");
 }
 
-TEST(TreePrint, NamesThatCannotBeFetchedOrAreTooLong) {
-    kt::Db db;
-    Session* s = &db.s;
-    const uint32_t root = tk::makeRoot(s, "/");
+TEST_F(TreePrint, NamesThatCannotBeFetchedOrAreTooLong) {
     const std::string longName(300, 'q');
     const uint32_t big = tk::node(s, root, 0, longName);
     ASSERT_NE(big, 0u);
@@ -185,22 +175,16 @@ TEST(TreePrint, NamesThatCannotBeFetchedOrAreTooLong) {
               "node " + num(big) + " [" + longName.substr(0, 255) + "]\n");
 
     // The name's text lies in a medium the table does not have: printed empty.
-    StringEntry e{};
-    ASSERT_NE(str_newEntry(s, &e), nullptr);
-    e.textMedium = 42;
-    e.textLength = 5;
-    str_setEntry(s, &e);
-    ASSERT_EQ(comp_setStringKey(s, big, e.key), 0);
+    ASSERT_EQ(comp_setStringKey(s, big, tk::danglingString(s, 42, 5)), 0);
     EXPECT_EQ(kt::captureStdout([&] { comp_traverseAndPrint(s, big, 0); }), "node " + num(big) + " []\n");
     // No name at all (string key 0): printed empty too.
     ASSERT_EQ(comp_setStringKey(s, big, 0), 0);
     EXPECT_EQ(kt::captureStdout([&] { comp_traverseAndPrint(s, root, 0); }),
               "node " + num(root) + " [/]\n  node " + num(big) + " []\n");
 
-    Session bad = *s;
-    bad.dbId = 30;
+    Session bad = tk::unregistered(*s);
     EXPECT_EQ(kt::captureStdout([&] { comp_traverseAndPrint(&bad, root, 0); }), "comp_getComponent err4\n");
-    EXPECT_EQ(bad.error, static_cast<uint32_t>(KESDB_ERR_DB_NOTFOUND));
+    EXPECT_EQ(tk::err(&bad), KESDB_ERR_DB_NOTFOUND);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "../../drivers/kesdrv_fault.h"
@@ -187,5 +188,35 @@ struct FaultComponents {
     FaultComponents& operator=(const FaultComponents&) = delete;
     bool ready() const { return db.id > 0 && failFrom && shortOp && reset && opens && closes; }
 };
+
+// The session's error word as the signed code the operations return.
+inline int32_t err(const Session* s) { return static_cast<int32_t>(s->error); }
+
+// A copy of a session naming a database id that is not registered, its error words cleared.
+inline Session unregistered(const Session& s) {
+    Session bad = s;
+    bad.dbId = 30;
+    bad.error = 0;
+    bad.errorDetail = 0;
+    return bad;
+}
+
+// A string entry whose text lies in medium `textMedium` (one the table does not have, for a
+// name that cannot be fetched). Returns its key, or 0.
+inline uint32_t danglingString(Session* s, uint32_t textMedium, uint32_t textLength = 4) {
+    StringEntry e{};
+    if (!str_newEntry(s, &e)) return 0;
+    e.textMedium = textMedium;
+    e.textLength = textLength;
+    return str_setEntry(s, &e) == 0 ? e.key : 0;
+}
+
+// What `body` printed on standard output, with the key it returned.
+template <typename F>
+std::pair<uint32_t, std::string> keyAndOutput(F&& body) {
+    uint32_t key = 0;
+    std::string out = kt::captureStdout([&] { key = body(); });
+    return {key, out};
+}
 
 }  // namespace tk
