@@ -1,0 +1,334 @@
+#include "commands.hpp"
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "common.hpp"
+#include "database.hpp"
+#include "description.hpp"
+#include "treeio.hpp"
+#include "values.hpp"
+
+namespace fs = std::filesystem;
+
+namespace kesdb {
+
+namespace {
+
+void writeText(const std::string& file, const std::string& text) {
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.close();
+    if (!out) fail("cannot write " + file + ": " + std::strerror(errno));
+}
+
+std::string baseName(const std::string& path) {
+    size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string parentOf(const std::string& path) {
+    size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// The hook configuration for the --hook lines: five tokens each, the library looked up in
+// `libDirectory` when it has no '/'. Unless `check` is false (libraries of another
+// machine), every library and function is loaded here first, so a wrong line is reported
+// by name before anything is made.
+std::string hookConfig(const std::vector<std::string>& hooks, const std::string& libDirectory, bool check) {
+    std::string conf;
+    for (size_t i = 0; i < hooks.size(); ++i) {
+        const std::string label = "--hook " + std::to_string(i + 1) + " '" + hooks[i] + "'";
+        std::istringstream words(hooks[i]);
+        std::vector<std::string> w;
+        for (std::string x; words >> x;) w.push_back(x);
+        if (w.size() != 5) fail(label + ": needs LIB PRESET POSTSET PREGET POSTGET (NULL for none)", kExitUsage);
+        for (const std::string& x : w)
+            if (x.find('#') != std::string::npos) fail(label + ": '#' starts a comment in the hook file", kExitUsage);
+        if (w[0].find('/') == std::string::npos) w[0] = libDirectory + "/" + w[0];
+        conf += w[0] + " " + w[1] + " " + w[2] + " " + w[3] + " " + w[4] + "\n";
+        if (!check) continue;
+        void* lib = dlopen(w[0].c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (!lib) fail(label + ": " + dlerror());
+        for (size_t k = 1; k < 5; ++k) {
+            if (w[k] != "NULL" && !dlsym(lib, w[k].c_str())) {
+                dlclose(lib);
+                fail(label + ": " + w[0] + " has no function " + w[k]);
+            }
+        }
+        dlclose(lib);
+    }
+    // No comment and no blank line after the last hook: the hook file's result is that of
+    // its last line, and such a line would fail the start-up.
+    return conf;
+}
+
+// The failing write's code, with the hook's own result when a hook refused.
+[[noreturn]] void refused(const std::string& what, const Session& s, int32_t rc) {
+    std::string detail;
+    if (rc >= KESDB_ERR_HOOK_PREGET && rc <= KESDB_ERR_HOOK_POSTSET)
+        detail = " (hook result " + std::to_string(static_cast<int32_t>(s.errorDetail)) + ")";
+    fail(what + ": " + codeText(rc) + detail);
+}
+
+uint32_t leafType(Database& db, uint32_t key, const std::string& path) {
+    const int32_t type = kesDBMGetType(&db.s, key);
+    if (type < 0) fail(path + " is not a leaf");
+    if (type > Float64) fail(path + ": unknown value type " + std::to_string(type));
+    return static_cast<uint32_t>(type);
+}
+
+// An exclusive lock on a component for the length of a scope (try once).
+class ScopedLock {
+public:
+    ScopedLock(Database& db, uint32_t key, const std::string& what) : db_(db), key_(key) {
+        const int32_t rc = kesDBMLock(&db.s, key, 1);
+        if (rc != 0) fail(what + ": " + codeText(rc) + " (the component is locked)");
+    }
+    ~ScopedLock() { kesDBMUnlock(&db_.s, key_); }
+    ScopedLock(const ScopedLock&) = delete;
+    ScopedLock& operator=(const ScopedLock&) = delete;
+
+private:
+    Database& db_;
+    uint32_t key_;
+};
+
+}  // namespace
+
+int cmdCreate(const CreateOptions& o) {
+    // Everything that can be checked is checked before anything is made.
+    std::vector<Item> items;
+    if (!o.from.empty()) items = parseDescription(o.from);
+    if (highestHook(items) > o.hooks.size())
+        fail(o.from + ": the description uses hook " + std::to_string(highestHook(items)) + " but only " +
+             std::to_string(o.hooks.size()) + " --hook lines are given");
+    if (o.size < 4096) fail("--size must be at least 4096 bytes", kExitUsage);
+    const bool elsewhere = !o.installDir.empty() || !o.targetLibDir.empty();
+    if (!o.installDir.empty() && o.installDir[0] != '/') fail("--install-dir must be an absolute path", kExitUsage);
+    if (!o.targetLibDir.empty() && o.targetLibDir[0] != '/')
+        fail("--target-lib-dir must be an absolute path", kExitUsage);
+    const std::string libs = o.targetLibDir.empty() ? libDir() : o.targetLibDir;
+    const std::string hooks = hookConfig(o.hooks, libs, o.targetLibDir.empty());
+
+    std::string target = o.dir;
+    while (target.size() > 1 && target.back() == '/') target.pop_back();
+    std::error_code ec;
+    if (fs::exists(fs::symlink_status(target, ec)) && !(fs::is_directory(target, ec) && fs::is_empty(target, ec)))
+        fail(target + " already exists");
+    const std::string finalDir = absolutePath(parentOf(target)) + "/" + baseName(target);
+
+    // The database is made in a sibling directory and takes its place only when complete.
+    std::string tmpl = finalDir + ".tmp-XXXXXX";
+    if (!mkdtemp(tmpl.data())) fail("cannot make a directory next to " + finalDir + ": " + std::strerror(errno));
+    const std::string tmp = tmpl;
+    try {
+        chmod(tmp.c_str(), 0775);
+        const char* single[] = {kSingleMedium};
+        for (const char* m : o.fourFiles ? std::vector<const char*>(kMediaFiles, kMediaFiles + 4)
+                                         : std::vector<const char*>(single, single + 1))
+            if (int32_t e = kesdb_layMedium((tmp + "/" + m).c_str(), o.size, 0); e != 0)
+                fail(std::string("cannot lay down ") + m + ": " + std::strerror(e));
+        writeText(tmp + "/" + kDescriptorFile, descriptorText(o.fourFiles));
+        writeText(tmp + "/media.conf", mediaConfigText(tmp, o.fourFiles, libDir()));
+        // Building needs no hook; the hooks of another machine are not loaded here.
+        writeText(tmp + "/hook.conf", o.targetLibDir.empty() ? hooks : "");
+        {
+            Database db(tmp);
+            makeRoot(db);
+            importInto(db, items, static_cast<uint32_t>(o.hooks.size()));
+        }
+        // The configuration names the media files and libraries at their final place, and
+        // the tables used while building (they name the temporary directory) go.
+        writeText(tmp + "/media.conf",
+                  mediaConfigText(o.installDir.empty() ? finalDir : o.installDir, o.fourFiles, libs));
+        writeText(tmp + "/hook.conf", hooks);
+        for (const char* t : {"db.tbl", "session.tbl", "lock.tbl"})
+            for (const char* suffix : {"", ".sem"}) unlink((tmp + "/" + t + suffix).c_str());
+        checkInterrupted();
+        if (rename(tmp.c_str(), finalDir.c_str()) != 0)
+            fail("cannot rename " + tmp + " to " + finalDir + ": " + std::strerror(errno));
+    } catch (...) {
+        fs::remove_all(tmp, ec);
+        throw;
+    }
+    if (elsewhere) return kExitOk;  // started where it is installed
+    // Database ids come from a shared table that hands a released slot out again only
+    // after the others, and a lock is named by the id: one registration kept from here on
+    // gives the database the same id in every later process, so a lock taken by one
+    // "kesdb lock" is seen by the next command.
+    Database pin(finalDir);
+    pin.keepRegistered();
+    return kExitOk;
+}
+
+int cmdImport(const std::string& dir, const std::string& file) {
+    const std::vector<Item> items = parseDescription(file);  // checked before the database is touched
+    Database db(dir);
+    const uint32_t root = db.root();
+    if (kesDBMGetFirstChild(&db.s, root) != 0) fail("the database is not empty (its root has children)");
+    const uint32_t hooks = static_cast<uint32_t>(std::max(hook_getCount(), 0));
+    if (highestHook(items) > hooks)
+        fail(file + ": the description uses hook " + std::to_string(highestHook(items)) + " but only " +
+             std::to_string(hooks) + " hooks are configured");
+    ScopedLock lock(db, root, "import");
+
+    // All or nothing: the media files are copied aside first and put back when the import
+    // fails half-way.
+    std::vector<std::string> media = db.mediaFiles();
+    std::error_code ec;
+    for (const std::string& m : media)
+        if (m.empty() || !fs::is_regular_file(m, ec))
+            fail("import needs media kept in files ('" + m + "' is not); use \"kesdb create DIR --from FILE\"");
+    std::vector<std::string> saved;
+    auto dropCopies = [&] {
+        for (const std::string& c : saved) fs::remove(c, ec);
+    };
+    try {
+        for (const std::string& m : media) {
+            const std::string copy = m + ".kesdb-import";
+            if (!fs::copy_file(m, copy, fs::copy_options::overwrite_existing, ec))
+                fail("cannot copy " + m + " aside: " + ec.message());
+            saved.push_back(copy);
+        }
+        importInto(db, items, hooks);
+    } catch (...) {
+        for (size_t i = 0; i < saved.size(); ++i) fs::rename(saved[i], media[i], ec);
+        throw;
+    }
+    dropCopies();
+    return kExitOk;
+}
+
+int cmdExport(const std::string& dir, const std::string& file) {
+    std::string text;
+    {
+        Database db(dir);
+        text = exportText(db);
+    }
+    if (file.empty()) {
+        std::fputs(text.c_str(), stdout);
+        std::fflush(stdout);
+    } else {
+        writeText(file, text);
+    }
+    return kExitOk;
+}
+
+int cmdGet(const std::string& dir, const std::string& path, ValueSet which) {
+    Database db(dir);
+    const uint32_t key = db.find(path);
+    const uint32_t type = leafType(db, key, path);
+    const int32_t len = kesDBMGetLength(&db.s, key);
+    if (len <= 0 || len > kValueMax)
+        fail("get " + path + ": cannot read the value's length: " + codeText(static_cast<int32_t>(db.s.error)));
+    std::string buf(static_cast<size_t>(len), '\0');
+    int32_t n = len;
+    const int32_t rc = which == ValueSet::Current   ? kesDBMGetGeneric(&db.s, key, buf.data(), &n)
+                       : which == ValueSet::Default ? kesDBMGetDefaultGeneric(&db.s, key, buf.data(), &n)
+                                                    : kesDBMGetFactoryGeneric(&db.s, key, buf.data(), &n);
+    if (rc != 0) refused("get " + path, db.s, rc);
+    buf.resize(static_cast<size_t>(std::max(0, std::min(n, len))));
+    std::string text;
+    if (type == String)
+        text.assign(buf.c_str(), strnlen(buf.data(), buf.size()));
+    else if (type == Generic)
+        text = toHex(buf);
+    else
+        text = numberToText(type, buf);
+    std::printf("%s\n", text.c_str());
+    return kExitOk;
+}
+
+int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which) {
+    Database db(dir);
+    const uint32_t key = db.find(path);
+    const uint32_t type = leafType(db, key, path);
+    const int32_t len = kesDBMGetLength(&db.s, key);
+    if (len <= 0 || len > kValueMax)
+        fail("set " + path + ": cannot read the value's length: " + codeText(static_cast<int32_t>(db.s.error)));
+    // The value is converted and checked by the leaf's type before the library sees it.
+    std::string data;
+    if (type == String) {
+        if (static_cast<int64_t>(text.size()) + 1 > len)
+            fail("value '" + text + "' does not fit " + path + " (" + std::to_string(len) + " bytes with the NUL)");
+        if (!validUtf8(text)) fail("value for " + path + " is not UTF-8 text");
+        data = text;
+        data.resize(static_cast<size_t>(len), '\0');
+    } else if (type == Generic) {
+        if (!fromHex(text, data)) fail("value '" + text + "' does not parse as Generic (hex digit pairs)");
+        if (static_cast<int64_t>(data.size()) > len)
+            fail("value '" + text + "' does not fit " + path + " (" + std::to_string(len) + " bytes)");
+        data.resize(static_cast<size_t>(len), '\0');
+    } else if (std::string why = numberFromText(type, text, data); !why.empty()) {
+        fail("value '" + text + "' " + why);
+    }
+    const int32_t size = static_cast<int32_t>(data.size());
+    const int32_t rc = which == ValueSet::Default ? kesDBMSetDefaultGeneric(&db.s, key, data.data(), size)
+                                                  : kesDBMSetGeneric(&db.s, key, data.data(), size);
+    if (rc != 0) refused("set " + path, db.s, rc);
+    return kExitOk;
+}
+
+int cmdReset(const std::string& dir, const std::string& path) {
+    Database db(dir);
+    const uint32_t key = db.find(path);
+    if (int32_t rc = kesDBMDefaultToCurrent(&db.s, key); rc != 0) refused("reset " + path, db.s, rc);
+    return kExitOk;
+}
+
+int cmdFactoryToDefault(const std::string& dir, const std::string& path) {
+    Database db(dir);
+    const uint32_t key = db.find(path);
+    if (int32_t rc = kesDBMFactoryToDefault(&db.s, key); rc != 0) refused("factory-to-default " + path, db.s, rc);
+    return kExitOk;
+}
+
+int cmdPrint(const std::string& dir, const std::string& path) {
+    Database db(dir);
+    kesDBMtraverseAndPrint(&db.s, db.find(path));
+    std::fflush(stdout);
+    return kExitOk;
+}
+
+int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce) {
+    Database db(dir);
+    const uint32_t key = db.find(path);
+    const uint32_t kind = shared ? KESDB_LOCK_SHARED : 0u;
+    // Waiting is a try repeated every 20 ms rather than the library's own wait, so that
+    // an interrupted wait gives its session back before the tool leaves.
+    int32_t rc = kesDBMLock(&db.s, key, kind | 1u);
+    while (!tryOnce && rc == KESDB_ERR_LOCK_BUSY) {
+        if (interrupted()) failInterrupted();
+        usleep(20 * 1000);
+        rc = kesDBMLock(&db.s, key, kind | 1u);
+    }
+    if (rc != 0) fail("lock " + path + ": " + codeText(rc));
+    return kExitOk;
+}
+
+int cmdUnlock(const std::string& dir, const std::string& path) {
+    Database db(dir);
+    const uint32_t key = db.find(path);
+    if (int32_t rc = kesDBMUnlock(&db.s, key); rc != 0) fail("unlock " + path + ": " + codeText(rc));
+    return kExitOk;
+}
+
+int cmdLocks(const std::string& dir) {
+    Database db(dir);
+    lock_show(1);
+    std::fflush(stdout);
+    return kExitOk;
+}
+
+}  // namespace kesdb

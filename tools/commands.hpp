@@ -1,0 +1,38 @@
+// kesdb: the commands. Each returns the exit status or fails (common.hpp).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kesdb {
+
+struct CreateOptions {
+    std::string dir;
+    bool fourFiles = false;          // --files: four media files through the named-file driver
+    uint32_t size = 1024 * 1024;     // --size: bytes of each medium file
+    std::vector<std::string> hooks;  // --hook lines, hook indexes 1, 2, ...
+    std::string from;                // --from: description to import
+    // A database prepared for another place or machine: the directory it will have there
+    // (--install-dir) and the directory of the driver and hook libraries there
+    // (--target-lib-dir). The configuration files name those; the tool builds with its
+    // own libraries and does not load the hooks.
+    std::string installDir;
+    std::string targetLibDir;
+};
+
+enum class ValueSet { Current, Default, Factory };
+
+int cmdCreate(const CreateOptions& options);
+int cmdImport(const std::string& dir, const std::string& file);
+int cmdExport(const std::string& dir, const std::string& file);  // "" for standard output
+int cmdGet(const std::string& dir, const std::string& path, ValueSet which);
+int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which);
+int cmdReset(const std::string& dir, const std::string& path);
+int cmdFactoryToDefault(const std::string& dir, const std::string& path);
+int cmdPrint(const std::string& dir, const std::string& path);  // "" for the whole tree
+int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce);
+int cmdUnlock(const std::string& dir, const std::string& path);
+int cmdLocks(const std::string& dir);
+
+}  // namespace kesdb

@@ -1,0 +1,37 @@
+// kesdb: a checked description built into a database, and a database's tree written back
+// as a description.
+//
+// Names in the database: the root is "/", the root's children keep their plain name
+// ("net") and every deeper component carries a leading slash ("/ip"). The path search
+// matches a component's whole name against the beginning of what is left of the path and
+// hands the rest, slash included, to the children, so "/net/ip" finds the leaf "/ip"
+// below "net". The tool adds the slash on import and strips it on export.
+//
+// Constraints: a leaf's range or enumeration is one constraint record attached to all
+// three of its values, so a write of the current or the default value and the copies
+// between them (reset, factory-to-default) are all checked. Export reads the constraint of
+// the current value.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "database.hpp"
+#include "description.hpp"
+
+namespace kesdb {
+
+// Makes the root node "/" of a database that has none.
+void makeRoot(Database& db);
+
+// Builds `items` below the root, in description order. The root must have no children
+// and no hook index may exceed `hooks`, the number of hooks the database will have;
+// otherwise nothing is written. A failure on the way leaves what was built so far:
+// callers that need all or nothing build in a copy.
+void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks);
+
+// The tree below the root as a description, ending with a newline.
+std::string exportText(Database& db);
+
+}  // namespace kesdb
