@@ -3,8 +3,14 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
+#include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -14,6 +20,10 @@
 namespace mk {
 
 using Bytes = std::vector<uint8_t>;
+using Pair = std::pair<uint32_t, uint32_t>;
+
+// The error recorded in a session and its detail.
+inline Pair errorOf(const Session& s) { return {s.error, s.errorDetail}; }
 
 // A driver library built by the project, opened by path; sym() looks up one of its functions.
 struct Lib {
@@ -39,6 +49,8 @@ struct Ops {
           write(lib.sym<kesMediaWriteFn>((prefix + "write").c_str())),
           seek(lib.sym<kesMediaSeekFn>((prefix + "seek").c_str())),
           sync(lib.sym<kesMediaSyncFn>((prefix + "sync").c_str())) {}
+    explicit Ops(const MediaEntry& e)
+        : open(e.open), close(e.close), read(e.read), write(e.write), seek(e.seek), sync(e.sync) {}
     bool ok() const { return open && close && read && write && seek && sync; }
     kesMediaOpenFn open;
     kesMediaCloseFn close;
@@ -68,15 +80,63 @@ inline std::string driverLine(const std::string& lib, const std::string& prefix,
     return line + " " + name + "\n";
 }
 
+// Drives the operations over `fd`, open on `path` (at least 8 bytes long): the descriptor is
+// read-write with synchronous writes, each operation reaches the file through its own slot, and
+// once closed every operation fails with EBADF stored.
+inline void checkOps(const Ops& d, int fd, const std::string& path) {
+    ASSERT_GE(fd, 0);
+    int32_t err = 0;
+    EXPECT_EQ(fcntl(fd, F_GETFL) & (O_ACCMODE | O_DSYNC), O_RDWR | O_DSYNC);
+    EXPECT_EQ(d.write(fd, "ab", 2, 4, &err), 2);
+    uint8_t buf[4] = {};
+    EXPECT_EQ(d.read(fd, buf, 4, 3, &err), 4);
+    const Bytes file = kt::readBytes(path, 0, 1 << 20);
+    ASSERT_GE(file.size(), 8u);
+    EXPECT_EQ(Bytes(buf, buf + 4), Bytes(file.begin() + 3, file.begin() + 7));
+    EXPECT_EQ(std::string(file.begin() + 4, file.begin() + 6), "ab");
+    EXPECT_EQ(d.seek(fd, 0, SEEK_END, &err), static_cast<int>(file.size()));
+    EXPECT_EQ(d.read(fd, buf, 4, static_cast<uint32_t>(file.size()), &err), 0);
+    EXPECT_EQ(d.sync(fd, &err, 99), 0);
+    EXPECT_EQ(d.close(fd, &err), 0);
+    EXPECT_EQ(err, 0);
+    const std::pair<const char*, std::function<int()>> closed[] = {
+        {"read", [&] { return d.read(fd, buf, 4, 0, &err); }}, {"write", [&] { return d.write(fd, buf, 4, 0, &err); }},
+        {"seek", [&] { return d.seek(fd, 0, 0, &err); }},      {"sync", [&] { return d.sync(fd, &err, 0); }},
+        {"close", [&] { return d.close(fd, &err); }},
+    };
+    for (const auto& [what, call] : closed) {
+        SCOPED_TRACE(what);
+        err = 0;
+        EXPECT_EQ(call(), -1);
+        EXPECT_EQ(err, EBADF);
+    }
+}
+
+// Loads the media table with the named-file driver (index 1) and the fault-injection driver
+// (index 2), both on the medium file `path`; true when both loaded.
+inline bool loadFileAndFault(const kt::TempDir& dir, const std::string& path) {
+    kt::writeFile(dir.file("media.conf"), driverLine("libkesdrv_file.so", "fileMedia_", path) +
+                                              driverLine("libkesdrv_fault.so", "faultMedia_", path));
+    return media_init(dir.file("media.conf").c_str()) == 0 && media_getCount() == 3;
+}
+
 // A file holding a free list: elements are {next, size} word pairs, the anchor is at 12.
 struct ListFile {
+    using Element = std::array<uint32_t, 3>;  // key, next, size
     std::string path;
+    // Lays the file down anew: `size` zero bytes, the anchor `first` and the given elements.
+    void lay(uint32_t size, uint32_t first, std::initializer_list<Element> elements = {}) const {
+        kt::writeFile(path, std::string(size, '\0'));
+        anchor(first);
+        for (const Element& e : elements) put(e[0], e[1], e[2]);
+    }
     void anchor(uint32_t first) const { kt::writeBytes(path, 12, &first, 4); }
     void put(uint32_t key, uint32_t next, uint32_t size) const {
         const uint32_t words[2] = {next, size};
         kt::writeBytes(path, key, words, 8);
     }
     uint32_t word(uint32_t key) const { return kt::readWord(path, key); }
+    Pair element(uint32_t key) const { return {word(key), word(key + 4)}; }  // {next, size}
     Bytes bytes(uint32_t key, uint32_t n) const { return kt::readBytes(path, key, n); }
     Bytes all() const { return kt::readBytes(path, 0, 1 << 16); }
 };
