@@ -7,18 +7,16 @@
 #include <cstring>
 #include <vector>
 
-#include "testkit.hpp"
+#include "valcstrtkit.hpp"
 
 namespace {
 
-// Free elements are written in host order, as on the big-endian target: on a
-// little-endian test host the allocator would otherwise store them byte-reversed and
-// misread its own free list.
+// Free elements in host order, as on the big-endian target.
 [[maybe_unused]] const int kHostOrderElements = setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
 
 template <class T>
 uint32_t newValue(kt::Db& db, uint32_t type, T initial) {
-    const uint32_t key = value_create(&db.s, type, 0, &initial, sizeof initial, 0);
+    const uint32_t key = vk::make<T>(&db.s, type, initial);
     EXPECT_NE(key, 0u);
     return key;
 }
@@ -35,13 +33,7 @@ T stored(kt::Db& db, uint32_t valueKey) {
 }
 
 uint32_t s32Range(kt::Db& db, int32_t min, int32_t max, int32_t step) {
-    RangeRecordS32 r{};
-    r.type = Sint32;
-    r.min = min;
-    r.max = max;
-    r.step = step;
-    EXPECT_NE(rangeS32_new(&db.s, &r), nullptr);
-    return r.key;
+    return vk::newRange(&db.s, rangeS32_new, Sint32, min, max, step);
 }
 
 }  // namespace
@@ -52,17 +44,16 @@ TEST(ConstraintWrite, SetGenericRefusesAndLeavesDataUnchanged) {
     const uint32_t v = newValue<int32_t>(db, Sint32, 5);
     ASSERT_EQ(value_setConstraintKey(&db.s, v, s32Range(db, -10, 10, 5)), 0);
 
-    const int32_t refused[] = {11, -11, 3};
-    const int32_t codes[] = {KESDB_ERR_CSTRT_ABOVEMAX, KESDB_ERR_CSTRT_BELOWMIN, KESDB_ERR_CSTRT_STEP};
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(value_setGeneric(&db.s, v, &refused[i], 4), codes[i]);
-        EXPECT_EQ(db.s.error, static_cast<uint32_t>(codes[i]));
+    const struct {
+        int32_t v, length, code;
+    } refused[] = {{11, 4, KESDB_ERR_CSTRT_ABOVEMAX}, {-11, 4, KESDB_ERR_CSTRT_BELOWMIN}, {3, 4, KESDB_ERR_CSTRT_STEP},
+                   {10, 2, KESDB_ERR_CSTRT_LENGTH}};
+    for (const auto& c : refused) {
+        SCOPED_TRACE(c.v);
+        EXPECT_EQ(value_setGeneric(&db.s, v, &c.v, c.length), c.code);
+        EXPECT_EQ(db.s.error, static_cast<uint32_t>(c.code));
         EXPECT_EQ(stored<int32_t>(db, v), 5);
     }
-    // A value of the wrong width: 65, nothing written.
-    const int16_t narrow = 10;
-    EXPECT_EQ(value_setGeneric(&db.s, v, &narrow, 2), KESDB_ERR_CSTRT_LENGTH);
-    EXPECT_EQ(stored<int32_t>(db, v), 5);
     const int32_t ok = -10;
     EXPECT_EQ(value_setGeneric(&db.s, v, &ok, 4), 0);
     EXPECT_EQ(stored<int32_t>(db, v), -10);
@@ -115,13 +106,8 @@ TEST(ConstraintWrite, EnumerationAndMismatchedTypes) {
     EXPECT_EQ(stored<uint32_t>(db, gen), 7u);
 
     // A Sint8 value written with two bytes against a Sint8 range: 65, nothing written.
-    RangeRecordS8 r8{};
-    r8.type = Sint8;
-    r8.min = -5;
-    r8.max = 5;
-    ASSERT_NE(rangeS8_new(&db.s, &r8), nullptr);
     const uint32_t s8 = newValue<int8_t>(db, Sint8, 1);
-    ASSERT_EQ(value_setConstraintKey(&db.s, s8, r8.key), 0);
+    ASSERT_EQ(value_setConstraintKey(&db.s, s8, vk::newRange<RangeRecordS8, int8_t>(&db.s, rangeS8_new, Sint8, -5, 5)), 0);
     const int16_t two = 2;
     EXPECT_EQ(value_setGeneric(&db.s, s8, &two, 2), KESDB_ERR_CSTRT_LENGTH);
     EXPECT_EQ(stored<int8_t>(db, s8), 1);
@@ -137,9 +123,8 @@ TEST(ConstraintWrite, EnumerationAndMismatchedTypes) {
     EXPECT_EQ(stored<uint16_t>(db, u16), 300);
 }
 
-// With the constraint medium's index outside the media table every constraint access
-// fails (21). A value without a constraint is written without touching it; one whose
-// constraint cannot be read is written unchecked and 21 stays in the session.
+// Constraint medium outside the media table (21): an unconstrained value never touches it; a
+// constrained one is written unchecked and 21 stays in the session.
 TEST(ConstraintWrite, ConstraintMediumUntouchedOrUnreadable) {
     kt::DbOptions o;
     o.constraintMedium = 7;
@@ -158,22 +143,7 @@ TEST(ConstraintWrite, ConstraintMediumUntouchedOrUnreadable) {
     EXPECT_EQ(stored<int32_t>(db, bound), big);
 }
 
-namespace {
-
-uint32_t makeLeaf(kt::Db& db, uint32_t current, uint32_t def, uint32_t factory) {
-    LeafRecord leaf{};
-    if (!comp_newLeaf(&db.s, &leaf)) return 0;
-    leaf.comp.kind = KESDB_KIND_LEAF;
-    leaf.currentValue = current;
-    leaf.defaultValue = def;
-    leaf.factoryValue = factory;
-    return comp_setLeaf(&db.s, &leaf) == 0 ? leaf.comp.key : 0;
-}
-
-}  // namespace
-
-// Every public call that writes a leaf's value passes through the check: the typed and
-// generic sets, the default set, the copy between leaves and the three value-set transfers.
+// Every public call writing a leaf's value passes through the check.
 TEST(ConstraintWrite, EveryPublicSetPathIsChecked) {
     kt::Db db;
     ASSERT_GT(db.id, 0);
@@ -182,7 +152,7 @@ TEST(ConstraintWrite, EveryPublicSetPathIsChecked) {
     const uint32_t def = newValue<int32_t>(db, Sint32, 500);
     const uint32_t fac = newValue<int32_t>(db, Sint32, 600);
     ASSERT_EQ(value_setConstraintKey(&db.s, cur, range), 0);
-    const uint32_t leaf = makeLeaf(db, cur, def, fac);
+    const uint32_t leaf = vk::makeLeaf(&db.s, cur, def, fac);
     ASSERT_NE(leaf, 0u);
 
     EXPECT_EQ(kesDBMSetSint32(&db.s, leaf, 101), KESDB_ERR_CSTRT_ABOVEMAX);
@@ -197,8 +167,7 @@ TEST(ConstraintWrite, EveryPublicSetPathIsChecked) {
     EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_CSTRT_ABOVEMAX));
     EXPECT_EQ(stored<int32_t>(db, cur), 7);
 
-    // Copy from another leaf holding 500 into the constrained one.
-    const uint32_t other = makeLeaf(db, newValue<int32_t>(db, Sint32, 500), 0, 0);
+    const uint32_t other = vk::makeLeaf(&db.s, newValue<int32_t>(db, Sint32, 500), 0, 0);
     ASSERT_NE(other, 0u);
     EXPECT_EQ(kesDBMCopy(&db.s, other, leaf), KESDB_ERR_CSTRT_ABOVEMAX);
     EXPECT_EQ(stored<int32_t>(db, cur), 7);
@@ -225,7 +194,7 @@ TEST(ConstraintWrite, EveryPublicSetPathIsChecked) {
     const uint32_t text = value_create(&db.s, String, 0, "abc", 4, 0);
     ASSERT_NE(text, 0u);
     ASSERT_EQ(value_setConstraintKey(&db.s, text, range), 0);
-    const uint32_t textLeaf = makeLeaf(db, text, 0, 0);
+    const uint32_t textLeaf = vk::makeLeaf(&db.s, text, 0, 0);
     EXPECT_EQ(kesDBMSetString(&db.s, textLeaf, "xyz"), KESDB_ERR_CSTRT_TYPE);
     ValueRecord textRecord{};
     ASSERT_NE(value_get(&db.s, text, &textRecord), nullptr);

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "testkit.hpp"
+#include "valcstrtkit.hpp"
 
 namespace {
 
@@ -114,16 +114,13 @@ TEST(HookTable, FailingLinesAreRebuiltInTheSameEntry) {
     EXPECT_EQ(hook_table[1].postSet, sample.fn<kesHookFn>("test_recPostSet"));
 
     // getHook: 0 and count + 1 record 28; 1 and 2 are the entries.
+    for (uint32_t bad : {0u, 3u, 0xFFFFFFFFu}) {
+        Session s{};
+        EXPECT_EQ(getHook(&s, bad), nullptr);
+        EXPECT_EQ(s.error, 28u);
+        EXPECT_EQ(s.errorDetail, 0u);
+    }
     Session s{};
-    EXPECT_EQ(getHook(&s, 0), nullptr);
-    EXPECT_EQ(s.error, 28u);
-    EXPECT_EQ(s.errorDetail, 0u);
-    s = Session{};
-    EXPECT_EQ(getHook(&s, 3), nullptr);
-    EXPECT_EQ(s.error, 28u);
-    s = Session{};
-    EXPECT_EQ(getHook(&s, 0xFFFFFFFFu), nullptr);
-    EXPECT_EQ(s.error, 28u);
     EXPECT_EQ(getHook(&s, 1), &hook_table[0]);
     EXPECT_EQ(getHook(&s, 2), &hook_table[1]);
     EXPECT_EQ(getHook(nullptr, 9), nullptr);
@@ -154,8 +151,7 @@ TEST(HookTable, UnopenableFileAndLaterCalls) {
 }
 
 TEST(HookTable, NullPathIsAnUnopenableFile) {
-    const std::string out = kt::captureStdout([] { EXPECT_EQ(hook_init(nullptr), 30); });
-    EXPECT_EQ(out, "hook_init err3\n");
+    EXPECT_EQ(kt::captureStdout([] { EXPECT_EQ(hook_init(nullptr), 30); }), "hook_init err3\n");
 }
 
 // A line longer than the 4095 characters of one read is handled as several lines.
@@ -198,24 +194,6 @@ TEST(HookTable, UnrewindableFileStoresNoLine) {
     hook_term();
 }
 
-// ---- Hooks run by the value calls ------------------------------------------------------
-
-uint32_t makeLeaf(Session* s, uint32_t current, uint32_t hook, uint32_t def = 0) {
-    LeafRecord leaf{};
-    if (!comp_newLeaf(s, &leaf)) return 0;
-    leaf.comp.kind = KESDB_KIND_LEAF;
-    leaf.currentValue = current;
-    leaf.defaultValue = def;
-    leaf.hookIndex = hook;
-    return comp_setLeaf(s, &leaf) == 0 ? leaf.comp.key : 0;
-}
-
-uint32_t readU32(Session* s, uint32_t valueKey) {
-    uint32_t v = 0;
-    int32_t len = 4;
-    return value_getGeneric(s, valueKey, &v, &len) == 0 ? v : 0xBADBADu;
-}
-
 enum HookIndex {
     Recording = 1,
     RefusePre = 2,
@@ -231,12 +209,7 @@ enum HookIndex {
 struct HookCalls : ::testing::Test {
     // Medium 1: a named file that a test can take away to make data reads fail.
     static kt::DbOptions options(const std::string& dataPath) {
-        kt::writeFile(dataPath, "");
-        kt::DbOptions o;
-        o.mediaConfig = kt::libPath("libkesdrv_file.so") +
-                        " fileMedia_open fileMedia_close fileMedia_read fileMedia_write fileMedia_seek"
-                        " fileMedia_sync " +
-                        dataPath + "\n";
+        kt::DbOptions o = vk::withFileMedium(dataPath);
         o.hookConfig = "# hooks of the value call tests\n" +
                        line("test_recPreSet", "test_recPostSet", "test_recPreGet", "test_recPostGet") +
                        line("test_refuse5", "NULL", "test_refuse5", "NULL") +
@@ -259,12 +232,14 @@ struct HookCalls : ::testing::Test {
         ASSERT_NE(sample.handle, nullptr);
         sample.reset();
     }
-    uint32_t value(uint32_t v) { return value_create(s, Uint32, 0, &v, 4, 0); }
+    uint32_t value(uint32_t v) { return vk::make<uint32_t>(s, Uint32, v); }
+    uint32_t leafOf(uint32_t current, uint32_t hook, uint32_t def = 0) { return vk::makeLeaf(s, current, def, 0, hook); }
+    uint32_t readU32(uint32_t key) { return vk::readU32(s, key); }
 };
 
 TEST_F(HookCalls, ReadAndWriteSequencesSeeKeyDataAndLength) {
     const uint32_t cur = value(7), def = value(8);
-    const uint32_t leaf = makeLeaf(s, cur, Recording, def);
+    const uint32_t leaf = leafOf(cur, Recording, def);
     ASSERT_NE(leaf, 0u);
     ASSERT_EQ(kesDBMSetUint32(s, leaf, 42), 0);
     EXPECT_EQ(sample.calls(PreSet), 1);
@@ -291,7 +266,7 @@ TEST_F(HookCalls, ReadAndWriteSequencesSeeKeyDataAndLength) {
     EXPECT_EQ(sample.lastKey(PostSet), def);
 
     // The create-list read hands the hooks the count itself in the length pointer's place.
-    const uint32_t listLeaf = makeLeaf(s, cur, CountRecording);
+    const uint32_t listLeaf = leafOf(cur, CountRecording);
     ASSERT_NE(listLeaf, 0u);
     sample.reset();
     uint8_t buf[6];
@@ -304,12 +279,12 @@ TEST_F(HookCalls, ReadAndWriteSequencesSeeKeyDataAndLength) {
 
 TEST_F(HookCalls, RefusingPreHooksStopTheCall) {
     const uint32_t cur = value(7);
-    const uint32_t leaf = makeLeaf(s, cur, RefusePre);
+    const uint32_t leaf = leafOf(cur, RefusePre);
     ASSERT_NE(leaf, 0u);
     EXPECT_EQ(kesDBMSetUint32(s, leaf, 99), 9);
     EXPECT_EQ(db.s.error, 9u);
     EXPECT_EQ(db.s.errorDetail, 5u);
-    EXPECT_EQ(readU32(s, cur), 7u);  // nothing written
+    EXPECT_EQ(readU32(cur), 7u);  // nothing written
 
     uint32_t out = 0x12345678u;
     EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), 7);
@@ -322,12 +297,12 @@ TEST_F(HookCalls, RefusingPreHooksStopTheCall) {
 
 TEST_F(HookCalls, RefusingPostHooksComeAfterTheAccess) {
     const uint32_t cur = value(7);
-    const uint32_t leaf = makeLeaf(s, cur, RefusePost);
+    const uint32_t leaf = leafOf(cur, RefusePost);
     ASSERT_NE(leaf, 0u);
     EXPECT_EQ(kesDBMSetUint32(s, leaf, 99), 10);
     EXPECT_EQ(db.s.error, 10u);
     EXPECT_EQ(db.s.errorDetail, 5u);
-    EXPECT_EQ(readU32(s, cur), 99u);  // already written
+    EXPECT_EQ(readU32(cur), 99u);  // already written
 
     uint32_t out = 0;
     EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), 8);
@@ -338,13 +313,10 @@ TEST_F(HookCalls, RefusingPostHooksComeAfterTheAccess) {
 
 TEST_F(HookCalls, PreSetMayShortenTheWrittenLength) {
     const uint32_t cur = value(0);
-    const uint32_t leaf = makeLeaf(s, cur, Shorten);
+    const uint32_t leaf = leafOf(cur, Shorten);
     ASSERT_NE(leaf, 0u);
     ASSERT_EQ(kesDBMSetUint32(s, leaf, 0x11223344u), 0);
-    const uint32_t word = 0x11223344u;
-    uint32_t expected = 0;
-    std::memcpy(&expected, &word, 2);  // only the first 2 bytes are written
-    EXPECT_EQ(readU32(s, cur), expected);
+    EXPECT_EQ(readU32(cur), vk::firstBytes(0, 0x11223344u, 2));
     EXPECT_EQ(value_getLength(s, cur), 4);
 }
 
@@ -352,7 +324,7 @@ TEST_F(HookCalls, NoHookNullHooksAndInvalidIndexes) {
     const uint32_t cur = value(1);
     for (uint32_t index : {0u, static_cast<uint32_t>(AllNull)}) {
         SCOPED_TRACE(index);
-        const uint32_t leaf = makeLeaf(s, cur, index);
+        const uint32_t leaf = leafOf(cur, index);
         session_setError(s, 0, 0);
         ASSERT_EQ(kesDBMSetUint32(s, leaf, 5 + index), 0);
         uint32_t out = 0;
@@ -361,12 +333,12 @@ TEST_F(HookCalls, NoHookNullHooksAndInvalidIndexes) {
         EXPECT_EQ(db.s.error, 0u);
     }
     // An index beyond the table: the access runs without hooks and 28 stays recorded.
-    const uint32_t leaf = makeLeaf(s, cur, 10);
+    const uint32_t leaf = leafOf(cur, 10);
     session_setError(s, 0, 0);
     EXPECT_EQ(kesDBMSetUint32(s, leaf, 77), 0);
     EXPECT_EQ(db.s.error, 28u);
     EXPECT_EQ(db.s.errorDetail, 0u);
-    EXPECT_EQ(readU32(s, cur), 77u);
+    EXPECT_EQ(readU32(cur), 77u);
     session_setError(s, 0, 0);
     uint32_t out = 0;
     EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
@@ -377,23 +349,17 @@ TEST_F(HookCalls, NoHookNullHooksAndInvalidIndexes) {
 
 TEST_F(HookCalls, FailedWriteSkipsPostSet) {
     const uint32_t cur = value(50);
-    RangeRecordU32 range{};
-    range.type = Uint32;
-    range.min = 0;
-    range.max = 100;
-    ASSERT_NE(rangeU32_new(s, &range), nullptr);
-    ASSERT_EQ(value_setConstraintKey(s, cur, range.key), 0);
-    const uint32_t leaf = makeLeaf(s, cur, Recording);
+    ASSERT_EQ(value_setConstraintKey(s, cur, vk::newRange(s, rangeU32_new, Uint32, 0u, 100u)), 0);
+    const uint32_t leaf = leafOf(cur, Recording);
     EXPECT_EQ(kesDBMSetUint32(s, leaf, 101), 67);
     EXPECT_EQ(sample.calls(PreSet), 1);
     EXPECT_EQ(sample.calls(PostSet), 0);
-    EXPECT_EQ(readU32(s, cur), 50u);
+    EXPECT_EQ(readU32(cur), 50u);
 
     // A failed data access (the data medium cannot be opened) skips postGet and postSet.
-    const uint32_t v = 5;
-    const uint32_t far = value_create(s, Uint32, 0, &v, 4, 1);
+    const uint32_t v = 5, far = value_create(s, Uint32, 0, &v, 4, 1);
     ASSERT_NE(far, 0u);
-    const uint32_t farLeaf = makeLeaf(s, far, Recording);
+    const uint32_t farLeaf = leafOf(far, Recording);
     ASSERT_EQ(unlink(dataPath.c_str()), 0);
     sample.reset();
     uint32_t out = 0;
@@ -407,13 +373,13 @@ TEST_F(HookCalls, FailedWriteSkipsPostSet) {
 
 TEST_F(HookCalls, SamplePolicyAndLogging) {
     const uint32_t cur = value(0);
-    const uint32_t leaf = makeLeaf(s, cur, Policy);
+    const uint32_t leaf = leafOf(cur, Policy);
     std::string out = kt::captureStdout([&] { EXPECT_EQ(kesDBMSetUint32(s, leaf, 1000), 0); });
     EXPECT_EQ(out, "keshook set key " + std::to_string(cur) + " len 4\n");
     out = kt::captureStdout([&] { EXPECT_EQ(kesDBMSetUint32(s, leaf, 1001), 9); });
     EXPECT_EQ(out, "");
     EXPECT_EQ(db.s.errorDetail, 1u);
-    EXPECT_EQ(readU32(s, cur), 1000u);
+    EXPECT_EQ(readU32(cur), 1000u);
     const uint8_t none = 0;
     EXPECT_EQ(kesDBMSetGeneric(s, leaf, &none, 0), 9);
     EXPECT_EQ(db.s.errorDetail, 2u);
@@ -424,16 +390,16 @@ TEST_F(HookCalls, SamplePolicyAndLogging) {
 
 TEST_F(HookCalls, CopyRunsSourceReadHooksAndDestinationWriteHooks) {
     const uint32_t srcv = value(31), dstv = value(0);
-    const uint32_t src = makeLeaf(s, srcv, Recording);
-    const uint32_t dst = makeLeaf(s, dstv, RefusePreRecordPost);
+    const uint32_t src = leafOf(srcv, Recording);
+    const uint32_t dst = leafOf(dstv, RefusePreRecordPost);
     EXPECT_EQ(kesDBMCopy(s, src, dst), 9);
     EXPECT_EQ(sample.calls(PreGet), 1);
     EXPECT_EQ(sample.calls(PostGet), 1);
     EXPECT_EQ(sample.calls(PostSet), 0);
-    EXPECT_EQ(readU32(s, dstv), 0u);
-    const uint32_t dst2 = makeLeaf(s, dstv, RecordPostOnly);
+    EXPECT_EQ(readU32(dstv), 0u);
+    const uint32_t dst2 = leafOf(dstv, RecordPostOnly);
     EXPECT_EQ(kesDBMCopy(s, src, dst2), 0);
-    EXPECT_EQ(readU32(s, dstv), 31u);
+    EXPECT_EQ(readU32(dstv), 31u);
     EXPECT_EQ(sample.lastKey(PostSet), dstv);
 }
 
@@ -442,33 +408,30 @@ TEST_F(HookCalls, CopyWithSetHooks) {
     // preSet refuses: 9 with detail 5, nothing written, postSet not called.
     EXPECT_EQ(value_copy2(s, dstv, srcv, RefusePreRecordPost), 9);
     EXPECT_EQ(db.s.errorDetail, 5u);
-    EXPECT_EQ(readU32(s, dstv), 3u);
+    EXPECT_EQ(readU32(dstv), 3u);
     EXPECT_EQ(sample.calls(PostSet), 0);
     // postSet refuses: 10, the value is written.
     EXPECT_EQ(value_copy2(s, dstv, srcv, RefusePost), 10);
     EXPECT_EQ(db.s.errorDetail, 5u);
-    EXPECT_EQ(readU32(s, dstv), 31u);
+    EXPECT_EQ(readU32(dstv), 31u);
     // Both hooks see the destination key and the copied length.
     const uint32_t src2 = value(64);
     EXPECT_EQ(value_copy2(s, dstv, src2, Recording), 0);
     EXPECT_EQ(sample.lastKey(PreSet), dstv);
     EXPECT_EQ(sample.lastLength(PostSet), 4);
     EXPECT_EQ(sample.lastWord(PostSet), 64u);
-    EXPECT_EQ(readU32(s, dstv), 64u);
+    EXPECT_EQ(readU32(dstv), 64u);
     // preSet shortening the length: 2 bytes written.
     const uint32_t src3 = value(0xA1A2A3A4u);
     EXPECT_EQ(value_copy2(s, dstv, src3, Shorten), 0);
-    uint32_t expected = 64;
-    const uint32_t w = 0xA1A2A3A4u;
-    std::memcpy(&expected, &w, 2);
-    EXPECT_EQ(readU32(s, dstv), expected);
+    EXPECT_EQ(readU32(dstv), vk::firstBytes(64, 0xA1A2A3A4u, 2));
     // Index 0 is the plain copy; an index beyond the table records 28 and copies.
     EXPECT_EQ(value_copy2(s, dstv, srcv, 0), 0);
-    EXPECT_EQ(readU32(s, dstv), 31u);
+    EXPECT_EQ(readU32(dstv), 31u);
     session_setError(s, 0, 0);
     EXPECT_EQ(value_copy2(s, dstv, src2, 40), 0);
     EXPECT_EQ(db.s.error, 28u);
-    EXPECT_EQ(readU32(s, dstv), 64u);
+    EXPECT_EQ(readU32(dstv), 64u);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Test support for the component tree: building trees on a started database and reading
-// them back. Header-only; every helper goes through the library's exported operations.
+// Test support for the component tree: trees built on a started database through the
+// library's exported operations, and read back.
 #pragma once
 
 #include <dlfcn.h>
@@ -15,58 +15,45 @@
 
 namespace tk {
 
-// Media indexes of the session's database (0 when it has none).
-inline uint32_t componentMedium(Session* s) {
+// A media index of the session's database (0 when it has none).
+inline uint32_t mediumOf(Session* s, uint32_t DBMInitParam::*kind) {
     const DBMInitParam* p = db_getDb(s->dbId);
-    return p ? p->componentMedium : 0;
+    return p ? p->*kind : 0;
 }
-inline uint32_t stringMedium(Session* s) {
-    const DBMInitParam* p = db_getDb(s->dbId);
-    return p ? p->stringMedium : 0;
-}
-inline uint32_t valueMedium(Session* s) {
-    const DBMInitParam* p = db_getDb(s->dbId);
-    return p ? p->valueMedium : 0;
-}
+inline uint32_t componentMedium(Session* s) { return mediumOf(s, &DBMInitParam::componentMedium); }
 
 // A name in the string table, its text kept in the string medium.
-inline uint32_t name(Session* s, const std::string& text) { return str_create(s, text.c_str(), stringMedium(s)); }
+inline uint32_t name(Session* s, const std::string& text) {
+    return str_create(s, text.c_str(), mediumOf(s, &DBMInitParam::stringMedium));
+}
 
-// The root node: a node without parent whose key goes into the component medium's root
-// word. (node_create cannot make it: its insertion needs a parent.) Returns its key, or 0.
+// The root: a node without parent, named by the component medium's root word (node_create
+// cannot make it: its insertion needs a parent). Its key, or 0.
 inline uint32_t makeRoot(Session* s, const std::string& rootName) {
-    const uint32_t nameKey = name(s, rootName);
-    if (nameKey == 0) return 0;
     NodeRecord root{};
-    if (!comp_newNode(s, &root)) return 0;
-    root.comp.stringKey = nameKey;
-    root.comp.reserved = 0;
-    root.comp.parent = 0;
-    root.comp.nextSibling = 0;
-    root.comp.kind = KESDB_KIND_NODE;
-    root.firstChild = 0;
-    if (comp_setNode(s, &root) != 0) return 0;
-    if (flst_m_setRoot(s, componentMedium(s), root.comp.key) != 0) return 0;
+    root.comp.stringKey = name(s, rootName);
+    if (root.comp.stringKey == 0 || !comp_newNode(s, &root) || comp_setNode(s, &root) != 0 ||
+        flst_m_setRoot(s, componentMedium(s), root.comp.key) != 0)
+        return 0;
     return root.comp.key;
 }
 
-// A node named `nodeName` under `parent`, behind `previous` (0: at the head).
-inline uint32_t node(Session* s, uint32_t parent, uint32_t previous, const std::string& nodeName,
-                     uint32_t child = 0) {
-    return node_create(s, name(s, nodeName), parent, previous, child);
+// A node or a leaf named `text` under `parent`, behind `previous` (0: at the head).
+inline uint32_t node(Session* s, uint32_t parent, uint32_t previous, const std::string& text, uint32_t child = 0) {
+    return node_create(s, name(s, text), parent, previous, child);
+}
+inline uint32_t leaf(Session* s, uint32_t parent, uint32_t previous, const std::string& text, uint32_t current = 0,
+                     uint32_t defaultValue = 0, uint32_t factory = 0, uint32_t hook = 0) {
+    return leaf_create(s, name(s, text), parent, previous, current, defaultValue, factory, hook);
 }
 
-// A leaf named `leafName` under `parent`, behind `previous` (0: at the head).
-inline uint32_t leaf(Session* s, uint32_t parent, uint32_t previous, const std::string& leafName,
-                     uint32_t current = 0, uint32_t defaultValue = 0, uint32_t factory = 0, uint32_t hook = 0) {
-    return leaf_create(s, name(s, leafName), parent, previous, current, defaultValue, factory, hook);
+// Uint32 and Uint64 values with their data in the value medium.
+inline uint32_t u32(Session* s, uint32_t v) {
+    return value_create(s, Uint32, 0, &v, 4, mediumOf(s, &DBMInitParam::valueMedium));
 }
-
-// A Uint32 value with its data in the value medium.
-inline uint32_t u32(Session* s, uint32_t v) { return value_create(s, Uint32, 0, &v, 4, valueMedium(s)); }
-// A Uint64 value (8 bytes: a Uint32 value is too short to take it).
-inline uint32_t u64(Session* s, uint64_t v) { return value_create(s, Uint64, 0, &v, 8, valueMedium(s)); }
-
+inline uint32_t u64(Session* s, uint64_t v) {
+    return value_create(s, Uint64, 0, &v, 8, mediumOf(s, &DBMInitParam::valueMedium));
+}
 // The Uint32 held by a value, or 0xDEADBEEF when it cannot be read.
 inline uint32_t u32Of(Session* s, uint32_t valueKey) {
     uint32_t v = 0;
@@ -74,8 +61,7 @@ inline uint32_t u32Of(Session* s, uint32_t valueKey) {
     return value_getGeneric(s, valueKey, &v, &length) == 0 ? v : 0xDEADBEEFu;
 }
 
-// The children of a node in list order, read through the first-child and next-sibling words
-// (at most `limit` of them, so a damaged list cannot hang a test).
+// The children of a node in list order (at most `limit`, so a damaged list cannot hang a test).
 inline std::vector<uint32_t> children(Session* s, uint32_t key, size_t limit = 1000) {
     std::vector<uint32_t> keys;
     for (uint32_t c = comp_getFirstChild(s, key); c != 0 && keys.size() < limit; c = comp_getNextSibling(s, c))
@@ -83,32 +69,23 @@ inline std::vector<uint32_t> children(Session* s, uint32_t key, size_t limit = 1
     return keys;
 }
 
-// A component's name ("" when it cannot be fetched).
-inline std::string nameOf(Session* s, uint32_t key) {
-    char buffer[KESDB_NAME_BUFFER] = {};
-    if (!kesdb_getString(s, comp_getStringKey(s, key), buffer, KESDB_NAME_BUFFER - 1)) return "";
-    return buffer;
-}
-
-// The names of a node's children in list order, joined with ",".
+// The names of a node's children in list order, joined with ","; a child whose parent word
+// names another node is marked with a trailing '^'.
 inline std::string childNames(Session* s, uint32_t key) {
     std::string joined;
-    for (uint32_t c : children(s, key)) {
-        if (!joined.empty()) joined += ",";
-        joined += nameOf(s, c);
+    const std::vector<uint32_t> keys = children(s, key);
+    for (size_t i = 0; i < keys.size(); ++i) {
+        char text[KESDB_NAME_BUFFER] = {};
+        kesdb_getString(s, comp_getStringKey(s, keys[i]), text, KESDB_NAME_BUFFER - 1);
+        joined += (i ? "," : "") + std::string(text) + (comp_getParent(s, keys[i]) == key ? "" : "^");
     }
     return joined;
 }
 
-// The whole records, read directly.
+// Whole records, read directly.
 inline CompRecord common(Session* s, uint32_t key) {
     CompRecord r{};
     comp_getComponent(s, key, &r);
-    return r;
-}
-inline NodeRecord nodeRecord(Session* s, uint32_t key) {
-    NodeRecord r{};
-    comp_getNode(s, key, &r);
     return r;
 }
 inline LeafRecord leafRecord(Session* s, uint32_t key) {
@@ -119,22 +96,17 @@ inline LeafRecord leafRecord(Session* s, uint32_t key) {
 
 // Free blocks of a medium in list order, read through the rooted allocator's primitives.
 struct FreeBlock {
-    uint32_t key;
-    uint32_t size;
+    uint32_t key, size;
     bool operator==(const FreeBlock&) const = default;
 };
-
 inline std::vector<FreeBlock> freeList(Session* s, uint32_t medium, size_t limit = 10000) {
     std::vector<FreeBlock> blocks;
-    for (uint32_t k = flst_m_getFirstOffset(s, medium); k != 0 && blocks.size() < limit;) {
-        FreeElement e{};
-        if (!flst_m_getElement(s, medium, k, &e)) break;
+    FreeElement e{};
+    for (uint32_t k = flst_m_getFirstOffset(s, medium);
+         k != 0 && blocks.size() < limit && flst_m_getElement(s, medium, k, &e); k = e.next)
         blocks.push_back({k, e.size});
-        k = e.next;
-    }
     return blocks;
 }
-
 // Whether the block [key, key + size) is wholly free.
 inline bool isFree(const std::vector<FreeBlock>& blocks, uint32_t key, uint32_t size) {
     for (const FreeBlock& b : blocks)
@@ -142,9 +114,38 @@ inline bool isFree(const std::vector<FreeBlock>& blocks, uint32_t key, uint32_t 
     return false;
 }
 
-// A started database whose component records live in medium 1: a file laid down in the
-// database's directory and served by the fault-injection driver, so that a test can make the
-// driver's calls fail or fall short. Strings and values stay in the built-in medium 0.
+// The session's error word as the signed code the operations return.
+inline int32_t err(const Session* s) { return static_cast<int32_t>(s->error); }
+
+// A copy of a session naming a database id that is not registered, its error words cleared.
+inline Session unregistered(const Session& s) {
+    Session bad = s;
+    bad.dbId = 30;
+    bad.error = bad.errorDetail = 0;
+    return bad;
+}
+
+// A string entry whose text lies in medium `textMedium` (one the table does not have, for a
+// name that cannot be fetched). Its key, or 0.
+inline uint32_t danglingString(Session* s, uint32_t textMedium, uint32_t textLength = 4) {
+    StringEntry e{};
+    if (!str_newEntry(s, &e)) return 0;
+    e.textMedium = textMedium;
+    e.textLength = textLength;
+    return str_setEntry(s, &e) == 0 ? e.key : 0;
+}
+
+// The key `body` returned, with what it printed on standard output.
+template <typename F>
+std::pair<uint32_t, std::string> keyAndOutput(F&& body) {
+    uint32_t key = 0;
+    std::string out = kt::captureStdout([&] { key = body(); });
+    return {key, out};
+}
+
+// A started database whose component records live in medium 1: a file in the database's
+// directory served by the fault-injection driver, so that a test can make the driver's calls
+// fail or fall short. Strings and values stay in the built-in medium 0.
 struct FaultComponents {
     kt::Db db;
     std::string path;  // the component medium's file
@@ -161,13 +162,11 @@ struct FaultComponents {
         o.start = false;
         return o;
     }
-    explicit FaultComponents(uint32_t size = 64 * 1024) : db(options()) {
-        path = db.dir.file("components.bin");
+    explicit FaultComponents(uint32_t size = 64 * 1024) : db(options()), path(db.dir.file("components.bin")) {
         kesdb_layMedium(path.c_str(), size, 0);
         const std::string libPath = kt::libPath("libkesdrv_fault.so");
-        kt::writeFile(db.param.mediaConfigPath,
-                      libPath + " faultMedia_open faultMedia_close faultMedia_read faultMedia_write "
-                                "faultMedia_seek faultMedia_sync " + path + "\n");
+        kt::writeFile(db.param.mediaConfigPath, libPath + " faultMedia_open faultMedia_close faultMedia_read "
+                                                "faultMedia_write faultMedia_seek faultMedia_sync " + path + "\n");
         // The same loaded instance as the library's: its fault state is shared.
         lib = dlopen(libPath.c_str(), RTLD_NOW);
         if (lib) {
@@ -188,35 +187,5 @@ struct FaultComponents {
     FaultComponents& operator=(const FaultComponents&) = delete;
     bool ready() const { return db.id > 0 && failFrom && shortOp && reset && opens && closes; }
 };
-
-// The session's error word as the signed code the operations return.
-inline int32_t err(const Session* s) { return static_cast<int32_t>(s->error); }
-
-// A copy of a session naming a database id that is not registered, its error words cleared.
-inline Session unregistered(const Session& s) {
-    Session bad = s;
-    bad.dbId = 30;
-    bad.error = 0;
-    bad.errorDetail = 0;
-    return bad;
-}
-
-// A string entry whose text lies in medium `textMedium` (one the table does not have, for a
-// name that cannot be fetched). Returns its key, or 0.
-inline uint32_t danglingString(Session* s, uint32_t textMedium, uint32_t textLength = 4) {
-    StringEntry e{};
-    if (!str_newEntry(s, &e)) return 0;
-    e.textMedium = textMedium;
-    e.textLength = textLength;
-    return str_setEntry(s, &e) == 0 ? e.key : 0;
-}
-
-// What `body` printed on standard output, with the key it returned.
-template <typename F>
-std::pair<uint32_t, std::string> keyAndOutput(F&& body) {
-    uint32_t key = 0;
-    std::string out = kt::captureStdout([&] { key = body(); });
-    return {key, out};
-}
 
 }  // namespace tk

@@ -1,0 +1,82 @@
+// Helpers shared by the value, hook and constraint tests.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "testkit.hpp"
+
+namespace vk {
+
+// A media configuration line making `path` medium 1 through the named-file driver.
+inline std::string fileMediumLine(const std::string& path) {
+    return kt::libPath("libkesdrv_file.so") +
+           " fileMedia_open fileMedia_close fileMedia_read fileMedia_write fileMedia_seek fileMedia_sync " + path +
+           "\n";
+}
+
+// Options of a database whose medium 1 is the file `path`, created with `content`.
+inline kt::DbOptions withFileMedium(const std::string& path, const std::string& content = "") {
+    kt::writeFile(path, content);
+    kt::DbOptions o;
+    o.mediaConfig = fileMediumLine(path);
+    return o;
+}
+
+inline uint32_t makeLeaf(Session* s, uint32_t current, uint32_t def = 0, uint32_t factory = 0, uint32_t hook = 0) {
+    LeafRecord leaf{};
+    if (!comp_newLeaf(s, &leaf)) return 0;
+    leaf.comp.kind = KESDB_KIND_LEAF;
+    leaf.currentValue = current;
+    leaf.defaultValue = def;
+    leaf.factoryValue = factory;
+    leaf.hookIndex = hook;
+    return comp_setLeaf(s, &leaf) == 0 ? leaf.comp.key : 0;
+}
+
+inline uint32_t makeNode(Session* s) {
+    NodeRecord node{};
+    if (!comp_newNode(s, &node)) return 0;
+    node.comp.kind = KESDB_KIND_NODE;
+    return comp_setNode(s, &node) == 0 ? node.comp.key : 0;
+}
+
+// A value of type `type` on medium 0 holding the bytes of `v`.
+template <class T>
+uint32_t make(Session* s, uint32_t type, T v) {
+    return value_create(s, type, 0, &v, static_cast<int32_t>(sizeof v), 0);
+}
+
+// `n` bytes of a value's data as they lie in the built-in medium.
+inline std::vector<uint8_t> dataOf(kt::Db& db, uint32_t valueKey, uint32_t n) {
+    ValueRecord r{};
+    if (!value_get(&db.s, valueKey, &r)) return {};
+    return kt::readBytes(db.mediumPath, r.dataOffset, n);
+}
+
+inline uint32_t readU32(Session* s, uint32_t valueKey) {
+    uint32_t v = 0;
+    int32_t len = 4;
+    return value_getGeneric(s, valueKey, &v, &len) == 0 ? v : 0xBADBADu;
+}
+
+// `v` with its first `n` bytes replaced by those of `w`, as a write cut to n bytes leaves it.
+inline uint32_t firstBytes(uint32_t v, uint32_t w, size_t n) {
+    std::memcpy(&v, &w, n);
+    return v;
+}
+
+// A range record of any family member, created on the constraint medium; its key (0 on failure).
+template <class Rec, class T>
+uint32_t newRange(Session* s, Rec* (*create)(Session*, Rec*), uint32_t type, T min, T max, T step = 0) {
+    Rec r{};
+    r.type = type;
+    r.min = min;
+    r.max = max;
+    r.step = step;
+    return create(s, &r) ? r.key : 0;
+}
+
+}  // namespace vk
