@@ -187,13 +187,13 @@ CommandLine parse(const std::vector<std::string>& argv) {
         } else if (name == "--lib-dir") {
             setLibDir(value(name, eq));
         } else {
-            const OptionSpec* spec = nullptr;
+            const OptionSpec* option = nullptr;
             if (cl.command)
                 for (const OptionSpec& o : cl.command->options)
-                    if (name == o.name) spec = &o;
-            if (!spec) usageError((cl.command ? std::string(cl.command->name) + ": " : "") + "unknown option " + name);
-            if (!spec->takesValue && eq != std::string::npos) usageError(name + " takes no value");
-            cl.options[name].push_back(spec->takesValue ? value(name, eq) : "");
+                    if (name == o.name) option = &o;
+            if (!option) usageError((cl.command ? std::string(cl.command->name) + ": " : "") + "unknown option " + name);
+            if (!option->takesValue && eq != std::string::npos) usageError(name + " takes no value");
+            cl.options[name].push_back(option->takesValue ? value(name, eq) : "");
         }
     }
     return cl;
