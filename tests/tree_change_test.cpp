@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -134,7 +133,7 @@ TEST_F(TreeChange, DeleteSplicesChildrenDeleteWithSubReleasesTheSubtree) {
     ASSERT_EQ(t.list(t.P), "X,Z,Y");
     EXPECT_EQ(comp_deleteWithSub(s, t.P, 1), 0);
     EXPECT_EQ(t.list(t.r), "Q");
-    std::vector<tk::FreeBlock> blocks = tk::freeList(s, m);
+    const std::vector<tk::FreeBlock> blocks = tk::freeList(s, m);
     for (uint32_t node : {t.P, Z}) EXPECT_TRUE(tk::isFree(blocks, node, 28));
     for (uint32_t leaf : {t.X, W, t.Y}) EXPECT_TRUE(tk::isFree(blocks, leaf, 40));
     EXPECT_FALSE(tk::isFree(blocks, t.Q, 1));

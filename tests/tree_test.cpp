@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -56,9 +57,11 @@ protected:
 
 TEST_F(TreeRecord, NewRecordsLieOnTheMediumWordByWordAndGiveTheirSizeBack) {
     NodeRecord n{};
+    session_setError(s, 99, 9);
     ASSERT_EQ(comp_newNode(s, &n), &n);
     EXPECT_EQ(n.comp.key, 16u);
     EXPECT_EQ(n.comp.kind, KESDB_KIND_NODE);
+    EXPECT_EQ(s->error, 99u);  // an allocation that succeeds leaves the session's error as it was
     EXPECT_EQ(kt::readWord(db.mediumPath, 16 + 20), 0u);  // nothing written yet
     ASSERT_EQ(comp_setNode(s, &n), 0);
 

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstdlib>
 #include <string>
 
 #include "testkit.hpp"
@@ -20,18 +19,19 @@ Values valuesOf(Session* s, uint32_t leaf) {
     return {tk::u32Of(s, r.currentValue), tk::u32Of(s, r.defaultValue), tk::u32Of(s, r.factoryValue)};
 }
 
-// A node N holding the leaves L1, L2, L3 (values 10 + i, 20 + i, 30 + i) and an empty node E.
+// A node N holding the leaves L1, L2, L3 (current, default and factory values 11, 21, 31 for
+// L1, one more for each next leaf) and an empty node E.
 struct Sets {
     Session* s;
     uint32_t root = 0, N = 0, E = 0, L[3] = {};
-    explicit Sets(Session* session, uint32_t hook = 0) : s(session) {
+    explicit Sets(Session* session) : s(session) {
         root = tk::makeRoot(s, "/");
         N = tk::node(s, root, 0, "N");
         E = tk::node(s, root, N, "E");
         uint32_t previous = 0;
         for (uint32_t i = 0; i < 3; ++i) {
             L[i] = tk::leaf(s, N, previous, "L" + std::to_string(i + 1), tk::u32(s, 11 + i), tk::u32(s, 21 + i),
-                            tk::u32(s, 31 + i), hook);
+                            tk::u32(s, 31 + i));
             previous = L[i];
         }
         EXPECT_EQ(tk::childNames(s, N), "L1,L2,L3");
