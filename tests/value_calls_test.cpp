@@ -12,32 +12,13 @@
 #include <vector>
 
 #include "testkit.hpp"
+#include "valcstrtkit.hpp"
 
 namespace {
 
-uint32_t makeLeaf(Session* s, uint32_t current, uint32_t def = 0, uint32_t factory = 0, uint32_t hook = 0) {
-    LeafRecord leaf{};
-    if (!comp_newLeaf(s, &leaf)) return 0;
-    leaf.comp.kind = KESDB_KIND_LEAF;
-    leaf.currentValue = current;
-    leaf.defaultValue = def;
-    leaf.factoryValue = factory;
-    leaf.hookIndex = hook;
-    return comp_setLeaf(s, &leaf) == 0 ? leaf.comp.key : 0;
-}
-
-uint32_t makeNode(Session* s) {
-    NodeRecord node{};
-    if (!comp_newNode(s, &node)) return 0;
-    node.comp.kind = KESDB_KIND_NODE;
-    return comp_setNode(s, &node) == 0 ? node.comp.key : 0;
-}
-
-std::vector<uint8_t> dataOf(kt::Db& db, uint32_t valueKey, uint32_t n) {
-    ValueRecord r{};
-    if (!value_get(&db.s, valueKey, &r)) return {};
-    return kt::readBytes(db.mediumPath, r.dataOffset, n);
-}
+using vk::dataOf;
+using vk::makeLeaf;
+using vk::makeNode;
 
 // A leaf whose current value has the given type and natural length, zero-filled.
 uint32_t typedLeaf(Session* s, uint32_t type, int32_t length) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "testkit.hpp"
+#include "valcstrtkit.hpp"
 
 namespace {
 
@@ -20,18 +21,7 @@ uint32_t fileSize(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? static_cast<uint32_t>(st.st_size) : 0u;
 }
 
-std::vector<uint8_t> dataOf(kt::Db& db, uint32_t key, uint32_t n) {
-    ValueRecord r{};
-    if (!value_get(&db.s, key, &r)) return {};
-    return kt::readBytes(db.mediumPath, r.dataOffset, n);
-}
-
-// A named-file driver as medium 1 on `path`.
-std::string fileDriverLine(const std::string& path) {
-    return kt::libPath("libkesdrv_file.so") +
-           " fileMedia_open fileMedia_close fileMedia_read fileMedia_write fileMedia_seek fileMedia_sync " + path +
-           "\n";
-}
+using vk::dataOf;
 
 TEST(ValueRecord, CreateLaysRecordAndAppendsAdjacentZeroedDataAreas) {
     kt::Db db;
@@ -288,7 +278,7 @@ TEST(ValueRecord, DataMediumFailures) {
     const std::string dataPath = side.file("data.bin");
     kt::writeFile(dataPath, std::string(8, 'x'));
     kt::DbOptions o;
-    o.mediaConfig = fileDriverLine(dataPath);
+    o.mediaConfig = vk::fileMediumLine(dataPath);
     kt::Db db(o);
     ASSERT_GT(db.id, 0);
     Session* s = &db.s;

@@ -46,11 +46,42 @@ using kes::tree::WalkBudget;
 
 int32_t refuse(Session* s) { return session_setError(s, KESDB_ERR_COMP_NOTNODE, 0); }
 
+// A growing array of plain records that records KESDB_ERR_NOMEM when it cannot grow.
+template <class T>
+class GrowArray {
+public:
+    GrowArray() = default;
+    GrowArray(const GrowArray&) = delete;
+    GrowArray& operator=(const GrowArray&) = delete;
+    ~GrowArray() { std::free(items_); }
+    // Appends a slot and returns it, or null (error recorded).
+    T* append(Session* s) {
+        if (count_ == capacity_) {
+            const size_t capacity = capacity_ ? capacity_ * 2 : 16;
+            void* grown = std::realloc(items_, capacity * sizeof(T));
+            if (!grown) {
+                session_setError(s, KESDB_ERR_NOMEM, static_cast<uint32_t>(errno));
+                return nullptr;
+            }
+            items_ = static_cast<T*>(grown);
+            capacity_ = capacity;
+        }
+        return &items_[count_++];
+    }
+    size_t size() const { return count_; }
+    T& operator[](size_t i) { return items_[i]; }
+    const T& operator[](size_t i) const { return items_[i]; }
+
+private:
+    T* items_ = nullptr;
+    size_t count_ = 0;
+    size_t capacity_ = 0;
+};
+
 // The records one change touches, staged in memory until every read is done.
 class Change {
 public:
     explicit Change(Session* s) : s_(s) {}
-    ~Change() { std::free(slots_); }
     Change(const Change&) = delete;
     Change& operator=(const Change&) = delete;
 
@@ -69,7 +100,7 @@ public:
     // was staged with. Returns the write result of the record at `key` (0 when none is).
     int32_t commit(uint32_t key) {
         int32_t result = 0;
-        for (size_t i = 0; i < count_; ++i) {
+        for (size_t i = 0; i < slots_.size(); ++i) {
             const int32_t r = write(slots_[i]);
             if (slots_[i].key == key) result = r;
         }
@@ -84,7 +115,7 @@ private:
     };
 
     Slot* find(uint32_t key) {
-        for (size_t i = 0; i < count_; ++i)
+        for (size_t i = 0; i < slots_.size(); ++i)
             if (slots_[i].key == key) return &slots_[i];
         return nullptr;
     }
@@ -116,17 +147,8 @@ private:
     bool put(uint32_t key, const void* bytes, uint32_t size) {
         Slot* slot = find(key);
         if (!slot) {
-            if (count_ == capacity_) {
-                const size_t capacity = capacity_ ? capacity_ * 2 : 8;
-                void* grown = std::realloc(slots_, capacity * sizeof(Slot));
-                if (!grown) {
-                    session_setError(s_, KESDB_ERR_NOMEM, static_cast<uint32_t>(errno));
-                    return false;
-                }
-                slots_ = static_cast<Slot*>(grown);
-                capacity_ = capacity;
-            }
-            slot = &slots_[count_++];
+            slot = slots_.append(s_);
+            if (!slot) return false;
             slot->key = key;
             slot->size = 0;
         }
@@ -152,9 +174,7 @@ private:
     }
 
     Session* s_;
-    Slot* slots_ = nullptr;
-    size_t count_ = 0;
-    size_t capacity_ = 0;
+    GrowArray<Slot> slots_;
 };
 
 // Insertion of R at (parent, previous): directly behind `previous`, or at the head of the
@@ -289,28 +309,16 @@ int32_t moveWhole(Session* s, uint32_t key, uint32_t newParent, uint32_t newPrev
 // Children's keys gathered before a subtree is deleted from the last child to the first.
 class KeyList {
 public:
-    ~KeyList() { std::free(keys_); }
     bool push(Session* s, uint32_t key) {
-        if (count_ == capacity_) {
-            const size_t capacity = capacity_ ? capacity_ * 2 : 16;
-            void* grown = std::realloc(keys_, capacity * sizeof(uint32_t));
-            if (!grown) {
-                session_setError(s, KESDB_ERR_NOMEM, static_cast<uint32_t>(errno));
-                return false;
-            }
-            keys_ = static_cast<uint32_t*>(grown);
-            capacity_ = capacity;
-        }
-        keys_[count_++] = key;
-        return true;
+        uint32_t* slot = keys_.append(s);
+        if (slot) *slot = key;
+        return slot != nullptr;
     }
-    size_t size() const { return count_; }
+    size_t size() const { return keys_.size(); }
     uint32_t operator[](size_t i) const { return keys_[i]; }
 
 private:
-    uint32_t* keys_ = nullptr;
-    size_t count_ = 0;
-    size_t capacity_ = 0;
+    GrowArray<uint32_t> keys_;
 };
 
 // The walk a deletion will make, made first without changing anything: every record of the
