@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, when they are missing.
+# Extra package names given as arguments are installed along with them.
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev nlohmann-json3-dev)
+packages=(cmake g++ make libgtest-dev nlohmann-json3-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
