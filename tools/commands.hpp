@@ -35,4 +35,12 @@ int cmdLock(const std::string& dir, const std::string& path, bool shared, bool t
 int cmdUnlock(const std::string& dir, const std::string& path);
 int cmdLocks(const std::string& dir);
 
+// orphans: the sessions and locks of ended processes, removed with `clear`.
+struct OrphanOptions {
+    std::string sessionTable, lockTable;  // the table files
+    bool clear = false;                   // --clear
+    bool closedLocks = false;             // --closed: with --clear, also locks of closed sessions
+};
+int cmdOrphans(const OrphanOptions& options);
+
 }  // namespace kesdb

@@ -104,6 +104,11 @@ std::string mediaConfigText(const std::string& dir, bool fourFiles, const std::s
     return conf;
 }
 
+TablePaths tablePaths(const std::string& dir) {
+    const Descriptor d = readDescriptor(dir);
+    return {d.path("session"), d.path("lock")};
+}
+
 std::string absolutePath(const std::string& path) {
     char* r = realpath(path.c_str(), nullptr);
     if (!r) fail("cannot find " + path + ": " + std::strerror(errno));

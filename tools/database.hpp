@@ -39,6 +39,12 @@ std::string libDir();
 std::string descriptorText(bool fourFiles);
 std::string mediaConfigText(const std::string& dir, bool fourFiles, const std::string& libDirectory);
 
+// The session and lock table files named by the descriptor of DIR.
+struct TablePaths {
+    std::string session, lock;
+};
+TablePaths tablePaths(const std::string& dir);
+
 // Absolute form of an existing path.
 std::string absolutePath(const std::string& path);
 

@@ -2,7 +2,8 @@
 // device-image builder) and for a developer on the device. It makes databases, imports
 // and exports their tree as JSON, reads and writes settings by path, copies value sets,
 // prints the tree, and takes and releases component locks; all through the library's
-// exported calls. "kesdb --help" and the manual page kesdb(1) describe every command.
+// exported calls. It also finds and clears the sessions and locks that ended processes left
+// in the shared tables (orphans.cpp). "kesdb --help" and the manual page kesdb(1) describe every command.
 //
 // This file: the command line. Options may stand before or after the command; "--" ends
 // them (so a value such as "--x" can be set). Numbers such as "-5" are arguments.
@@ -69,6 +70,13 @@ const char kHelp[] =
     "      Release a lock on a component.\n"
     "  locks\n"
     "      Show the component locks of the lock table (entry:key, in hexadecimal).\n"
+    "  orphans [--clear [--closed]] [--session-table FILE] [--lock-table FILE]\n"
+    "      List the sessions whose process ended without closing them (killed, crashed)\n"
+    "      with the locks they hold, and the locks whose session is closed (such as those\n"
+    "      \"lock\" leaves). --clear removes the sessions and locks of ended processes and\n"
+    "      wakes the processes waiting for those locks; --closed also removes the locks of\n"
+    "      closed sessions. Sessions of running processes and their locks are never\n"
+    "      touched. The tables are those of DIR, or the files given (then -d is not needed).\n"
     "  help\n"
     "      This text (also -h, --help).\n"
     "\n"
@@ -131,6 +139,7 @@ const std::vector<CommandSpec> kCommands = {
     {"lock", {{"--shared", false}, {"--try", false}}, 1, 1},
     {"unlock", {}, 1, 1},
     {"locks", {}, 0, 0},
+    {"orphans", {{"--clear", false}, {"--closed", false}, {"--session-table", true}, {"--lock-table", true}}, 0, 0},
     {"help", {}, 0, 1},
 };
 
@@ -232,6 +241,22 @@ int run(const std::vector<std::string>& argv) {
         if (cl.has("--install-dir")) o.installDir = cl.options["--install-dir"].back();
         if (cl.has("--target-lib-dir")) o.targetLibDir = cl.options["--target-lib-dir"].back();
         return cmdCreate(o);
+    }
+    if (cmd == "orphans") {
+        OrphanOptions o;
+        o.clear = cl.has("--clear");
+        o.closedLocks = cl.has("--closed");
+        if (o.closedLocks && !o.clear) usageError("orphans: --closed goes with --clear");
+        if (!cl.dir.empty()) {
+            const TablePaths paths = tablePaths(cl.dir);
+            o.sessionTable = paths.session;
+            o.lockTable = paths.lock;
+        }
+        if (cl.has("--session-table")) o.sessionTable = cl.options["--session-table"].back();
+        if (cl.has("--lock-table")) o.lockTable = cl.options["--lock-table"].back();
+        if (o.sessionTable.empty() || o.lockTable.empty())
+            usageError("orphans needs the database directory (-d DIR) or --session-table and --lock-table");
+        return cmdOrphans(o);
     }
     if (cl.dir.empty()) usageError(cmd + " needs the database directory: -d DIR");
     if (cmd == "import") return cmdImport(cl.dir, arg0);
