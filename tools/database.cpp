@@ -89,7 +89,12 @@ std::string libDir() {
     // in the build tree: ../lib beside the program.
 #ifdef KESDB_TOOL_MODULE_DIR
     const std::string installed = bin + "/" KESDB_TOOL_MODULE_DIR;
-    if (access((installed + "/libkesdrv_file.so").c_str(), F_OK) == 0) return installed;
+    if (access((installed + "/libkesdrv_file.so").c_str(), F_OK) == 0) {
+        char* resolved = realpath(installed.c_str(), nullptr);
+        std::string dir = resolved ? resolved : installed;
+        std::free(resolved);
+        return dir;
+    }
 #endif
     return parentDir(bin) + "/lib";
 }
