@@ -1,4 +1,11 @@
-/* kesDBM: configuration database library. Umbrella header. */
+/**
+ * @file kesdbm/kesdbm.h
+ * @brief Umbrella header: includes every public header of the library.
+ *
+ * Applications include this one header (C or C++) and link with -lkesdbm
+ * (`pkg-config --cflags --libs kesdbm`, or `find_package(kesdbm)` and the target
+ * kesdbm::kesdbm). See the guide for a walk through the calls.
+ */
 #ifndef KESDBM_H
 #define KESDBM_H
 
