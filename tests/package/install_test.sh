@@ -36,6 +36,15 @@ if [ "$with_tool" = 1 ]; then
   expect_file bin/kesdb
   expect_file share/man/man1/kesdb.1
 fi
+if command -v readelf > /dev/null; then
+  soname=$(readelf -d "$stage/$libdir/libkesdbm.so.$version" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+  expect_line "libkesdbm.so.$major" "$soname" "SONAME"
+  # Installed binaries carry no run path into the build tree.
+  for f in "$stage/$libdir/libkesdbm.so.$version" "$stage/$libdir/kesdbm/libkesdrv_file.so" \
+           $( [ "$with_tool" = 1 ] && echo "$stage/bin/kesdb"); do
+    if readelf -d "$f" | grep -E '\((RPATH|RUNPATH)\)' | grep -q -F "$build"; then fail "$f: run path into $build"; fi
+  done
+fi
 # Nothing of the build tree leaks into the installed package files.
 if grep -l -r -F "$build" "$stage/$libdir/cmake" "$stage/$libdir/pkgconfig"; then fail "build paths in package files"; fi
 if grep -l -r -F "$source" "$stage/$libdir/cmake" "$stage/$libdir/pkgconfig"; then fail "source paths in package files"; fi
