@@ -6,6 +6,13 @@
  * (`pkg-config --cflags --libs kesdbm`, or `find_package(kesdbm)` and the target
  * kesdbm::kesdbm). See the guide for a walk through the calls.
  */
+
+/**
+ * @example guide_example.c
+ * The complete program of the developer's guide: prepares a database in a directory, starts
+ * the library, reads and writes settings, meets a range, an enumeration and a hook, takes
+ * locks and shuts down.
+ */
 #ifndef KESDBM_H
 #define KESDBM_H
 
