@@ -1,8 +1,17 @@
 // Every call and operation of the interface is exported from the shared library under its
-// own name, and nothing else of the library's internals is.
+// own name, and nothing else of the library's internals is. The dynamic symbol table of the
+// built library is read from its ELF file (32- or 64-bit, either byte order, so the test runs
+// on the target as well) and every defined, visible symbol must be one of the interface's.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -83,6 +92,212 @@ const std::vector<std::string> kOperations = {
     "value_setConstraintKey", "value_setDeleted", "value_setGeneric", "value_term",
 };
 
+// Helpers of the library's own header that are exported besides the interface's names.
+const std::vector<std::string> kHelpers = {"kesdb_errorName", "kesdb_layMedium"};
+
+// The wrapper library's calls (osw/include/kesosw.h).
+const std::vector<std::string> kWrapperCalls = {
+    "kesOSWCreateMutexSem", "kesOSWCreateCountSem", "kesOSWCreateEventSem", "kesOSWRequestMutexSem",
+    "kesOSWReleaseMutexSem", "kesOSWWaitCountSem", "kesOSWPostCountSem", "kesOSWWaitEventSem",
+    "kesOSWPostEventSem", "kesOSWSubAllocMem", "kesOSWOrgFreeMemPart", "kesOSWSetCreateKey",
+};
+
+// Symbols a linker may add to every shared object's dynamic table; tolerated, nothing else.
+const std::set<std::string> kLinkerSymbols = {"_init", "_fini", "_edata", "_end", "__bss_start"};
+
+// ---- Reading the dynamic symbol table of an ELF file -------------------------------------
+
+struct DynSymbol {
+    std::string name;
+    unsigned binding;     // STB_*
+    unsigned type;        // STT_*
+    unsigned visibility;  // STV_*
+    uint16_t section;     // 0: undefined
+    uint64_t value;
+};
+
+// Reads fixed-width fields of an ELF image in its own byte order, bounds-checked.
+class ElfReader {
+public:
+    ElfReader(const std::vector<uint8_t>& bytes, bool bigEndian) : bytes_(bytes), big_(bigEndian) {}
+    bool fits(uint64_t offset, uint64_t size) const {
+        return offset <= bytes_.size() && size <= bytes_.size() - offset;
+    }
+    uint64_t get(uint64_t offset, unsigned width) const {
+        uint64_t v = 0;
+        for (unsigned i = 0; i < width; ++i) {
+            uint64_t b = bytes_[offset + i];
+            v |= big_ ? b << (8 * (width - 1 - i)) : b << (8 * i);
+        }
+        return v;
+    }
+
+private:
+    const std::vector<uint8_t>& bytes_;
+    bool big_;
+};
+
+// The symbols of the SHT_DYNSYM section (index 0, the null symbol, left out); nullopt when the
+// image is not a well-formed ELF file with such a section.
+std::optional<std::vector<DynSymbol>> readDynamicSymbols(const std::vector<uint8_t>& bytes) {
+    constexpr uint32_t kShtDynsym = 11;
+    if (bytes.size() < 52 || std::memcmp(bytes.data(), "\x7f" "ELF", 4) != 0) return std::nullopt;
+    const bool is64 = bytes[4] == 2;
+    if ((bytes[4] != 1 && bytes[4] != 2) || (bytes[5] != 1 && bytes[5] != 2)) return std::nullopt;
+    ElfReader r(bytes, bytes[5] == 2);
+    const unsigned word = is64 ? 8 : 4;  // address and offset width
+    if (!r.fits(0, is64 ? 64 : 52)) return std::nullopt;
+    const uint64_t shoff = r.get(is64 ? 40 : 32, word);
+    const uint64_t shentsize = r.get(is64 ? 58 : 46, 2);
+    const uint64_t shnum = r.get(is64 ? 60 : 48, 2);
+    if (shentsize < (is64 ? 64u : 40u) || !r.fits(shoff, shentsize * shnum)) return std::nullopt;
+    // Section header fields: type at 4; offset, size, link and entry size by class.
+    auto section = [&](uint64_t i, unsigned field) -> uint64_t {
+        const uint64_t h = shoff + i * shentsize;
+        switch (field) {
+            case 0: return r.get(h + 4, 4);                          // sh_type
+            case 1: return r.get(h + (is64 ? 24 : 16), word);        // sh_offset
+            case 2: return r.get(h + (is64 ? 32 : 20), word);        // sh_size
+            case 3: return r.get(h + (is64 ? 40 : 24), 4);           // sh_link
+            default: return r.get(h + (is64 ? 56 : 36), word);       // sh_entsize
+        }
+    };
+    for (uint64_t i = 0; i < shnum; ++i) {
+        if (section(i, 0) != kShtDynsym) continue;
+        const uint64_t symOff = section(i, 1), symSize = section(i, 2), entSize = section(i, 4);
+        const uint64_t strIndex = section(i, 3);
+        if (entSize < (is64 ? 24u : 16u) || strIndex >= shnum || !r.fits(symOff, symSize)) return std::nullopt;
+        const uint64_t strOff = section(strIndex, 1), strSize = section(strIndex, 2);
+        if (!r.fits(strOff, strSize)) return std::nullopt;
+        std::vector<DynSymbol> symbols;
+        for (uint64_t e = 1; e < symSize / entSize; ++e) {
+            const uint64_t s = symOff + e * entSize;
+            // Elf32_Sym: name, value, size, info, other, shndx. Elf64_Sym: name, info, other,
+            // shndx, value, size.
+            const uint64_t nameOff = r.get(s, 4);
+            const unsigned info = static_cast<unsigned>(r.get(s + (is64 ? 4 : 12), 1));
+            const unsigned other = static_cast<unsigned>(r.get(s + (is64 ? 5 : 13), 1));
+            const uint16_t shndx = static_cast<uint16_t>(r.get(s + (is64 ? 6 : 14), 2));
+            const uint64_t value = r.get(s + (is64 ? 8 : 4), word);
+            if (nameOff >= strSize) return std::nullopt;
+            const char* begin = reinterpret_cast<const char*>(bytes.data() + strOff + nameOff);
+            const size_t length = strnlen(begin, static_cast<size_t>(strSize - nameOff));
+            if (length == strSize - nameOff) return std::nullopt;  // unterminated name
+            symbols.push_back({std::string(begin, length), info >> 4, info & 0xfu, other & 3u, shndx, value});
+        }
+        return symbols;
+    }
+    return std::nullopt;
+}
+
+std::vector<uint8_t> readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Names a shared object makes visible to others: defined, global, weak or unique binding,
+// default or protected visibility. Version-definition symbols (absolute, value 0) are left out.
+std::set<std::string> exportedNames(const std::vector<DynSymbol>& symbols) {
+    constexpr uint16_t kShnAbs = 0xfff1;
+    std::set<std::string> names;
+    for (const DynSymbol& s : symbols) {
+        const bool visibleBinding = s.binding == 1 || s.binding == 2 || s.binding == 10;
+        const bool visible = s.visibility == 0 || s.visibility == 3;
+        if (s.section == 0 || !visibleBinding || !visible) continue;
+        if (s.section == kShnAbs && s.value == 0 && s.type == 1) continue;
+        names.insert(s.name);
+    }
+    return names;
+}
+
+// AddressSanitizer gives every exported variable an ODR indicator "__odr_asan.<name>"; in a
+// sanitizer build those of expected variables are the instrumentation's, not the library's.
+bool sanitizerCompanion(const std::string& name, const std::set<std::string>& expected) {
+#if defined(__SANITIZE_ADDRESS__)
+    const std::string prefix = "__odr_asan.";
+    return name.compare(0, prefix.size(), prefix) == 0 && expected.count(name.substr(prefix.size())) != 0;
+#else
+    (void)name;
+    (void)expected;
+    return false;
+#endif
+}
+
+// Exported names of a built library not in `expected` (linker symbols tolerated), and names of
+// `expected` it does not export.
+void compareExports(const std::string& file, const std::vector<std::vector<std::string>>& expectedLists) {
+    std::set<std::string> expected;
+    for (const auto& list : expectedLists) expected.insert(list.begin(), list.end());
+    const std::vector<uint8_t> bytes = readAll(kt::libPath(file));
+    ASSERT_FALSE(bytes.empty()) << kt::libPath(file);
+    const auto symbols = readDynamicSymbols(bytes);
+    ASSERT_TRUE(symbols.has_value()) << file << ": no dynamic symbol table";
+    const std::set<std::string> exported = exportedNames(*symbols);
+    for (const std::string& name : exported)
+        EXPECT_TRUE(expected.count(name) || kLinkerSymbols.count(name) || sanitizerCompanion(name, expected))
+            << file << " exports " << name;
+    for (const std::string& name : expected) EXPECT_TRUE(exported.count(name)) << file << " lacks " << name;
+}
+
+// ---- A synthetic ELF image: checks the reader in every class and byte order ---------------
+
+struct SyntheticSymbol {
+    std::string name;
+    unsigned binding, type, visibility;
+    uint16_t section;
+};
+
+// Writes an ELF file of the given class and byte order with a null section, .dynsym, .dynstr.
+std::vector<uint8_t> syntheticElf(bool is64, bool bigEndian, const std::vector<SyntheticSymbol>& symbols) {
+    std::vector<uint8_t> out;
+    auto put = [&](uint64_t offset, uint64_t v, unsigned width) {
+        if (out.size() < offset + width) out.resize(offset + width);
+        for (unsigned i = 0; i < width; ++i)
+            out[offset + i] = static_cast<uint8_t>(v >> (8 * (bigEndian ? width - 1 - i : i)));
+    };
+    const unsigned word = is64 ? 8 : 4, ehsize = is64 ? 64 : 52, shentsize = is64 ? 64 : 40;
+    const unsigned symentsize = is64 ? 24 : 16;
+    std::string strtab(1, '\0');
+    std::vector<uint64_t> nameOffsets;
+    for (const auto& s : symbols) {
+        nameOffsets.push_back(strtab.size());
+        strtab += s.name + '\0';
+    }
+    const uint64_t symOff = ehsize, symSize = symentsize * (symbols.size() + 1);
+    const uint64_t strOff = symOff + symSize, shoff = (strOff + strtab.size() + 7) & ~7ull;
+    out.assign(shoff + 3 * shentsize, 0);
+    std::memcpy(out.data(), "\x7f" "ELF", 4);
+    out[4] = is64 ? 2 : 1;
+    out[5] = bigEndian ? 2 : 1;
+    out[6] = 1;
+    put(16, 3, 2);  // ET_DYN
+    put(is64 ? 40 : 32, shoff, word);
+    put(is64 ? 52 : 40, ehsize, 2);
+    put(is64 ? 58 : 46, shentsize, 2);
+    put(is64 ? 60 : 48, 3, 2);
+    for (size_t i = 0; i < symbols.size(); ++i) {
+        const uint64_t s = symOff + (i + 1) * symentsize;
+        const auto& sym = symbols[i];
+        put(s, nameOffsets[i], 4);
+        put(s + (is64 ? 4 : 12), (sym.binding << 4) | sym.type, 1);
+        put(s + (is64 ? 5 : 13), sym.visibility, 1);
+        put(s + (is64 ? 6 : 14), sym.section, 2);
+        put(s + (is64 ? 8 : 4), sym.section == 0xfff1 ? 0 : 0x1000 + i * 16, word);
+    }
+    std::memcpy(out.data() + strOff, strtab.data(), strtab.size());
+    auto header = [&](unsigned index, uint32_t type, uint64_t offset, uint64_t size, uint32_t link, uint64_t entsize) {
+        const uint64_t h = shoff + index * shentsize;
+        put(h + 4, type, 4);
+        put(h + (is64 ? 24 : 16), offset, word);
+        put(h + (is64 ? 32 : 20), size, word);
+        put(h + (is64 ? 40 : 24), link, 4);
+        put(h + (is64 ? 56 : 36), entsize, word);
+    };
+    header(1, 11, symOff, symSize, 2, symentsize);  // .dynsym, strings in section 2
+    header(2, 3, strOff, strtab.size(), 0, 0);      // .dynstr
+    return out;
+}
+
 void* openLibrary() {
     void* handle = dlopen(kt::libPath("libkesdbm.so").c_str(), RTLD_NOW | RTLD_LOCAL);
     EXPECT_NE(handle, nullptr) << dlerror();
@@ -100,6 +315,51 @@ TEST(Exports, EveryOperationIsExported) {
     void* handle = openLibrary();
     ASSERT_NE(handle, nullptr);
     for (const std::string& name : kOperations) EXPECT_NE(dlsym(handle, name.c_str()), nullptr) << name;
+}
+
+TEST(Exports, DynamicSymbolTableHoldsExactlyTheInterface) {
+    compareExports("libkesdbm.so", {kPublicCalls, kOperations, kHelpers});
+}
+
+TEST(Exports, WrapperExportsOnlyItsCalls) { compareExports("libkesosw.so", {kWrapperCalls}); }
+
+// The reader itself, on images of both classes and both byte orders (the device's is 32-bit
+// big-endian): defined global, weak and protected names count; undefined, local, hidden and
+// version-definition symbols do not.
+TEST(Exports, SymbolTableReaderHandlesEveryClassAndByteOrder) {
+    const std::vector<SyntheticSymbol> symbols = {
+        {"kesDBMInit", 1, 2, 0, 7},        // global function
+        {"media_table", 1, 1, 0, 9},       // global object
+        {"weakOne", 2, 2, 0, 7},           // weak
+        {"protectedOne", 1, 2, 3, 7},      // protected visibility
+        {"hiddenOne", 1, 2, 2, 7},         // hidden
+        {"localOne", 0, 2, 0, 7},          // local
+        {"printf", 1, 2, 0, 0},            // undefined: imported
+        {"KESDBM_1", 1, 1, 0, 0xfff1},     // version definition
+    };
+    for (bool is64 : {false, true}) {
+        for (bool big : {false, true}) {
+            SCOPED_TRACE(std::string(is64 ? "ELF64 " : "ELF32 ") + (big ? "big-endian" : "little-endian"));
+            const std::vector<uint8_t> image = syntheticElf(is64, big, symbols);
+            const auto read = readDynamicSymbols(image);
+            ASSERT_TRUE(read.has_value());
+            ASSERT_EQ(read->size(), symbols.size());
+            EXPECT_EQ((*read)[1].name, "media_table");
+            EXPECT_EQ((*read)[1].section, 9u);
+            EXPECT_EQ((*read)[3].visibility, 3u);
+            EXPECT_EQ((*read)[2].value, 0x1000u + 2 * 16);
+            EXPECT_EQ(exportedNames(*read),
+                      (std::set<std::string>{"kesDBMInit", "media_table", "protectedOne", "weakOne"}));
+            // A cut image or a name offset out of its string table is refused, not read past.
+            std::vector<uint8_t> cut(image.begin(), image.end() - 8);
+            EXPECT_FALSE(readDynamicSymbols(cut).has_value());
+            std::vector<uint8_t> badName = image;
+            const unsigned ehsize = is64 ? 64 : 52, entsize = is64 ? 24 : 16;
+            std::memset(badName.data() + ehsize + entsize, 0x7f, 4);
+            EXPECT_FALSE(readDynamicSymbols(badName).has_value());
+        }
+    }
+    EXPECT_FALSE(readDynamicSymbols(std::vector<uint8_t>(100, 0)).has_value());
 }
 
 TEST(Exports, InternalHelpersAreHidden) {

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <fstream>
 
+#include <unistd.h>
+
 namespace kesdb {
 
 const char* const kMediaFiles[4] = {"components.med", "values.med", "constraints.med", "strings.med"};
@@ -82,7 +84,19 @@ std::string libDir() {
     ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
     if (n <= 0) return "../lib";
     buf[n] = '\0';
-    return parentDir(parentDir(buf)) + "/lib";
+    const std::string bin = parentDir(buf);
+    // Installed: the module directory relative to the program's directory (bin/../lib/kesdbm);
+    // in the build tree: ../lib beside the program.
+#ifdef KESDB_TOOL_MODULE_DIR
+    const std::string installed = bin + "/" KESDB_TOOL_MODULE_DIR;
+    if (access((installed + "/libkesdrv_file.so").c_str(), F_OK) == 0) {
+        char* resolved = realpath(installed.c_str(), nullptr);
+        std::string dir = resolved ? resolved : installed;
+        std::free(resolved);
+        return dir;
+    }
+#endif
+    return parentDir(bin) + "/lib";
 }
 
 std::string descriptorText(bool fourFiles) {

@@ -29,8 +29,9 @@ constexpr const char* kDescriptorFile = "kesdb.conf";
 constexpr const char* kSingleMedium = "medium.bin";
 extern const char* const kMediaFiles[4];  // components, values, constraints, strings
 
-// Directory of the driver and hook libraries: --lib-dir, else $KESDB_LIB_DIR, else ../lib
-// beside the program's own executable.
+// Directory of the driver and hook libraries: --lib-dir, else $KESDB_LIB_DIR, else the
+// installed module directory beside the program (bin/../lib/kesdbm) when it holds the file
+// driver, else ../lib beside the program's own executable (the build tree).
 void setLibDir(const std::string& dir);
 std::string libDir();
 
