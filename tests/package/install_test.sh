@@ -39,6 +39,16 @@ fi
 if command -v readelf > /dev/null; then
   soname=$(readelf -d "$stage/$libdir/libkesdbm.so.$version" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
   expect_line "libkesdbm.so.$major" "$soname" "SONAME"
+  # At run time the library needs the C library, the dynamic loader and its wrapper, nothing
+  # else (a sanitizer build also needs the sanitizer runtimes).
+  if [ -z "$extra" ]; then
+    for lib in libkesdbm.so.$version libkesosw.so.$major; do
+      readelf -d "$stage/$libdir/$lib" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | while read -r needed; do
+        case $needed in libc.so.*|ld-linux*|ld.so.*|ld64.so.*|libkesosw.so.$major) ;;
+          *) echo "FAIL: $lib needs $needed"; exit 1 ;; esac
+      done || fail "run-time dependencies of $lib"
+    done
+  fi
   # Installed binaries carry no run path into the build tree.
   for f in "$stage/$libdir/libkesdbm.so.$version" "$stage/$libdir/kesdbm/libkesdrv_file.so" \
            $( [ "$with_tool" = 1 ] && echo "$stage/bin/kesdb"); do
