@@ -42,6 +42,8 @@
 #include <mutex>
 
 #define KESDRV_EXPORT __attribute__((visibility("default")))
+// The paths that look at the file or change the mapping stay out of the copying fast paths.
+#define KESDRV_SLOW __attribute__((noinline, cold))
 
 namespace {
 
@@ -116,6 +118,24 @@ Mapping* mapFile(int fd, uint64_t capacity, Mapping* older) {
     return m;
 }
 
+// Copies between the mapping and a caller's buffer (they never overlap). The short lengths of
+// records and fields are copied inline, as two fixed-size moves that may overlap each other;
+// longer ones by memcpy.
+template <uint32_t kHalf>
+inline void copyPair(uint8_t* d, const uint8_t* f, uint32_t n) {
+    memcpy(d, f, kHalf);
+    memcpy(d + n - kHalf, f + n - kHalf, kHalf);
+}
+inline void copyBytes(void* to, const void* from, uint32_t n) {
+    uint8_t* d = static_cast<uint8_t*>(to);
+    const uint8_t* f = static_cast<const uint8_t*>(from);
+    if (n > 64 || n < 4) memcpy(d, f, n);
+    else if (n >= 32) copyPair<32>(d, f, n);
+    else if (n >= 16) copyPair<16>(d, f, n);
+    else if (n >= 8) copyPair<8>(d, f, n);
+    else copyPair<4>(d, f, n);
+}
+
 // The medium of a descriptor, or null.
 inline Medium* mediumOf(int descriptor) {
     if (descriptor < 0 || descriptor >= g_count.load(std::memory_order_acquire)) return nullptr;
@@ -139,7 +159,7 @@ int adoptSize(Medium& m, uint64_t fileSize) {
 
 // Looks at the file's size again because an access reaches `end`, beyond the known size.
 // Returns the known size afterwards, or -1 with the error number stored.
-int64_t refresh(Medium& m, uint64_t end, int32_t* errPtr) {
+KESDRV_SLOW int64_t refresh(Medium& m, uint64_t end, int32_t* errPtr) {
     std::lock_guard<std::mutex> lock(m.grow);
     const uint64_t known = m.size.load(std::memory_order_relaxed);
     if (end <= known) return static_cast<int64_t>(known);  // another thread looked meanwhile
@@ -150,8 +170,19 @@ int64_t refresh(Medium& m, uint64_t end, int32_t* errPtr) {
     return static_cast<int64_t>(m.size.load(std::memory_order_relaxed));
 }
 
+// A read that reaches beyond the known size: what the file holds now, up to its end.
+KESDRV_SLOW int readBeyond(Medium& m, void* buffer, uint32_t length, uint32_t offset, int32_t* errPtr) {
+    const int64_t known = refresh(m, static_cast<uint64_t>(offset) + length, errPtr);
+    if (known < 0) return -1;
+    const uint64_t size = static_cast<uint64_t>(known);
+    if (offset >= size) return 0;
+    if (offset + static_cast<uint64_t>(length) > size) length = static_cast<uint32_t>(size - offset);
+    memcpy(buffer, m.map.load(std::memory_order_acquire)->base + offset, length);
+    return static_cast<int>(length);
+}
+
 // msync of the pages holding [offset, offset + length); 0 or -1 with errno.
-int syncRange(const Mapping* map, uint64_t offset, uint64_t length) {
+KESDRV_SLOW int syncRange(const Mapping* map, uint64_t offset, uint64_t length) {
     if (length == 0) return 0;
     const uint64_t start = offset / pageSize() * pageSize();
     return msync(map->base + start, static_cast<size_t>(offset + length - start), MS_SYNC);
@@ -159,7 +190,7 @@ int syncRange(const Mapping* map, uint64_t offset, uint64_t length) {
 
 // A write that reaches beyond the known size: either the file is already long enough (another
 // process grew it) and the write goes into the mapping, or it extends the file through pwrite.
-int writeBeyond(Medium& m, const void* buffer, uint32_t length, uint32_t offset, int32_t* errPtr) {
+KESDRV_SLOW int writeBeyond(Medium& m, const void* buffer, uint32_t length, uint32_t offset, int32_t* errPtr) {
     const uint64_t end = static_cast<uint64_t>(offset) + length;
     std::lock_guard<std::mutex> lock(m.grow);
     struct stat st;
@@ -188,7 +219,7 @@ int writeBeyond(Medium& m, const void* buffer, uint32_t length, uint32_t offset,
 }
 
 // Opens and maps the file of a name not seen before; the descriptor or -1.
-int addMedium(const char* name, int32_t* errPtr) {
+KESDRV_SLOW int addMedium(const char* name, int32_t* errPtr) {
     std::lock_guard<std::mutex> lock(g_openLock);
     const int count = g_count.load(std::memory_order_relaxed);
     for (int i = 0; i < count; ++i) {
@@ -233,6 +264,19 @@ int addMedium(const char* name, int32_t* errPtr) {
     return count;
 }
 
+// The descriptor of a name that is not the one the last open found: another medium already
+// open, or a new one. -1 with the error number stored on failure.
+KESDRV_SLOW int findMedium(const char* name, int32_t* errPtr) {
+    const int count = g_count.load(std::memory_order_acquire);
+    int d = -1;
+    for (int i = 0; i < count && d < 0; ++i) {
+        if (strcmp(g_media[i].name, name) == 0) d = i;
+    }
+    if (d < 0) d = addMedium(name, errPtr);
+    if (d >= 0) g_hint.store(d, std::memory_order_relaxed);
+    return d;
+}
+
 // Releases every mapping and file when the library is unloaded.
 __attribute__((destructor)) void unloadAll() {
     const int count = g_count.load(std::memory_order_acquire);
@@ -263,18 +307,9 @@ extern "C" {
 KESDRV_EXPORT int mmapMedia_open(const char* name, uint32_t arg, int32_t* errPtr) {
     (void)arg;
     if (!name) return fail(errPtr, EFAULT);
-    const int count = g_count.load(std::memory_order_acquire);
     const int hint = g_hint.load(std::memory_order_relaxed);
-    if (hint < count && strcmp(g_media[hint].name, name) == 0) return hint;
-    for (int i = 0; i < count; ++i) {
-        if (i != hint && strcmp(g_media[i].name, name) == 0) {
-            g_hint.store(i, std::memory_order_relaxed);
-            return i;
-        }
-    }
-    const int d = addMedium(name, errPtr);
-    if (d >= 0) g_hint.store(d, std::memory_order_relaxed);
-    return d;
+    if (hint < g_count.load(std::memory_order_acquire) && strcmp(g_media[hint].name, name) == 0) return hint;
+    return findMedium(name, errPtr);
 }
 
 // Descriptors are shared and stay valid until unload: close only checks the descriptor.
@@ -292,15 +327,8 @@ KESDRV_EXPORT int mmapMedia_read(int descriptor, void* buffer, uint32_t length, 
     if (!buffer) return fail(errPtr, EFAULT);
     if (length > INT_MAX) length = INT_MAX;  // the count must fit the result
     const uint64_t end = static_cast<uint64_t>(offset) + length;
-    uint64_t size = m->size.load(std::memory_order_acquire);
-    if (end > size) {
-        const int64_t known = refresh(*m, end, errPtr);
-        if (known < 0) return -1;
-        size = static_cast<uint64_t>(known);
-        if (offset >= size) return 0;
-        if (end > size) length = static_cast<uint32_t>(size - offset);
-    }
-    memcpy(buffer, m->map.load(std::memory_order_acquire)->base + offset, length);
+    if (end > m->size.load(std::memory_order_acquire)) return readBeyond(*m, buffer, length, offset, errPtr);
+    copyBytes(buffer, m->map.load(std::memory_order_acquire)->base + offset, length);
     return static_cast<int>(length);
 }
 
@@ -316,7 +344,7 @@ KESDRV_EXPORT int mmapMedia_write(int descriptor, const void* buffer, uint32_t l
     const uint64_t end = static_cast<uint64_t>(offset) + length;
     if (end > m->size.load(std::memory_order_acquire)) return writeBeyond(*m, buffer, length, offset, errPtr);
     const Mapping* map = m->map.load(std::memory_order_acquire);
-    memcpy(map->base + offset, buffer, length);
+    copyBytes(map->base + offset, buffer, length);
     if (m->syncEachWrite && syncRange(map, offset, length) != 0) return fail(errPtr, errno);
     return static_cast<int>(length);
 }
