@@ -64,8 +64,10 @@ struct Medium {
     bool syncEachWrite = false;
     int fd = -1;
     std::atomic<Mapping*> map{nullptr};
-    std::atomic<uint64_t> size{0};      // known file size; [0, size) lies inside map
-    std::atomic<int64_t> position{0};   // the position seek moves (reads and writes are positioned)
+    // Word-sized atomics, lock-free on 32-bit targets too: a size never exceeds the mapping,
+    // which fits the address space, and the position never exceeds INT_MAX.
+    std::atomic<size_t> size{0};  // known file size; [0, size) lies inside map
+    std::atomic<int> position{0};  // the position seek moves (reads and writes are positioned)
     std::mutex grow;                    // looking at the size, growing, remapping
 };
 
@@ -153,7 +155,7 @@ int adoptSize(Medium& m, uint64_t fileSize) {
         if (!larger) return errno;
         m.map.store(larger, std::memory_order_release);
     }
-    m.size.store(fileSize, std::memory_order_release);
+    m.size.store(static_cast<size_t>(fileSize), std::memory_order_release);  // <= capacity
     return 0;
 }
 
@@ -258,7 +260,7 @@ KESDRV_SLOW int addMedium(const char* name, int32_t* errPtr) {
     m.syncEachWrite = syncEachWrite;
     m.fd = fd;
     m.map.store(map, std::memory_order_relaxed);
-    m.size.store(static_cast<uint64_t>(st.st_size), std::memory_order_relaxed);
+    m.size.store(static_cast<size_t>(st.st_size), std::memory_order_relaxed);  // mapped, so it fits
     m.position.store(0, std::memory_order_relaxed);
     g_count.store(count + 1, std::memory_order_release);
     return count;
@@ -370,7 +372,7 @@ KESDRV_EXPORT int mmapMedia_seek(int descriptor, uint32_t offset, int whence, in
     }
     const int64_t position = base + static_cast<int64_t>(offset);
     if (position > INT_MAX) return fail(errPtr, EOVERFLOW);
-    m->position.store(position, std::memory_order_relaxed);
+    m->position.store(static_cast<int>(position), std::memory_order_relaxed);
     return static_cast<int>(position);
 }
 
