@@ -690,7 +690,7 @@ void registerAll(World& w, int repetitions) {
 
     // Head to head, for the ratios.
     addGroup("get_builtin_floor", 300, {{"floor", 5, floorGet(b)}, {"builtin", 5, typedGet(b)}});
-    addGroup("set_builtin_floor", 80, {{"floor", 1, floorSet(b)}, {"builtin", 1, typedSet(b)}});
+    addGroup("set_builtin_floor", 100, {{"floor", 2, floorSet(b)}, {"builtin", 2, typedSet(b)}});
     addGroup("get_mmap_lmdb", 300, {{"lmdb", 2000, lmdbGet()}, {"mmap", 2000, typedGet(m)}});
     addGroup("set_mmap_lmdb_nosync", 100, {{"lmdb_nosync", 20, lmdbSet(true)}, {"mmap", 2000, typedSet(m)}});
     addGroup("set_mmap_sync_lmdb", 40, {{"lmdb", 1, lmdbSet(false)}, {"mmap_sync", 1, typedSet(d)}});
@@ -698,7 +698,7 @@ void registerAll(World& w, int repetitions) {
     for (uint32_t n : kSizes) {
         const std::string size = std::to_string(n);
         getB.push_back({size, 5, typedGet(&w.builtin[n])});
-        setB.push_back({size, 1, typedSet(&w.builtin[n])});
+        setB.push_back({size, 2, typedSet(&w.builtin[n])});
         Db* mn = &w.mmap[n];
         auto newest = [&w, mn](Workload work) {
             work.prepare = [&w, mn] { restartDb(w, *mn); };
@@ -709,7 +709,7 @@ void registerAll(World& w, int repetitions) {
         createM.push_back({size, 1000, newest(create(mn))});
     }
     addGroup("sizes_get_builtin", 150, getB);
-    addGroup("sizes_set_builtin", 30, setB);
+    addGroup("sizes_set_builtin", 100, setB);
     addGroup("sizes_get_mmap", 150, getM);
     addGroup("sizes_set_mmap", 150, setM);
     addGroup("sizes_create_mmap", kCreateRounds, createM);
