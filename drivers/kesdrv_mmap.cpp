@@ -68,7 +68,7 @@ struct Medium {
     // which fits the address space, and the position never exceeds INT_MAX.
     std::atomic<size_t> size{0};  // known file size; [0, size) lies inside map
     std::atomic<int> position{0};  // the position seek moves (reads and writes are positioned)
-    std::mutex grow;                    // looking at the size, growing, remapping
+    std::mutex grow;  // looking at the size, growing, remapping
 };
 
 Medium g_media[kMaxMedia];
