@@ -14,7 +14,7 @@ bash scripts/deps.sh g++-powerpc-linux-gnu qemu-user googletest
 jobs=$(nproc 2>/dev/null || echo 2)
 build=${KESDB_CROSS_BUILD_DIR:-build-ppc}
 
-# Time limits of the tests are multiplied under the emulator (the native ones stay as they are).
+# Time limits of the tests are multiplied by 5 under the emulator (the native ones stay as they are).
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-powerpc-linux-gnu.cmake \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESDB_BENCH=OFF -DKESDB_TEST_TIME_SCALE=5 >/dev/null
 cmake --build "$build" -j"$jobs"
