@@ -8,8 +8,20 @@
 //    mutex, counting semaphore or event created with name 0 is the object of that key's set.
 //    The set lives in a small shared file "<key>.sem" that every process setting the same key
 //    maps, so the objects act across processes:
-//      mutex  - a process-shared robust mutex; a holder that dies (even by SIGKILL) does not
-//               block the others: the next requester takes it over;
+//      mutex  - a holder that dies (even by SIGKILL) does not block the others: the next
+//               requester takes it over. Two kinds, chosen by the process that lays the set
+//               down and recorded in the file, so every process uses the same one:
+//               robust  - a process-shared robust pthread mutex: the kernel marks it when its
+//                         holder dies and wakes a waiter. Used where the kernel keeps robust
+//                         lists for this process (it does natively);
+//               tracked - a futex word holding the holder's thread id. A waiter that has slept
+//                         one poll interval checks that the holder still exists (kill(tid, 0))
+//                         and takes over when it does not. Used where the kernel keeps no
+//                         robust list for the process (a user-mode emulator such as qemu-user),
+//                         or when KESOSW_MUTEX=tracked is set at lay-down. Its limits: the
+//                         processes must share one pid namespace, and a holder whose thread id
+//                         was handed to a new thread before anyone noticed its death stays
+//                         "alive" until that thread ends;
 //      count  - a process-shared POSIX semaphore;
 //      event  - a sequence word: a post increments it and wakes every waiter; a wait returns
 //               when the word changes or after a short poll interval, whichever comes first.
@@ -33,6 +45,7 @@
 #include <linux/futex.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -54,18 +67,22 @@ constexpr uint32_t kMaxSets = 64;           // keyed sets mapped by one process
 constexpr uint32_t kMaxKeyLength = 4095;    // a key is a path of at most this many bytes
 constexpr long kEventPollNs = 25L * 1000 * 1000;  // longest single event wait: 25 ms
 constexpr uint32_t kNoLimit = 0xFFFFFFFFu;
-constexpr uint32_t kSetMagic = 0x4B534D31u;  // marks a laid-down set file
+constexpr long kMutexPollNs = 50L * 1000 * 1000;  // tracked mutex: liveness check interval
+constexpr uint32_t kSetMagic = 0x4B534D31u;         // marks a set laid down with a robust mutex
+constexpr uint32_t kTrackedMagic = 0x4B534D32u;     // marks a set laid down with a tracked mutex
+constexpr uint32_t kWaiters = 0x80000000u;          // tracked mutex: someone sleeps on the word
+constexpr uint32_t kTidMask = 0x3FFFFFFFu;          // tracked mutex: the holder's thread id
 
 enum Kind : uint32_t { kNone = 0, kMutex = 1, kCount = 2, kEvent = 3 };
 
 // One set of objects; the layout of the "<key>.sem" file, and of a private object on the heap
 // (which uses only the member of its kind).
 struct SemObjects {
-    uint32_t magic;       // kSetMagic once the objects are initialised
+    uint32_t magic;       // kSetMagic or kTrackedMagic once the objects are initialised
     uint32_t layoutSize;  // sizeof(SemObjects) of the process that laid the file down
     uint32_t eventSeq;    // the event's sequence word
-    uint32_t reserved;
-    pthread_mutex_t mutex;
+    uint32_t ownerWord;   // tracked mutex: 0 when free, else holder's thread id | kWaiters
+    pthread_mutex_t mutex;  // robust mutex (also the mutex of a private object)
     sem_t count;
 };
 
@@ -73,6 +90,7 @@ struct Slot {
     std::atomic<uint32_t> kind{kNone};  // published last: a slot with a kind is complete
     SemObjects* objects = nullptr;
     bool shared = false;
+    bool tracked = false;  // a keyed mutex of the tracked kind
 };
 
 struct MappedSet {
@@ -135,15 +153,33 @@ int initMutex(pthread_mutex_t* m, bool shared) {
     return rc;
 }
 
+// True when the kernel keeps a robust-mutex list for the calling thread, so that it releases
+// the robust mutexes of a thread that dies. A user-mode emulator may not provide one.
+bool kernelKeepsRobustList() {
+    void* head = nullptr;
+    size_t length = 0;
+    const int saved = errno;
+    const bool kept = syscall(SYS_get_robust_list, 0, &head, &length) == 0 && head != nullptr;
+    errno = saved;
+    return kept;
+}
+
+bool useTrackedMutex() {
+    const char* choice = getenv("KESOSW_MUTEX");
+    if (choice && std::strcmp(choice, "tracked") == 0) return true;
+    return !kernelKeepsRobustList();
+}
+
 // Initialises every object of a freshly laid-down set; 0 or an errno value.
 int initSharedObjects(SemObjects* o) {
+    const bool tracked = useTrackedMutex();
     int rc = initMutex(&o->mutex, true);
     if (rc != 0) return rc;
     if (sem_init(&o->count, 1, 0) != 0) return errno;
     o->eventSeq = 0;
-    o->reserved = 0;
+    o->ownerWord = 0;
     o->layoutSize = sizeof(SemObjects);
-    __atomic_store_n(&o->magic, kSetMagic, __ATOMIC_RELEASE);
+    __atomic_store_n(&o->magic, tracked ? kTrackedMagic : kSetMagic, __ATOMIC_RELEASE);
     return 0;
 }
 
@@ -187,7 +223,8 @@ int32_t attachSet(const char* key, SemObjects** out) {
     if (map == MAP_FAILED) return systemFailure(errno);
     auto* objects = static_cast<SemObjects*>(map);
     int err = 0;
-    if (__atomic_load_n(&objects->magic, __ATOMIC_ACQUIRE) != kSetMagic)
+    const uint32_t magic = __atomic_load_n(&objects->magic, __ATOMIC_ACQUIRE);
+    if (magic != kSetMagic && magic != kTrackedMagic)
         err = initSharedObjects(objects);
     else if (objects->layoutSize != sizeof(SemObjects))
         err = EINVAL;  // laid down by a process of another layout: never reinterpret it
@@ -242,6 +279,8 @@ int32_t create(Kind kind, uint32_t* handle, uint32_t name, uint32_t initial) {
     Slot& slot = g_slots[g_slotCount];
     slot.objects = objects;
     slot.shared = shared;
+    slot.tracked = shared && kind == kMutex &&
+                   __atomic_load_n(&objects->magic, __ATOMIC_ACQUIRE) == kTrackedMagic;
     slot.kind.store(kind, std::memory_order_release);
     *handle = ++g_slotCount;
     return 0;
@@ -271,6 +310,68 @@ bool noLimit(uint32_t timeout) { return timeout == 0 || timeout == kNoLimit; }
 
 long futexCall(uint32_t* word, int op, uint32_t value, const timespec* timeout) {
     return syscall(SYS_futex, word, op, value, timeout, nullptr, 0);
+}
+
+// ---- The tracked mutex: a futex word in the shared set.
+
+uint32_t selfTid() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
+
+// True when no thread with that id exists any more. A thread of another user still counts
+// as existing (EPERM).
+bool holderGone(uint32_t tid) {
+    if (tid == 0) return false;
+    const int saved = errno;
+    const bool gone = kill(static_cast<pid_t>(tid), 0) != 0 && errno == ESRCH;
+    errno = saved;
+    return gone;
+}
+
+double monotonicMs() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) * 1000.0 + static_cast<double>(ts.tv_nsec) / 1e6;
+}
+
+// 0 once the calling thread holds the word, or an errno value (EDEADLK, ETIMEDOUT).
+int trackedLock(uint32_t* word, uint32_t timeout) {
+    const uint32_t self = selfTid() & kTidMask;
+    uint32_t seen = 0;
+    if (__atomic_compare_exchange_n(word, &seen, self, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) return 0;
+    if ((seen & kTidMask) == self) return EDEADLK;
+    const bool limited = !noLimit(timeout);
+    const double deadline = limited ? monotonicMs() + timeout : 0.0;
+    bool slept = false;
+    for (;;) {
+        uint32_t w = __atomic_load_n(word, __ATOMIC_RELAXED);
+        // Taken while free, or over from a holder that no longer exists; the waiters mark is
+        // kept since others may be asleep on the word.
+        if (w == 0 || (slept && holderGone(w & kTidMask))) {
+            if (__atomic_compare_exchange_n(word, &w, self | kWaiters, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+                return 0;
+            continue;
+        }
+        if ((w & kWaiters) == 0) {
+            if (!__atomic_compare_exchange_n(word, &w, w | kWaiters, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED))
+                continue;
+            w |= kWaiters;
+        }
+        timespec slice{0, kMutexPollNs};
+        if (limited) {
+            const double left = deadline - monotonicMs();
+            if (left <= 0.0) return ETIMEDOUT;
+            if (left < kMutexPollNs / 1e6) slice.tv_nsec = static_cast<long>(left * 1e6);
+        }
+        const long rc = futexCall(word, FUTEX_WAIT, w, &slice);
+        slept = rc != 0 && errno == ETIMEDOUT;
+    }
+}
+
+// 0, or EPERM when the calling thread does not hold the word.
+int trackedUnlock(uint32_t* word) {
+    const uint32_t self = selfTid() & kTidMask;
+    if ((__atomic_load_n(word, __ATOMIC_RELAXED) & kTidMask) != self) return EPERM;
+    if (__atomic_exchange_n(word, 0u, __ATOMIC_RELEASE) & kWaiters) futexCall(word, FUTEX_WAKE, 1, nullptr);
+    return 0;
 }
 
 }  // namespace
@@ -311,6 +412,10 @@ int32_t kesOSWCreateEventSem(uint32_t* handle, uint32_t name, uint32_t /*initial
 int32_t kesOSWRequestMutexSem(uint32_t handle, uint32_t timeout) {
     Slot* slot = slotOf(handle, kMutex);
     if (!slot) return badParam();
+    if (slot->tracked) {
+        const int rc = trackedLock(&slot->objects->ownerWord, timeout);
+        return rc == 0 ? 0 : systemFailure(rc);
+    }
     pthread_mutex_t* m = &slot->objects->mutex;
     int rc;
     if (noLimit(timeout)) {
@@ -329,7 +434,7 @@ int32_t kesOSWRequestMutexSem(uint32_t handle, uint32_t timeout) {
 int32_t kesOSWReleaseMutexSem(uint32_t handle) {
     Slot* slot = slotOf(handle, kMutex);
     if (!slot) return badParam();
-    int rc = pthread_mutex_unlock(&slot->objects->mutex);
+    int rc = slot->tracked ? trackedUnlock(&slot->objects->ownerWord) : pthread_mutex_unlock(&slot->objects->mutex);
     return rc == 0 ? 0 : systemFailure(rc);
 }
 

@@ -6,10 +6,10 @@
 #include <cstring>
 
 #include "kesdbm/kesdbm.h"
+#include "testkit.hpp"
 
 TEST(Boadj, JudgeAndTypeReadTheVariableEveryTime) {
-    const uint16_t probe = 0x0102;
-    const uint32_t little = *reinterpret_cast<const uint8_t*>(&probe) == 0x02 ? 1u : 0u;
+    const uint32_t little = kt::hostIsLittleEndian() ? 1u : 0u;
     EXPECT_EQ(boadj_judge(), little);
     // Exact match only: no case folding, trimming or prefix match.
     const std::pair<const char*, uint32_t> cases[] = {

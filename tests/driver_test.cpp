@@ -92,3 +92,65 @@ TEST(Driver, MediaSyncThroughDrivers) {
     EXPECT_EQ(f.opens(), f.closes());
     media_term();
 }
+
+// Keys are 32-bit unsigned byte offsets: a record at a key past 2 GiB is read and written
+// like any other, by the built-in medium, the file driver, the path-based allocator and the
+// record layer, also where file offsets of the C library are 32 bits wide by default (the
+// 32-bit target). The medium is a sparse file of 2 GiB and a few pages.
+TEST(Driver, KeysPast2GiB) {
+    constexpr uint32_t kFar = 0x80000800u;
+    kt::DbOptions options;
+    options.start = false;
+    kt::Db db(options);
+    const std::string path = db.mediumPath;
+    {
+        const int fd = open(path.c_str(), O_RDWR);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(ftruncate64(fd, off64_t{kFar} + 0x1000), 0) << "no sparse file of 2 GiB here";
+        close(fd);
+    }
+    auto farBytes = [&](uint32_t n) {
+        std::string bytes(n, '\0');
+        const int fd = open(path.c_str(), O_RDONLY);
+        const ssize_t got = fd >= 0 ? pread64(fd, bytes.data(), n, kFar) : -1;
+        if (fd >= 0) close(fd);
+        return got == static_cast<ssize_t>(n) ? bytes : std::string("(unreadable)");
+    };
+    int32_t err = 0;
+    char back[6] = {};
+    // The built-in medium.
+    int fd = defMedia_open("", 0, &err);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(defMedia_write(fd, "abcdef", 6, kFar, &err), 6) << err;
+    EXPECT_EQ(defMedia_read(fd, back, 6, kFar, &err), 6) << err;
+    defMedia_close(fd, &err);
+    EXPECT_EQ(std::string(back, 6), "abcdef");
+    EXPECT_EQ(farBytes(6), "abcdef");
+    // The file driver.
+    mk::Lib lib("libkesdrv_file.so");
+    mk::Ops d(lib, "fileMedia_");
+    ASSERT_TRUE(d.ok());
+    fd = d.open(path.c_str(), 0, &err);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(d.write(fd, "ghijkl", 6, kFar, &err), 6) << err;
+    EXPECT_EQ(d.read(fd, back, 6, kFar, &err), 6) << err;
+    d.close(fd, &err);
+    EXPECT_EQ(std::string(back, 6), "ghijkl");
+    // The path-based allocator's element at that key.
+    Session s{};
+    const FreeElement e{0x12345678u, 0x40};
+    FreeElement got{};
+    EXPECT_EQ(flst_setElement(&s, path.c_str(), kFar, &e), 0);
+    EXPECT_EQ(flst_getElement(&s, path.c_str(), kFar, &got), &got);
+    EXPECT_EQ(got.next, e.next);
+    EXPECT_EQ(s.error, 0u);
+    // A node record there, through the database's medium.
+    ASSERT_GT(db.start(), 0);
+    NodeRecord node{{kFar, 0x10, 0, 0x20, 0x30, 0}, 0x40};
+    EXPECT_EQ(comp_setNode(&db.s, &node), 0);
+    NodeRecord read{};
+    EXPECT_EQ(comp_getNode(&db.s, kFar, &read), &read);
+    EXPECT_EQ(read.firstChild, 0x40u);
+    EXPECT_EQ(read.comp.parent, 0x20u);
+    EXPECT_EQ(db.s.error, 0u);
+}

@@ -4,9 +4,12 @@
 // on the target as well) and every defined, visible symbol must be one of the interface's.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <link.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -367,6 +370,63 @@ TEST(Exports, InternalHelpersAreHidden) {
     ASSERT_NE(handle, nullptr);
     // C++ helpers of the library stay inside it.
     EXPECT_EQ(dlsym(handle, "_ZN3kes14mapSharedTableEPKcjRKNS_16SharedTableCodesE"), nullptr);
+}
+
+// The exported tables are part of the interface: their entries' layout must not depend on the
+// compiler's choices. On the 32-bit target every field is one 32-bit word: a MediaEntry is nine
+// words (36 bytes), a HookEntry five (20 bytes). A 64-bit build widens the pointers to 8 bytes
+// (and pads `arg`). The library's own table is checked too: its symbol spans 128 entries of
+// that size, and entry 0 holds the built-in medium's operations at those offsets.
+TEST(Exports, TableEntryLayout) {
+    struct Layout {
+        size_t mediaSize, media[9], hookSize, hook[5];
+    };
+    const Layout target32{36, {0, 4, 8, 12, 16, 20, 24, 28, 32}, 20, {0, 4, 8, 12, 16}};
+    const Layout host64{72, {0, 8, 16, 24, 32, 40, 48, 56, 64}, 40, {0, 8, 16, 24, 32}};
+    ASSERT_TRUE(sizeof(void*) == 4 || sizeof(void*) == 8);
+    const Layout& want = sizeof(void*) == 4 ? target32 : host64;
+
+    EXPECT_EQ(sizeof(MediaEntry), want.mediaSize);
+    const size_t media[9] = {offsetof(MediaEntry, handle), offsetof(MediaEntry, name),  offsetof(MediaEntry, arg),
+                             offsetof(MediaEntry, open),   offsetof(MediaEntry, close), offsetof(MediaEntry, read),
+                             offsetof(MediaEntry, write),  offsetof(MediaEntry, seek),  offsetof(MediaEntry, sync)};
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(media[i], want.media[i]) << "MediaEntry field " << i;
+    EXPECT_EQ(sizeof(HookEntry), want.hookSize);
+    const size_t hook[5] = {offsetof(HookEntry, handle), offsetof(HookEntry, preSet), offsetof(HookEntry, postSet),
+                            offsetof(HookEntry, preGet), offsetof(HookEntry, postGet)};
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(hook[i], want.hook[i]) << "HookEntry field " << i;
+
+    void* handle = openLibrary();
+    ASSERT_NE(handle, nullptr);
+    auto symbolSize = [handle](const char* name) -> size_t {
+        void* address = dlsym(handle, name);
+        Dl_info info{};
+        void* entry = nullptr;
+        if (!address || !dladdr1(address, &info, &entry, RTLD_DL_SYMENT) || !entry) return 0;
+        return static_cast<const ElfW(Sym)*>(entry)->st_size;
+    };
+    EXPECT_EQ(symbolSize("media_table"), 128 * want.mediaSize);
+    EXPECT_EQ(symbolSize("hook_table"), sizeof(void*));
+    // Entry 0 read as raw bytes at the offsets above: handle null, name "", arg 0, then the
+    // built-in medium's six operations in order.
+    const auto* table = static_cast<const unsigned char*>(dlsym(handle, "media_table"));
+    ASSERT_NE(table, nullptr);
+    auto pointerAt = [table](size_t offset) {
+        void* p = nullptr;
+        std::memcpy(&p, table + offset, sizeof p);
+        return p;
+    };
+    EXPECT_EQ(pointerAt(want.media[0]), nullptr);
+    ASSERT_NE(pointerAt(want.media[1]), nullptr);
+    EXPECT_STREQ(static_cast<const char*>(pointerAt(want.media[1])), "");
+    uint32_t arg = 0xFFFFFFFFu;
+    std::memcpy(&arg, table + want.media[2], 4);
+    EXPECT_EQ(arg, 0u);
+    const char* operations[6] = {"defMedia_open",  "defMedia_close", "defMedia_read",
+                                 "defMedia_write", "defMedia_seek",  "defMedia_sync"};
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(pointerAt(want.media[3 + i]), dlsym(handle, operations[i])) << operations[i];
+    std::printf("MediaEntry %zu bytes, HookEntry %zu bytes, %zu-bit pointers\n", sizeof(MediaEntry),
+                sizeof(HookEntry), 8 * sizeof(void*));
 }
 
 }  // namespace

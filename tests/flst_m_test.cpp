@@ -197,8 +197,10 @@ TEST_F(Rooted, UnknownMediumIndex) {
 TEST_F(Rooted, ByteOrderRuleAppliesToElementWritesOnly) {
     make(128, 0);
     const FreeElement e{0x100, 0x40};
-    // Each word reversed from host order.
-    const Bytes reversed = boadj_judge() ? Bytes{0, 0, 1, 0, 0, 0, 0, 0x40} : Bytes{0, 1, 0, 0, 0x40, 0, 0, 0};
+    // Each word reversed from host order: 0x100 and 0x40 stored most significant byte last on
+    // the big-endian target, first on a little-endian host.
+    const bool little = kt::hostIsLittleEndian();
+    const Bytes reversed = little ? Bytes{0, 0, 1, 0, 0, 0, 0, 0x40} : Bytes{0, 1, 0, 0, 0x40, 0, 0, 0};
     const Bytes host(reinterpret_cast<const uint8_t*>(&e), reinterpret_cast<const uint8_t*>(&e) + 8);
 
     setenv("SIM_BYTE_ORDER", "LITTLE_ENDIAN", 1);
@@ -217,17 +219,41 @@ TEST_F(Rooted, ByteOrderRuleAppliesToElementWritesOnly) {
     for (const char* value : {"", "little_endian", "BIG_ENDIAN", static_cast<const char*>(nullptr)}) {
         value ? setenv("SIM_BYTE_ORDER", value, 1) : unsetenv("SIM_BYTE_ORDER");
         EXPECT_EQ(flst_m_setElement(&s, kFile, 32, &e), 0);
-        EXPECT_EQ(bytes(32, 8), value || !boadj_judge() ? host : reversed) << (value ? value : "(unset)");
+        // Unset: the host decides, so elements are stored as they are on the big-endian target.
+        EXPECT_EQ(bytes(32, 8), value || !little ? host : reversed) << (value ? value : "(unset)");
     }
     // The split element of an allocation goes through the rule as well.
     setenv("SIM_BYTE_ORDER", "LITTLE_ENDIAN", 1);
     make(128, 16, {{16, 0, 0x70}});
     EXPECT_EQ(flst_m_get(&s, kFile, 0x30), 16u);
     EXPECT_EQ(word(12), 0x40u);
-    FreeElement split{0, 0x40};
-    uint8_t expect[8];
-    boadj_wordx2(&split, 1, expect);
-    EXPECT_EQ(bytes(0x40, 8), Bytes(expect, expect + 8));
+    EXPECT_EQ(bytes(0x40, 8), (little ? Bytes{0, 0, 0, 0, 0, 0, 0, 0x40} : Bytes{0, 0, 0, 0, 0x40, 0, 0, 0}));
+    EXPECT_EQ(s.error, 0u);
+}
+
+// With SIM_BYTE_ORDER unset, as on a device, the host decides: on the big-endian target
+// elements are stored in host order and the allocator reads its own list back; on a
+// little-endian host they are stored reversed and read back as written.
+TEST_F(Rooted, UnsetRuleOnThisHost) {
+    unsetenv("SIM_BYTE_ORDER");
+    make(128, 16, {{16, 0, 0x70}});
+    EXPECT_EQ(flst_m_get(&s, kFile, 0x30), 16u);
+    // Either way the split element's bytes are the big-endian ones.
+    EXPECT_EQ(bytes(0x40, 8), (Bytes{0, 0, 0, 0, 0, 0, 0, 0x40}));
+    if (kt::hostIsLittleEndian()) {
+        EXPECT_EQ(element(0x40), Pair(0, 0x40000000u));
+        return;
+    }
+    EXPECT_EQ(flst_m_get(&s, kFile, 0x10), 0x40u);
+    EXPECT_EQ(element(0x50), Pair(0, 0x30));
+    EXPECT_EQ(flst_m_release(&s, kFile, 16, 0x30), 0);
+    EXPECT_EQ(word(12), 16u);
+    EXPECT_EQ(element(16), Pair(0x50, 0x30));
+    // Released again next to it: the two merge into one element of the whole rest.
+    EXPECT_EQ(flst_m_release(&s, kFile, 0x40, 0x10), 0);
+    EXPECT_EQ(element(16), Pair(0, 0x70));
+    EXPECT_EQ(flst_m_get(&s, kFile, 0x70), 16u);
+    EXPECT_EQ(word(12), 0u);
     EXPECT_EQ(s.error, 0u);
 }
 

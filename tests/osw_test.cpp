@@ -2,6 +2,8 @@
 // semaphores shared between threads, the event's bounded wait, and memory.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -111,7 +113,35 @@ TEST(Osw, PrivateMutexExcludesThreadsAndCountSemaphoreCounts) {
     poster.join();
 }
 
-TEST(Osw, KeyedMutexAndCountSemaphoreActAcrossProcesses) {
+// Keyed mutexes come in two kinds, chosen when a set is laid down and recorded in the first
+// word of its file: the robust kind where the kernel keeps a robust list for the process
+// (natively), the tracked kind where it does not (under a user-mode emulator) or when
+// KESOSW_MUTEX=tracked asks for it. Each case runs with either kind asked for.
+bool kernelKeepsRobustList() {
+    void* head = nullptr;
+    size_t length = 0;
+    return syscall(SYS_get_robust_list, 0, &head, &length) == 0 && head != nullptr;
+}
+
+// Asks for one kind while it lives.
+class KindAsked {
+public:
+    explicit KindAsked(const char* kind) : kind_(kind) { setenv("KESOSW_MUTEX", kind, 1); }
+    ~KindAsked() { unsetenv("KESOSW_MUTEX"); }
+    KindAsked(const KindAsked&) = delete;
+    KindAsked& operator=(const KindAsked&) = delete;
+    // The first word of a set file: "KSM1" for the robust kind, "KSM2" for the tracked kind.
+    uint32_t expectedMagic() const {
+        const bool tracked = std::string(kind_) == "tracked" || !kernelKeepsRobustList();
+        return tracked ? 0x4B534D32u : 0x4B534D31u;
+    }
+
+private:
+    const char* kind_;
+};
+
+void excludesAcrossProcesses(const char* kind) {
+    const KindAsked asked(kind);
     kt::TempDir dir;
     const std::string key = dir.file("table");
     ok::SharedPage page(dir.file("counter"));
@@ -138,7 +168,93 @@ TEST(Osw, KeyedMutexAndCountSemaphoreActAcrossProcesses) {
     struct stat st {};
     ASSERT_EQ(stat((key + ".sem").c_str(), &st), 0);
     EXPECT_GT(st.st_size, 0);
+    EXPECT_EQ(kt::readWord(key + ".sem", 0), asked.expectedMagic());
 }
+
+void killedHolderIsTakenOver(const char* kind) {
+    const KindAsked asked(kind);
+    kt::TempDir dir;
+    const std::string key = dir.file("table");
+    ok::SharedPage flag(dir.file("flag"));
+    ASSERT_NE(flag.words, nullptr);
+    pid_t holder = kt::forkChild([&] {
+        uint32_t mutex = keyed(key);
+        if (mutex == 0 || kesOSWRequestMutexSem(mutex, kForever) != 0) return 1;
+        flag.words[0] = 1;
+        for (;;) pause();
+    });
+    for (int i = 0; i < 500 && flag.words[0] == 0; ++i) usleep(10 * 1000);
+    ASSERT_EQ(flag.words[0], 1u);
+    const uint32_t mutex = keyed(key);
+    ASSERT_NE(mutex, 0u);
+    // While the holder lives, the mutex is really taken.
+    EXPECT_EQ(kesOSWRequestMutexSem(mutex, 100), KESOSW_ERR_SYSTEM);
+    EXPECT_EQ(errno, ETIMEDOUT);
+
+    kill(holder, SIGKILL);
+    EXPECT_EQ(kt::waitChild(holder), 128 + SIGKILL);
+    // Another process takes it over at once (the time limit only bounds a failing test), and
+    // then this process takes and gives it normally.
+    EXPECT_EQ(kt::runChild([&] {
+                  const uint32_t m = keyed(key);
+                  const double start = ok::nowMs();
+                  if (m == 0 || kesOSWRequestMutexSem(m, 3000) != 0) return 2;
+                  if (ok::nowMs() - start > 1000) return 3;
+                  return kesOSWReleaseMutexSem(m) == 0 ? 0 : 4;
+              }),
+              0);
+    EXPECT_EQ(kesOSWRequestMutexSem(mutex, 3000), 0);
+    EXPECT_EQ(kesOSWReleaseMutexSem(mutex), 0);
+    EXPECT_EQ(kt::readWord(key + ".sem", 0), asked.expectedMagic());
+}
+
+void ownerChecksAndEndedHolderThread(const char* kind) {
+    const KindAsked asked(kind);
+    kt::TempDir dir;
+    const std::string key = dir.file("table");
+    const uint32_t mutex = keyed(key);
+    ASSERT_NE(mutex, 0u);
+    EXPECT_EQ(kt::readWord(key + ".sem", 0), asked.expectedMagic());
+    // Error checking as for a private mutex: no second request by the owner, no release by
+    // another thread or process, no release of a free mutex.
+    ASSERT_EQ(kesOSWRequestMutexSem(mutex, kForever), 0);
+    EXPECT_EQ(kesOSWRequestMutexSem(mutex, kForever), KESOSW_ERR_SYSTEM);
+    EXPECT_EQ(errno, EDEADLK);
+    int strangerResult = 0, strangerErrno = 0;
+    std::thread([&] {
+        strangerResult = kesOSWReleaseMutexSem(mutex);
+        strangerErrno = errno;
+    }).join();
+    EXPECT_EQ(strangerResult, KESOSW_ERR_SYSTEM);
+    EXPECT_EQ(strangerErrno, EPERM);
+    EXPECT_EQ(kt::runChild([&] { return kesOSWReleaseMutexSem(keyed(key)) == KESOSW_ERR_SYSTEM ? 0 : 1; }), 0);
+    // Another thread waits for its time limit, then gets it once it is released.
+    double waited = 0;
+    int waitResult = 0;
+    std::thread([&] {
+        const double start = ok::nowMs();
+        waitResult = kesOSWRequestMutexSem(mutex, 150);
+        waited = ok::nowMs() - start;
+    }).join();
+    EXPECT_EQ(waitResult, KESOSW_ERR_SYSTEM);
+    EXPECT_GE(waited, 140.0);
+    EXPECT_EQ(kesOSWReleaseMutexSem(mutex), 0);
+    EXPECT_EQ(kesOSWReleaseMutexSem(mutex), KESOSW_ERR_SYSTEM);
+
+    // A thread that ends while holding it does not block the others.
+    std::thread([&] { EXPECT_EQ(kesOSWRequestMutexSem(mutex, kForever), 0); }).join();
+    const double start = ok::nowMs();
+    EXPECT_EQ(kesOSWRequestMutexSem(mutex, 3000), 0);
+    EXPECT_LT(ok::nowMs() - start, 1000.0);
+    EXPECT_EQ(kesOSWReleaseMutexSem(mutex), 0);
+}
+
+TEST(KeyedMutex, RobustExcludesAcrossProcesses) { excludesAcrossProcesses("robust"); }
+TEST(KeyedMutex, TrackedExcludesAcrossProcesses) { excludesAcrossProcesses("tracked"); }
+TEST(KeyedMutex, RobustKilledHolderIsTakenOver) { killedHolderIsTakenOver("robust"); }
+TEST(KeyedMutex, TrackedKilledHolderIsTakenOver) { killedHolderIsTakenOver("tracked"); }
+TEST(KeyedMutex, RobustOwnerChecksAndEndedHolderThread) { ownerChecksAndEndedHolderThread("robust"); }
+TEST(KeyedMutex, TrackedOwnerChecksAndEndedHolderThread) { ownerChecksAndEndedHolderThread("tracked"); }
 
 TEST(Osw, KeyedSetsAreMappedOncePerProcessAndKeyedByFile) {
     kt::TempDir dir;
@@ -182,41 +298,6 @@ TEST(Osw, HandleTableFullIsReportedNotOverrun) {
     EXPECT_TRUE(none.mutex == 0xAAAAu && none.counter == 0xBBBBu);
     EXPECT_EQ(kesOSWPostEventSem(1023), 0);
     EXPECT_EQ(kesOSWPostEventSem(1025), KESOSW_ERR_PARAM);
-}
-
-TEST(Osw, MutexOfAKilledHolderIsTakenOver) {
-    kt::TempDir dir;
-    const std::string key = dir.file("table");
-    ok::SharedPage flag(dir.file("flag"));
-    ASSERT_NE(flag.words, nullptr);
-    pid_t holder = kt::forkChild([&] {
-        uint32_t mutex = keyed(key);
-        if (mutex == 0 || kesOSWRequestMutexSem(mutex, kForever) != 0) return 1;
-        flag.words[0] = 1;
-        for (;;) pause();
-    });
-    for (int i = 0; i < 500 && flag.words[0] == 0; ++i) usleep(10 * 1000);
-    ASSERT_EQ(flag.words[0], 1u);
-    const uint32_t mutex = keyed(key);
-    ASSERT_NE(mutex, 0u);
-    // While the holder lives, the mutex is really taken.
-    EXPECT_EQ(kesOSWRequestMutexSem(mutex, 100), KESOSW_ERR_SYSTEM);
-    EXPECT_EQ(errno, ETIMEDOUT);
-
-    kill(holder, SIGKILL);
-    EXPECT_EQ(kt::waitChild(holder), 128 + SIGKILL);
-    // Another process takes it over at once (the time limit only bounds a failing test), and
-    // then this process takes and gives it normally.
-    EXPECT_EQ(kt::runChild([&] {
-                  const uint32_t m = keyed(key);
-                  const double start = ok::nowMs();
-                  if (m == 0 || kesOSWRequestMutexSem(m, 3000) != 0) return 2;
-                  if (ok::nowMs() - start > 1000) return 3;
-                  return kesOSWReleaseMutexSem(m) == 0 ? 0 : 4;
-              }),
-              0);
-    EXPECT_EQ(kesOSWRequestMutexSem(mutex, 3000), 0);
-    EXPECT_EQ(kesOSWReleaseMutexSem(mutex), 0);
 }
 
 TEST(Osw, EventWaitIsBoundedAndDoesNotSpin) {

@@ -58,7 +58,12 @@ public:
     T* append(Session* s) {
         if (count_ == capacity_) {
             const size_t capacity = capacity_ ? capacity_ * 2 : 16;
-            void* grown = std::realloc(items_, capacity * sizeof(T));
+            // A size_t of 32 bits wraps long before the walk's bounds are reached.
+            void* grown = nullptr;
+            if (capacity <= SIZE_MAX / sizeof(T))
+                grown = std::realloc(items_, capacity * sizeof(T));
+            else
+                errno = ENOMEM;
             if (!grown) {
                 session_setError(s, KESDB_ERR_NOMEM, static_cast<uint32_t>(errno));
                 return nullptr;

@@ -36,6 +36,10 @@ KESOSW_API int32_t kesOSWOrgFreeMemPart(uint32_t pool, void *memory);
  * mutex, counting semaphore and event of that key's set: every process that sets the
  * same key (a file path) and creates them gets semaphores that act on one another.
  * With no key set, the semaphores act only within the process.
+ * A shared mutex whose holder dies is taken over by the next requester: through the
+ * kernel's robust-mutex lists where it keeps them, else (for instance under a user-mode
+ * emulator, or with KESOSW_MUTEX=tracked in the environment of the process that first
+ * creates the set) by a waiter that finds the holder's thread gone.
  * Returns 0, or a failure code. */
 KESOSW_API int32_t kesOSWSetCreateKey(const char *key);
 

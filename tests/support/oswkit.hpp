@@ -59,20 +59,35 @@ inline int waitWithin(pid_t pid, double ms) {
 }
 
 // True when `wait` returns 0 well before the event's 25 ms poll interval would end it, woken by
-// `post` run in another process 5 ms after the wait began. Scheduling delays may spoil one
-// attempt, so up to five are made.
+// `post` run in another process 5 ms after the wait began. The poster is started, and has posted
+// once already (a post nobody waits for), before the wait begins, so the cost of starting a
+// process (large under an emulator) falls outside the measured time. Scheduling delays may
+// spoil one attempt, so up to five are made.
 inline bool wakesAtOnce(const std::function<int()>& wait, const std::function<int()>& post) {
-    for (int attempt = 0; attempt < 5; ++attempt) {
+    void* map = mmap(nullptr, 2 * sizeof(uint32_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (map == MAP_FAILED) return false;
+    auto* flags = static_cast<volatile uint32_t*>(map);  // [0] poster ready, [1] wait begins
+    bool woken = false;
+    for (int attempt = 0; attempt < 5 && !woken; ++attempt) {
+        flags[0] = 0;
+        flags[1] = 0;
         pid_t poster = kt::forkChild([&] {
+            if (post() != 0) return 1;
+            flags[0] = 1;
+            for (double start = nowMs(); flags[1] == 0; usleep(100))
+                if (nowMs() - start > 10000.0) return 2;
             usleep(5 * 1000);
             return post();
         });
+        for (double start = nowMs(); flags[0] == 0 && nowMs() - start < 10000.0;) usleep(100);
+        flags[1] = 1;
         const double start = nowMs();
         const bool quick = wait() == 0 && nowMs() - start < 18.0;
-        if (kt::waitChild(poster) != 0) return false;
-        if (quick) return true;
+        if (kt::waitChild(poster) != 0) break;
+        woken = quick;
     }
-    return false;
+    munmap(map, 2 * sizeof(uint32_t));
+    return woken;
 }
 
 }  // namespace ok

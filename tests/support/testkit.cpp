@@ -1,6 +1,8 @@
 #include "testkit.hpp"
 
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -66,6 +68,40 @@ void writeBytes(const std::string& path, uint32_t offset, const void* data, uint
 }
 
 std::string libPath(const std::string& fileName) { return std::string(KT_LIB_DIR) + "/" + fileName; }
+
+std::vector<std::string> programCommand(const std::string& fileName) {
+    std::vector<std::string> command;
+    // The emulator's command words, separated by '|'.
+    const std::string emulator = KT_EMULATOR;
+    for (size_t start = 0; start < emulator.size();) {
+        size_t end = emulator.find('|', start);
+        if (end == std::string::npos) end = emulator.size();
+        if (end > start) command.push_back(emulator.substr(start, end - start));
+        start = end + 1;
+    }
+    command.push_back(std::string(KT_BIN_DIR) + "/" + fileName);
+    return command;
+}
+
+bool leaveNoRoomFor(size_t bytes) {
+    const rlimit limit{bytes / 4, bytes / 4};
+    setrlimit(RLIMIT_AS, &limit);
+    auto fits = [bytes] {
+        void* block = std::malloc(bytes);
+        std::free(block);
+        return block != nullptr;
+    };
+    if (!fits()) return true;
+    if (sizeof(void*) != 4) return false;
+    // Take every free range of 16 MiB or more; smaller ones stay for the allocator's own use.
+    for (size_t chunk = size_t{1} << 30; chunk >= (size_t{16} << 20); chunk /= 2) {
+        for (int i = 0; i < 4096; ++i) {
+            void* range = mmap(nullptr, chunk, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+            if (range == MAP_FAILED) break;
+        }
+    }
+    return !fits();
+}
 
 std::string captureStdout(const std::function<void()>& body) {
     fflush(stdout);

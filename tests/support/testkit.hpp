@@ -41,6 +41,27 @@ void writeBytes(const std::string& path, uint32_t offset, const void* data, uint
 // Path of a library built by the project (for example "libkesdrv_file.so").
 std::string libPath(const std::string& fileName);
 
+// The command that runs a program built by the project (for example "kesdb"): its path, after
+// the emulator and its arguments when the tests run under one (a cross build's
+// CMAKE_CROSSCOMPILING_EMULATOR), since a process of the emulated machine cannot start a
+// program of that machine by itself.
+std::vector<std::string> programCommand(const std::string& fileName);
+
+// True when this host stores the lowest byte of a word first. Found by looking at the bytes of
+// a word, not through the library.
+inline bool hostIsLittleEndian() {
+    const uint16_t probe = 0x0102;
+    unsigned char first = 0;
+    __builtin_memcpy(&first, &probe, 1);
+    return first == 0x02;
+}
+
+// In a forked child: leaves no room for a block of `bytes` or more, so that an allocation of
+// that size fails. It lowers the address-space limit and, where that limit is not enforced (a
+// user-mode emulator does not hand it to the host) and the address space is 32 bits wide,
+// fills the free address space with inaccessible mappings. False when neither works.
+bool leaveNoRoomFor(size_t bytes);
+
 // Runs `body` and returns what it printed on standard output.
 std::string captureStdout(const std::function<void()>& body);
 
