@@ -15,7 +15,8 @@
 //                         holder dies and wakes a waiter. Used where the kernel keeps robust
 //                         lists for this process (it does natively);
 //               tracked - a futex word holding the holder's thread id. A waiter that has slept
-//                         one poll interval checks that the holder still exists (kill(tid, 0))
+//                         one poll interval checks that the holder still runs (kill(tid, 0), and
+//                         a zombie counts as ended)
 //                         and takes over when it does not. Used where the kernel keeps no
 //                         robust list for the process (a user-mode emulator such as qemu-user),
 //                         or when KESOSW_MUTEX=tracked is set at lay-down. Its limits: the
@@ -57,6 +58,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -316,12 +318,29 @@ long futexCall(uint32_t* word, int op, uint32_t value, const timespec* timeout) 
 
 uint32_t selfTid() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
 
-// True when no thread with that id exists any more. A thread of another user still counts
-// as existing (EPERM).
+// True when the thread has ended but its process was not reaped yet: its state in
+// /proc/<tid>/stat (after the name in parentheses) is Z (zombie) or X (dead).
+bool holderEnded(uint32_t tid) {
+    char path[48];
+    std::snprintf(path, sizeof path, "/proc/%u/stat", tid);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    char buf[512];
+    const ssize_t n = read(fd, buf, sizeof buf - 1);
+    close(fd);
+    if (n <= 0) return false;
+    buf[n] = '\0';
+    const char* paren = std::strrchr(buf, ')');
+    return paren != nullptr && paren[1] == ' ' && (paren[2] == 'Z' || paren[2] == 'X');
+}
+
+// True when no thread with that id runs any more: it does not exist (ESRCH), or it ended and
+// waits only to be reaped by its parent. A thread of another user still counts as existing
+// (EPERM).
 bool holderGone(uint32_t tid) {
     if (tid == 0) return false;
     const int saved = errno;
-    const bool gone = kill(static_cast<pid_t>(tid), 0) != 0 && errno == ESRCH;
+    const bool gone = (kill(static_cast<pid_t>(tid), 0) != 0 && errno == ESRCH) || holderEnded(tid);
     errno = saved;
     return gone;
 }

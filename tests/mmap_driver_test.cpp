@@ -249,9 +249,17 @@ TEST(MmapDriver, WritesBeyondTheEndGrowTheFileAndTheMapping) {
     EXPECT_EQ(kt::readBytes(path, 8 * kMiB, 7), bytesOf("outIDEe"));
     // Offsets and lengths near the top of the 32-bit range do not wrap around.
     int32_t err = 0;
-    EXPECT_EQ(d.op.write(fd, "x", 1, 0xFFFFFFFFu, &err), 1);
-    EXPECT_EQ(fileSize(path), 0x100000000LL);
-    EXPECT_EQ(d.read(fd, 0xFFFFFFFFu, 4), bytesOf("x"));
+    if (sizeof(void*) >= 8) {
+        EXPECT_EQ(d.op.write(fd, "x", 1, 0xFFFFFFFFu, &err), 1);
+        EXPECT_EQ(fileSize(path), 0x100000000LL);
+        EXPECT_EQ(d.read(fd, 0xFFFFFFFFu, 4), bytesOf("x"));
+    } else {
+        // A 32-bit process cannot map a 4 GiB medium: the write is refused with an error
+        // number, and what was there stays readable.
+        EXPECT_EQ(d.op.write(fd, "x", 1, 0xFFFFFFFFu, &err), -1);
+        EXPECT_NE(err, 0);
+        EXPECT_EQ(d.read(fd, 8 * kMiB, 7), bytesOf("outIDEe"));
+    }
 }
 
 TEST(MmapDriver, ProcessesSeeEachOthersWritesAndAppends) {

@@ -39,11 +39,13 @@ Outcome kesdb(const kt::TempDir& dir, const std::vector<std::string>& args) {
         if (chdir(dir.path().c_str()) != 0 || o < 0 || e < 0) _exit(126);
         dup2(o, 1);
         dup2(e, 2);
-        const std::string bin = std::string(KT_BIN_DIR) + "/kesdb";
-        std::vector<char*> argv{const_cast<char*>(bin.c_str())};
-        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        // Through the emulator when the tests run under one.
+        std::vector<std::string> command = kt::programCommand("kesdb");
+        command.insert(command.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (auto& a : command) argv.push_back(a.data());
         argv.push_back(nullptr);
-        execv(bin.c_str(), argv.data());
+        execv(argv[0], argv.data());
         _exit(127);
     }
     int status = 0;
