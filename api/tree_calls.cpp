@@ -3,6 +3,30 @@
 
 #include "kesdbm/kesdbm.h"
 #include "storage/medium_io.hpp"
+#include "tree/walk_guard.hpp"
+
+namespace {
+
+// The root's key for a call that starts from the root (a search by absolute path, the printout
+// of the whole tree). False when the root word could not be read: the read's failure stays in
+// the session and the call stops there instead of going on from key 0. A tree without a root
+// gives true and 0, recording nothing, as comp_getRoot does; a successful look-up leaves the
+// session's earlier error as it was.
+bool rootOf(Session* s, uint32_t* root) {
+    if (!s) {
+        *root = comp_getRoot(s);
+        return true;
+    }
+    const uint32_t savedError = s->error;
+    const uint32_t savedDetail = s->errorDetail;
+    session_setError(s, 0, 0);
+    *root = comp_getRoot(s);
+    if (*root == 0 && s->error != 0) return false;
+    session_setError(s, static_cast<int32_t>(savedError), savedDetail);
+    return true;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -72,7 +96,9 @@ uint32_t kesDBMSearchByName(Session* s, const char* path) {
         return 0;
     }
     if (path[0] == '/') {
-        uint32_t found = comp_searchByName(s, comp_getRoot(s), path);
+        uint32_t root = 0;
+        if (!rootOf(s, &root)) return 0;
+        uint32_t found = comp_searchByName(s, root, path);
         if (found != 0) return found;
         if (s->error == KESDB_ERR_COMP_ENDSEARCH) {
             printf("kesDBMSearchByName err1\n");
@@ -82,13 +108,14 @@ uint32_t kesDBMSearchByName(Session* s, const char* path) {
     }
     NodeRecord current;
     if (!comp_getNode(s, s->current, &current)) return 0;
-    // Each step of the sibling walk is one record read; a list that loops back on itself
-    // would otherwise never end, so the walk stops at the number of records a medium of
-    // 4 GiB could hold.
-    constexpr uint32_t kMaxSiblings = 0xFFFFFFFFu / sizeof(NodeRecord);
-    uint32_t steps = 0;
-    for (uint32_t child = current.firstChild; child != 0 && steps++ < kMaxSiblings;
-         child = comp_getNextSibling(s, child)) {
+    // A list that loops back on itself ends the search with the walk-limit error (55, the
+    // key where the loop closed), as every other walk over the tree does.
+    kes::tree::LoopGuard guard;
+    for (uint32_t child = current.firstChild; child != 0; child = comp_getNextSibling(s, child)) {
+        if (!guard.visit(child)) {
+            kes::tree::walkLimit(s, child);
+            return 0;
+        }
         uint32_t found = comp_searchByName(s, child, path);
         if (found != 0) return found;
         if (s->error == KESDB_ERR_COMP_ENDSEARCH) {
@@ -163,7 +190,7 @@ int32_t kesDBMSetConstraintData(Session* s, uint32_t leaf, const void* data, uin
 }
 
 void kesDBMtraverseAndPrint(Session* s, uint32_t key) {
-    if (key == 0) key = comp_getRoot(s);
+    if (key == 0 && !rootOf(s, &key)) return;
     comp_traverseAndPrint(s, key, 0);
 }
 

@@ -79,17 +79,28 @@ int32_t writeRecord(Session* s, uint32_t key, const void* record, uint32_t size,
     return m.close();
 }
 
-// A block handed out by the allocator: its key, or 0 after 62 has been recorded.
-// The allocator's 0 means that no free element was large enough; nothing may then be
-// written, since key 0 is the medium header. It is recorded as 62 with detail 0 (the
-// allocator's own failure, 0xFFFFFFFF, carries errno as its detail).
+// A block handed out by the allocator: its key, or 0 after a failure has been recorded.
+// The allocator's 0 means either that no free element was large enough or that it could not
+// read or walk its list (it recorded that failure then, with the driver's error word, and it
+// stays). Nothing may be written then, since key 0 is the medium header. No room is recorded
+// as 62 with detail 0 (the allocator's own failure, 0xFFFFFFFF, carries errno as its
+// detail). A successful allocation leaves the session's earlier error pair as it was.
 static uint32_t allocateBlock(Session* s, uint32_t medium, uint32_t size) {
+    if (!s) {
+        const uint32_t key = flst_m_get(s, medium, size);
+        return key == KESDB_FLST_FAILED ? 0 : key;
+    }
+    const uint32_t savedError = s->error;
+    const uint32_t savedDetail = s->errorDetail;
+    session_setError(s, 0, 0);
     const uint32_t key = flst_m_get(s, medium, size);
+    const bool allocatorFailed = s->error != 0;
+    if (!allocatorFailed) session_setError(s, static_cast<int32_t>(savedError), savedDetail);
     if (key == KESDB_FLST_FAILED) {
         session_setError(s, KESDB_ERR_CSTRT_ALLOC, static_cast<uint32_t>(errno));
         return 0;
     }
-    if (key == 0) session_setError(s, KESDB_ERR_CSTRT_ALLOC, 0);
+    if (key == 0 && !allocatorFailed) session_setError(s, KESDB_ERR_CSTRT_ALLOC, 0);
     return key;
 }
 

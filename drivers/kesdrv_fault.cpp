@@ -6,7 +6,10 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstring>
+#include <map>
 #include <mutex>
+#include <string>
 
 #define KESDRV_EXPORT __attribute__((visibility("default")))
 
@@ -24,11 +27,19 @@ struct Fault {
 };
 
 struct State {
+    // Room for any medium name from the start, so that recording a fault allocates nothing
+    // (a test may compare the heap in use before and after a faulty call).
+    State() { firedName.reserve(4096); }
     std::mutex mutex;
     Fault fault[KESDRV_FAULT_OPS];
     uint32_t calls[KESDRV_FAULT_OPS] = {};
     uint32_t opens = 0;
     uint32_t closes = 0;
+    uint32_t fired = 0;
+    std::string firedName;              // medium of the last call a fault changed
+    uint32_t firedOffset = 0;           // and the transfer it asked for (reads and writes)
+    uint32_t firedLength = 0;
+    std::map<int, std::string> names;   // open descriptors and the names they were opened with
 };
 
 State& state() {
@@ -48,6 +59,18 @@ Fault next(int op) {
     const uint32_t since = n - f.base;
     if (since == f.nth || (f.onward && since > f.nth)) return f;
     return Fault{};
+}
+
+// Counts a call whose outcome a fault changed, on the medium open under `descriptor`; a read
+// or a write gives the transfer it asked for.
+void fired(int descriptor, uint32_t offset = 0, uint32_t length = 0) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    ++s.fired;
+    auto it = s.names.find(descriptor);
+    s.firedName = it != s.names.end() ? it->second : std::string();
+    s.firedOffset = offset;
+    s.firedLength = length;
 }
 
 void storeErr(int32_t* errPtr, int32_t value) {
@@ -75,6 +98,9 @@ KESDRV_EXPORT void kesdrvFault_reset(void) {
     }
     s.opens = 0;
     s.closes = 0;
+    s.fired = 0;
+    s.firedName.clear();  // keeps its room
+    s.firedOffset = s.firedLength = 0;
 }
 
 KESDRV_EXPORT void kesdrvFault_fail(int op, uint32_t nth, int32_t errorNumber) {
@@ -109,10 +135,41 @@ KESDRV_EXPORT uint32_t kesdrvFault_closes(void) {
     return s.closes;
 }
 
+KESDRV_EXPORT uint32_t kesdrvFault_fired(void) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.fired;
+}
+
+KESDRV_EXPORT uint32_t kesdrvFault_firedMedium(char* buffer, uint32_t size) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (buffer && size > 0) {
+        const size_t n = s.firedName.size() < size - 1 ? s.firedName.size() : size - 1;
+        std::memcpy(buffer, s.firedName.data(), n);
+        buffer[n] = '\0';
+    }
+    return static_cast<uint32_t>(s.firedName.size());
+}
+
+KESDRV_EXPORT void kesdrvFault_firedTransfer(uint32_t* offset, uint32_t* length) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (offset) *offset = s.firedOffset;
+    if (length) *length = s.firedLength;
+}
+
 KESDRV_EXPORT int faultMedia_open(const char* name, uint32_t arg, int32_t* errPtr) {
     (void)arg;
     Fault f = next(KESDRV_FAULT_OPEN);
     if (f.mode == Mode::Fail) {
+        {
+            State& s = state();
+            std::lock_guard<std::mutex> lock(s.mutex);
+            ++s.fired;
+            s.firedName = name ? name : "";
+            s.firedOffset = s.firedLength = 0;
+        }
         storeErr(errPtr, f.errorNumber);
         return -1;
     }
@@ -128,6 +185,7 @@ KESDRV_EXPORT int faultMedia_open(const char* name, uint32_t arg, int32_t* errPt
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     ++s.opens;
+    s.names[fd] = name;
     return fd;
 }
 
@@ -137,6 +195,7 @@ KESDRV_EXPORT int faultMedia_close(int descriptor, int32_t* errPtr) {
         State& s = state();
         std::lock_guard<std::mutex> lock(s.mutex);
         ++s.closes;
+        s.names.erase(descriptor);
     }
     int r = ::close(descriptor);
     if (r == -1) storeErr(errPtr, errno);
@@ -151,10 +210,14 @@ KESDRV_EXPORT int faultMedia_read(int descriptor, void* buffer, uint32_t length,
                                   int32_t* errPtr) {
     Fault f = next(KESDRV_FAULT_READ);
     if (f.mode == Mode::Fail) {
+        fired(descriptor, offset, length);
         storeErr(errPtr, f.errorNumber);
         return -1;
     }
-    if (f.mode == Mode::Short && f.bytes < length) length = f.bytes;
+    if (f.mode == Mode::Short && f.bytes < length) {
+        fired(descriptor, offset, length);
+        length = f.bytes;
+    }
     ssize_t r = ::pread(descriptor, buffer, length, static_cast<off_t>(offset));
     if (r == -1) storeErr(errPtr, errno);
     return static_cast<int>(r);
@@ -164,10 +227,14 @@ KESDRV_EXPORT int faultMedia_write(int descriptor, const void* buffer, uint32_t 
                                    int32_t* errPtr) {
     Fault f = next(KESDRV_FAULT_WRITE);
     if (f.mode == Mode::Fail) {
+        fired(descriptor, offset, length);
         storeErr(errPtr, f.errorNumber);
         return -1;
     }
-    if (f.mode == Mode::Short && f.bytes < length) length = f.bytes;
+    if (f.mode == Mode::Short && f.bytes < length) {
+        fired(descriptor, offset, length);
+        length = f.bytes;
+    }
     ssize_t r = ::pwrite(descriptor, buffer, length, static_cast<off_t>(offset));
     if (r == -1) storeErr(errPtr, errno);
     return static_cast<int>(r);
@@ -176,6 +243,7 @@ KESDRV_EXPORT int faultMedia_write(int descriptor, const void* buffer, uint32_t 
 KESDRV_EXPORT int faultMedia_seek(int descriptor, uint32_t offset, int whence, int32_t* errPtr) {
     Fault f = next(KESDRV_FAULT_SEEK);
     if (f.mode == Mode::Fail) {
+        fired(descriptor);
         storeErr(errPtr, f.errorNumber);
         return -1;
     }
@@ -188,6 +256,7 @@ KESDRV_EXPORT int faultMedia_sync(int descriptor, int32_t* errPtr, uint32_t sync
     (void)syncArg;
     Fault f = next(KESDRV_FAULT_SYNC);
     if (f.mode == Mode::Fail) {
+        fired(descriptor);
         storeErr(errPtr, f.errorNumber);
         return -1;
     }

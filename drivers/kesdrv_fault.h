@@ -25,6 +25,15 @@
  * checks that every successful open was closed with opens() == closes(). kesdrvFault_reset()
  * disarms every fault and zeroes every counter.
  *
+ * kesdrvFault_fired() counts the calls whose outcome an armed fault changed: every call made to
+ * fail, and every read or write that a short fault really cut (a transfer no longer than the
+ * armed byte count is not cut and not counted). kesdrvFault_firedMedium(buffer, size) copies the
+ * name of the medium of the last such call (the name its descriptor was opened with) into
+ * buffer, NUL-terminated and cut to size - 1 characters, and returns the name's full length; the
+ * name is empty before any fault fired. kesdrvFault_firedTransfer(offset, length) gives the
+ * offset and length that call asked for when it was a read or a write (both 0 otherwise). All
+ * three are cleared by kesdrvFault_reset().
+ *
  * The state is guarded by a mutex; it is per process (a forked child has its own copy).
  */
 #ifndef KESDRV_FAULT_H
@@ -56,6 +65,9 @@ typedef void (*kesdrvFault_shortFn)(int op, uint32_t nth, uint32_t bytes);
 typedef uint32_t (*kesdrvFault_callsFn)(int op);
 typedef uint32_t (*kesdrvFault_opensFn)(void);
 typedef uint32_t (*kesdrvFault_closesFn)(void);
+typedef uint32_t (*kesdrvFault_firedFn)(void);
+typedef uint32_t (*kesdrvFault_firedMediumFn)(char *buffer, uint32_t size);
+typedef void (*kesdrvFault_firedTransferFn)(uint32_t *offset, uint32_t *length);
 
 #define KESDRV_FAULT_SYM_RESET "kesdrvFault_reset"
 #define KESDRV_FAULT_SYM_FAIL "kesdrvFault_fail"
@@ -64,6 +76,9 @@ typedef uint32_t (*kesdrvFault_closesFn)(void);
 #define KESDRV_FAULT_SYM_CALLS "kesdrvFault_calls"
 #define KESDRV_FAULT_SYM_OPENS "kesdrvFault_opens"
 #define KESDRV_FAULT_SYM_CLOSES "kesdrvFault_closes"
+#define KESDRV_FAULT_SYM_FIRED "kesdrvFault_fired"
+#define KESDRV_FAULT_SYM_FIREDMEDIUM "kesdrvFault_firedMedium"
+#define KESDRV_FAULT_SYM_FIREDTRANSFER "kesdrvFault_firedTransfer"
 
 void kesdrvFault_reset(void);
 void kesdrvFault_fail(int op, uint32_t nth, int32_t errorNumber);
@@ -72,6 +87,9 @@ void kesdrvFault_short(int op, uint32_t nth, uint32_t bytes);
 uint32_t kesdrvFault_calls(int op);
 uint32_t kesdrvFault_opens(void);
 uint32_t kesdrvFault_closes(void);
+uint32_t kesdrvFault_fired(void);
+uint32_t kesdrvFault_firedMedium(char *buffer, uint32_t size);
+void kesdrvFault_firedTransfer(uint32_t *offset, uint32_t *length);
 
 #ifdef __cplusplus
 }

@@ -30,6 +30,7 @@
 #include "kesdbm/lock.h"
 #include "kesdbm/session.h"
 #include "kesosw.h"
+#include "lock/lock_list.hpp"
 #include "storage/medium_io.hpp"
 #include "storage/shared_table.hpp"
 
@@ -159,18 +160,8 @@ int32_t removeLock(LockTable* t, Session* s, uint32_t key) {
         LockEntry& e = t->entry[cur];
         if (after(e.dbId, e.key, db, key)) break;
         if (e.dbId == db && e.key == key) {
-            const uint32_t next = e.next;
-            if (next != 0 && !validEntry(next)) return session_setError(s, KESDB_ERR_MMAP, 0);
-            if (prev)
-                t->entry[prev].next = next;
-            else
-                t->compHead = next;
-            if (next)
-                t->entry[next].prev = prev;
-            else
-                t->compTail = prev;
-            e.next = t->freeHead;
-            t->freeHead = cur;
+            if (e.next != 0 && !validEntry(e.next)) return session_setError(s, KESDB_ERR_MMAP, 0);
+            lockList_release(t, prev, cur);
             misc_postEvent(&g_lock.sems);
             return 0;
         }

@@ -30,6 +30,7 @@
 #include "commands.hpp"
 #include "common.hpp"
 #include "kesdbm/kesdbm.h"
+#include "lock/lock_list.hpp"
 
 namespace kesdb {
 
@@ -177,18 +178,8 @@ uint32_t removeLocks(TableFile& table, const std::vector<HeldLock>& gone) {
                 if (i > kLastLock || ++steps > kLastLock) table.damaged("lock list link " + std::to_string(i));
                 LockEntry& e = t->entry[i];
                 if (i != g.index || !sameLock(e, g.entry)) continue;
-                const uint32_t next = e.next;
-                if (next > kLastLock) table.damaged("lock list link " + std::to_string(next));
-                if (prev)
-                    t->entry[prev].next = next;
-                else
-                    t->compHead = next;
-                if (next)
-                    t->entry[next].prev = prev;
-                else
-                    t->compTail = prev;
-                e.next = t->freeHead;
-                t->freeHead = i;
+                if (e.next > kLastLock) table.damaged("lock list link " + std::to_string(e.next));
+                lockList_release(t, prev, i);
                 misc_postEvent(table.sems());
                 ++removed;
                 break;

@@ -135,6 +135,10 @@ uint32_t comp_searchByName(Session* s, uint32_t key, const char* path) {
         return 0;
     }
     Search search{s, {}};
+    // A search may follow a cycle as far as the path leads: its depth is bounded by the path
+    // and the depth limit, and it never branches (a node that matched either finds the path
+    // or records the end-of-search code, which ends every loop above it).
+    search.budget.enterOnce = false;
     uint32_t next = 0;
     return searchFrom(search, key, path, 0, &next);
 }

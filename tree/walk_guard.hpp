@@ -7,13 +7,21 @@
 // the stack. Every walk therefore keeps:
 //   - a loop guard on each sibling list (exact cycle detection, so a long legitimate list is
 //     never cut short);
+//   - the set of components it has entered: in a tree every component is reached once, so a
+//     component met a second time (a child naming an ancestor, lists sharing a tail) ends a
+//     walk over whole subtrees (printing, transfers, deletion) before it repeats any work.
+//     Without it such a walk could branch at every level of a cycle and run for hours inside
+//     its other bounds. A path search does not use it (see navigation.cpp);
 //   - a depth limit of kMaxDepth levels below the component it started at;
 //   - a budget of kMaxVisits components per walk.
 // A walk that runs into one of them records KESDB_ERR_COMP_READ (55) with the key of the
-// component where it stopped as the detail, and the whole walk ends there.
+// component where it stopped as the detail, and the whole walk ends there. (When the set
+// cannot grow for lack of memory, the walk ends with KESDB_ERR_NOMEM instead.)
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "kesdbm/session.h"
@@ -62,16 +70,82 @@ private:
     uint64_t steps_ = 0;
 };
 
+// The keys one walk has entered: an open-addressing hash set on the C heap (no exception can
+// leave it), freed when the walk ends.
+class KeySet {
+public:
+    KeySet() = default;
+    KeySet(const KeySet&) = delete;
+    KeySet& operator=(const KeySet&) = delete;
+    ~KeySet() { std::free(slots_); }
+
+    enum class Insert { Added, Present, NoMemory };
+
+    Insert insert(uint32_t key) {
+        if (key == 0) {  // 0 marks a free slot; it is kept apart
+            if (hasZero_) return Insert::Present;
+            hasZero_ = true;
+            return Insert::Added;
+        }
+        if ((count_ + 1) * 2 > capacity_ && !grow()) return Insert::NoMemory;
+        size_t i = slotOf(key);
+        while (slots_[i] != 0) {
+            if (slots_[i] == key) return Insert::Present;
+            i = (i + 1) & (capacity_ - 1);
+        }
+        slots_[i] = key;
+        ++count_;
+        return Insert::Added;
+    }
+
+private:
+    size_t slotOf(uint32_t key) const { return (key * 0x9E3779B1u) & (capacity_ - 1); }
+
+    bool grow() {
+        const size_t capacity = capacity_ ? capacity_ * 2 : 64;
+        auto* slots = static_cast<uint32_t*>(std::calloc(capacity, sizeof(uint32_t)));
+        if (!slots) return false;
+        uint32_t* old = slots_;
+        const size_t oldCapacity = capacity_;
+        slots_ = slots;
+        capacity_ = capacity;
+        for (size_t i = 0; i < oldCapacity; ++i) {
+            if (old[i] == 0) continue;
+            size_t j = slotOf(old[i]);
+            while (slots_[j] != 0) j = (j + 1) & (capacity_ - 1);
+            slots_[j] = old[i];
+        }
+        std::free(old);
+        return true;
+    }
+
+    uint32_t* slots_ = nullptr;
+    size_t capacity_ = 0;  // a power of two, or 0
+    size_t count_ = 0;
+    bool hasZero_ = false;
+};
+
 // Depth and visit accounting of one recursive walk.
 struct WalkBudget {
     uint32_t visits = 0;
     bool aborted = false;
+    bool enterOnce = true;  // a component entered a second time ends the walk
+    KeySet entered;
 
     // Accounts for entering `key` at `level` levels below the start; false (with the
     // walk-limit error recorded once) when the walk must stop.
     bool enter(Session* s, uint32_t key, int64_t level) {
         if (aborted) return false;
         if (level > kMaxDepth || ++visits > kMaxVisits) return stop(s, key);
+        if (!enterOnce) return true;
+        switch (entered.insert(key)) {
+            case KeySet::Insert::Added: return true;
+            case KeySet::Insert::Present: return stop(s, key);
+            case KeySet::Insert::NoMemory:
+                session_setError(s, KESDB_ERR_NOMEM, ENOMEM);
+                aborted = true;
+                return false;
+        }
         return true;
     }
     // Ends the walk at `key` (a loop was found there).

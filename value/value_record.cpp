@@ -110,13 +110,22 @@ ValueRecord* value_new(Session* s, ValueRecord* record) {
     // Looked up first so that a bad medium index keeps its own code (21) instead of being
     // mistaken below for a full medium.
     if (!getMedia(s, medium)) return nullptr;
+    // The allocator yields 0 both when no free block is large enough and when it could not
+    // read or walk its list (it recorded that failure then, with the driver's error word).
+    // Only the first case is recorded here; a successful allocation leaves the session's
+    // earlier error pair as it was.
+    const uint32_t savedError = s->error;
+    const uint32_t savedDetail = s->errorDetail;
+    session_setError(s, 0, 0);
     const uint32_t key = flst_m_get(s, medium, kRecordSize);
+    const bool allocatorFailed = s->error != 0;
+    if (!allocatorFailed) session_setError(s, static_cast<int32_t>(savedError), savedDetail);
     if (key == KESDB_FLST_FAILED) return nullptr;  // the allocator recorded the cause
     if (key == 0) {
         // No free block is large enough: key 0 never names a record, so the creation fails
         // here and nothing is written. Recorded as a value record write that could not take
         // place (45, detail 0): the record has no place in the value medium.
-        session_setError(s, KESDB_ERR_VALUE_WRITE, 0);
+        if (!allocatorFailed) session_setError(s, KESDB_ERR_VALUE_WRITE, 0);
         return nullptr;
     }
     record->key = key;

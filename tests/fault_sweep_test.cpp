@@ -1,0 +1,977 @@
+// Fault-injection sweep: a whole workload (start-up, tree creation, typed sets and gets,
+// constraints, copies, transfers, searches, moves, deletes, locks, printing, syncs) runs on
+// six media served by the fault-injection driver, and for each kind of driver failure (failed
+// open, read, write, seek, sync; read or write cut to 2 bytes) the 1st, 2nd, ... call of that
+// kind is made to fail, up to the last call the workload makes. Every fault runs in a forked
+// process of its own, so a crash or a hang is caught and reported with the kind and N.
+//
+// How: a clean run records, step by step, the driver calls made, the session's code, the bytes
+// written and the media afterwards. Then a run of the workload without faults forks, before
+// each step, one process per call of the kind that the step makes; that process arms the call,
+// runs the step and checks; the media are put back before the next one.
+//
+// For every injected fault:
+//   - no crash, no hang; no memory leak under AddressSanitizer (the leak checker runs in the
+//     process whenever the step left more heap in use than it does without the fault);
+//   - every medium opened was closed again (the driver's opens == closes);
+//   - the session holds the code specified for that medium and operation, with the
+//     driver's error number as detail, or a code that the specified behaviour of the
+//     operation puts in its place (see specified());
+//   - nothing is written outside the bytes the step writes without a fault, and the
+//     consistency checker (support/consistency.hpp) finds no damage outside them;
+//   - every value holds the data it had before the step or after it in the clean run.
+// A short transfer that the armed count does not cut must leave the step as the clean run did.
+// Each test prints one summary line with the figures of its kind; KESDB_SWEEP_SAMPLE=n makes
+// only every n-th call fail (for slow runs such as valgrind's).
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "consistency.hpp"
+#include "kesdbm/kesdbm.h"
+#include "mediakit.hpp"
+#include "testkit.hpp"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+// Part of the sanitizer runtime (the header declaring it does not come with every compiler).
+extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
+#endif
+
+namespace {
+
+// ---- Media ------------------------------------------------------------------------------
+
+// Media-table indexes (the order of the media configuration lines). Value data and name
+// texts have media of their own, so a fault's medium tells which transfer it hit.
+enum : uint32_t { kComp = 1, kValues = 2, kCstrt = 3, kStrings = 4, kData = 5, kText = 6, kMedia = 7 };
+const char* const kFileNames[kMedia] = {"", "comp.bin", "values.bin", "cstrt.bin", "strings.bin", "data.bin",
+                                        "text.bin"};
+constexpr uint32_t kRecordMediumSize = 4096;
+constexpr int32_t kErrno = 4242;      // error number of an injected failure: no driver makes it up
+constexpr uint32_t kShortBytes = 2;   // what a short transfer still moves
+constexpr int kChildTimeout = 30;     // seconds before a child counts as hung
+
+using Bytes = std::vector<uint8_t>;
+using Snapshot = std::vector<Bytes>;  // per medium index
+
+Bytes readAll(const std::string& path) {
+    Bytes bytes;
+    const int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0) return bytes;
+    struct stat st {};
+    if (fstat(fd, &st) == 0 && st.st_size > 0) {
+        bytes.resize(static_cast<size_t>(st.st_size));
+        const ssize_t n = pread(fd, bytes.data(), bytes.size(), 0);
+        bytes.resize(n < 0 ? 0 : static_cast<size_t>(n));
+    }
+    close(fd);
+    return bytes;
+}
+
+Snapshot snapshot(const std::string& dir) {
+    Snapshot snap(kMedia);
+    for (uint32_t m = 1; m < kMedia; ++m) snap[m] = readAll(dir + "/" + kFileNames[m]);
+    return snap;
+}
+
+// A byte range of a medium.
+struct Range {
+    uint32_t medium, offset, length;
+};
+
+// The ranges in which two snapshots differ (bytes added at the end included).
+std::vector<Range> diff(const Snapshot& before, const Snapshot& after) {
+    std::vector<Range> ranges;
+    for (uint32_t m = 1; m < kMedia; ++m) {
+        const Bytes& a = before[m];
+        const Bytes& b = after[m];
+        const size_t n = std::max(a.size(), b.size());
+        for (size_t i = 0; i < n;) {
+            const bool differs = i >= a.size() || i >= b.size() || a[i] != b[i];
+            if (!differs) {
+                ++i;
+                continue;
+            }
+            size_t j = i;
+            while (j < n && (j >= a.size() || j >= b.size() || a[j] != b[j])) ++j;
+            if (!ranges.empty() && ranges.back().medium == m && ranges.back().offset + ranges.back().length + 8 >= i) {
+                ranges.back().length = static_cast<uint32_t>(j - ranges.back().offset);
+            } else {
+                ranges.push_back({m, static_cast<uint32_t>(i), static_cast<uint32_t>(j - i)});
+            }
+            i = j;
+        }
+    }
+    return ranges;
+}
+
+bool touches(const std::vector<Range>& ranges, const ck::Place& p) {
+    for (const Range& r : ranges)
+        if (r.medium == p.medium && r.offset < uint64_t(p.key) + p.size && p.key < uint64_t(r.offset) + r.length)
+            return true;
+    return false;
+}
+
+ck::Layout layoutOf(const std::string& dir) {
+    ck::Layout l;
+    for (uint32_t m = 1; m < kMedia; ++m) l.files[m] = dir + "/" + kFileNames[m];
+    l.component = kComp;
+    l.value = kValues;
+    l.constraint = kCstrt;
+    l.string = kStrings;
+    l.hookCount = 0;
+    return l;
+}
+
+// Lays the media of a fresh database in `dir`, anew for every run.
+void layMedia(const std::string& dir) {
+    for (uint32_t m = 1; m < kMedia; ++m) {
+        // The data and text media only receive appended bytes behind their header.
+        kesdb_layMedium((dir + "/" + kFileNames[m]).c_str(), m <= kStrings ? kRecordMediumSize : 24, 0);
+    }
+}
+
+// The configuration files of the database in `dir` (its media all served by the fault driver).
+void configure(const std::string& dir) {
+    std::string conf;
+    for (uint32_t m = 1; m < kMedia; ++m) conf += mk::driverLine("libkesdrv_fault.so", "faultMedia_", dir + "/" + kFileNames[m]);
+    kt::writeFile(dir + "/media.conf", conf);
+    kt::writeFile(dir + "/hook.conf", "");
+}
+
+// ---- Workload ---------------------------------------------------------------------------
+
+struct Work {
+    std::string dir;
+    int32_t id = -1;
+    Session s{};
+    std::map<std::string, uint32_t> k;  // keys made by earlier steps (0 when a step failed)
+    uint32_t operator[](const std::string& name) { return k[name]; }
+};
+
+struct Step {
+    std::string name;
+    std::function<void(Work&)> run;
+    // Codes the step's specified behaviour leaves in place of a driver failure (any detail):
+    // a path search ends by recording 5 or 100 whatever stopped it; opening a session wipes
+    // the error of its root look-up.
+    std::set<int32_t> replaced = {};
+    // The step creates a value record or string entry: after a failed open for the
+    // allocator's link or fill write the allocation goes on, and the record write that
+    // follows records 0.
+    bool createsClearing = false;
+};
+
+template <class T>
+void addValue(std::vector<Step>& steps, const std::string& name, uint32_t type, T v) {
+    steps.push_back({name, [=](Work& w) { w.k[name] = kesDBMCreateValue(&w.s, type, 7, &v, sizeof v, kData); }, {}, true});
+}
+
+void addName(std::vector<Step>& steps, const std::string& text) {
+    steps.push_back({"name " + text, [=](Work& w) { w.k["name " + text] = kesDBMCreateString(&w.s, text.c_str(), kText); },
+                     {}, true});
+}
+
+// A leaf `name` with three values of type T under `parent`, behind `previous` ("" = head).
+template <class T>
+void addLeaf(std::vector<Step>& steps, const std::string& name, const std::string& parent, const std::string& previous,
+             uint32_t type, T current, T def, T factory) {
+    addName(steps, name);
+    addValue(steps, name + ".cur", type, current);
+    addValue(steps, name + ".def", type, def);
+    addValue(steps, name + ".fac", type, factory);
+    steps.push_back({"leaf " + name, [=](Work& w) {
+                         w.k[name] = kesDBMCreateLeaf(&w.s, w["name " + name], w[parent],
+                                                      previous.empty() ? 0 : w[previous], w[name + ".cur"],
+                                                      w[name + ".def"], w[name + ".fac"], 0);
+                     }});
+}
+
+std::vector<Step> workload() {
+    std::vector<Step> st;
+    st.push_back({"start", [](Work& w) {
+                      DBMInitParam p{};
+                      auto put = [](char* field, const std::string& v) { std::snprintf(field, KESDB_PATH_MAX, "%s", v.c_str()); };
+                      put(p.sessionTablePath, w.dir + "/session.tbl");
+                      put(p.lockTablePath, w.dir + "/lock.tbl");
+                      put(p.mediaConfigPath, w.dir + "/media.conf");
+                      put(p.hookConfigPath, w.dir + "/hook.conf");
+                      p.componentMedium = kComp;
+                      p.valueMedium = kValues;
+                      p.constraintMedium = kCstrt;
+                      p.stringMedium = kStrings;
+                      int32_t err = 0;
+                      w.id = kesDBMInit(&p, &err);
+                      if (w.id > 0) kesDBMInitSession(&w.s, static_cast<uint32_t>(w.id));
+                  }, {0}});
+    // Tree creation: the root is laid down with the record operations, as a preparing program does.
+    addName(st, "/");
+    st.push_back({"root record", [](Work& w) {
+                      NodeRecord r{};
+                      r.comp.stringKey = w["name /"];
+                      if (comp_newNode(&w.s, &r) && comp_setNode(&w.s, &r) == 0) w.k["root"] = r.comp.key;
+                  }});
+    st.push_back({"set root", [](Work& w) { flst_m_setRoot(&w.s, kComp, w["root"]); }});
+    addName(st, "net");
+    st.push_back({"node net", [](Work& w) { w.k["net"] = kesDBMCreateNode(&w.s, w["name net"], w["root"], 0, 0); }});
+    addName(st, "sys");
+    st.push_back({"node sys", [](Work& w) { w.k["sys"] = kesDBMCreateNode(&w.s, w["name sys"], w["root"], w["net"], 0); }});
+    addLeaf<uint32_t>(st, "ip", "net", "", Uint32, 10, 20, 30);
+    addLeaf<uint16_t>(st, "port", "net", "ip", Uint16, 80, 80, 443);
+    addLeaf<uint8_t>(st, "mask", "net", "port", Uint8, 24, 24, 16);
+    addLeaf<float>(st, "temp", "sys", "", Float32, 20.0f, 25.0f, 25.0f);
+    addLeaf<int64_t>(st, "count", "sys", "temp", Sint64, -5, 0, 0);
+    addLeaf<uint64_t>(st, "blob", "sys", "count", Generic, 0x0102030405060708ull, 0, 0);
+    addName(st, "host");
+    for (const char* v : {"host.cur", "host.def", "host.fac"}) {
+        const std::string name = v;
+        st.push_back({name, [name](Work& w) {
+                          const char text[16] = "device";
+                          w.k[name] = kesDBMCreateValue(&w.s, String, 0, text, sizeof text, kData);
+                      }, {}, true});
+    }
+    st.push_back({"leaf host", [](Work& w) {
+                      w.k["host"] = kesDBMCreateLeaf(&w.s, w["name host"], w["sys"], w["blob"], w["host.cur"],
+                                                     w["host.def"], w["host.fac"], 0);
+                  }});
+
+    // Constraints, made as a preparing program makes them and attached through the interface.
+    st.push_back({"ip range", [](Work& w) {
+                      RangeRecordU32 r{0, Uint32, 0, 1000, 10};
+                      if (rangeU32_new(&w.s, &r)) w.k["ip range"] = r.key;
+                  }});
+    st.push_back({"ip range on current", [](Work& w) { kesDBMSetConstraintKey(&w.s, w["ip.cur"], w["ip range"]); }});
+    st.push_back({"ip range on default", [](Work& w) { kesDBMSetConstraintKey(&w.s, w["ip.def"], w["ip range"]); }});
+    st.push_back({"port members", [](Work& w) { w.k["port array"] = constraint_newEnumArray(&w.s, 2, 3); }});
+    st.push_back({"port enum", [](Work& w) {
+                      EnumRecord e{0, Uint16 * KESDB_CSTRT_ENUM_FACTOR, w["port array"], 2, 3};
+                      if (enum_new(&w.s, &e)) w.k["port enum"] = e.key;
+                  }});
+    st.push_back({"port enum data", [](Work& w) {
+                      const uint16_t members[3] = {80, 443, 8080};
+                      enum_setData(&w.s, w["port enum"], 2, 3, members);
+                  }});
+    st.push_back({"port enum on current", [](Work& w) { kesDBMSetConstraintKey(&w.s, w["port.cur"], w["port enum"]); }});
+
+    // Typed sets and gets, accepted and refused by constraints.
+    st.push_back({"set ip", [](Work& w) { kesDBMSetUint32(&w.s, w["ip"], 500); }});
+    st.push_back({"set ip above range", [](Work& w) { kesDBMSetUint32(&w.s, w["ip"], 5000); }});
+    st.push_back({"get ip", [](Work& w) { uint32_t v = 0; kesDBMGetUint32(&w.s, w["ip"], &v); }});
+    st.push_back({"set port", [](Work& w) { kesDBMSetUint16(&w.s, w["port"], 443); }});
+    st.push_back({"set port not member", [](Work& w) { kesDBMSetUint16(&w.s, w["port"], 81); }});
+    st.push_back({"get port", [](Work& w) { uint16_t v = 0; kesDBMGetUint16(&w.s, w["port"], &v); }});
+    st.push_back({"set mask", [](Work& w) { kesDBMSetUint8(&w.s, w["mask"], 8); }});
+    st.push_back({"get mask", [](Work& w) { uint8_t v = 0; kesDBMGetUint8(&w.s, w["mask"], &v); }});
+    st.push_back({"set temp", [](Work& w) { kesDBMSetFloat32(&w.s, w["temp"], 21.5f); }});
+    st.push_back({"get temp", [](Work& w) { float v = 0; kesDBMGetFloat32(&w.s, w["temp"], &v); }});
+    st.push_back({"set count", [](Work& w) { kesDBMSetSint64(&w.s, w["count"], -1234567890123ll); }});
+    st.push_back({"get count", [](Work& w) { int64_t v = 0; kesDBMGetSint64(&w.s, w["count"], &v); }});
+    st.push_back({"set blob", [](Work& w) { const uint8_t b[8] = {9, 8, 7, 6, 5, 4, 3, 2}; kesDBMSetGeneric(&w.s, w["blob"], b, 8); }});
+    st.push_back({"get blob", [](Work& w) { uint8_t b[8] = {}; int32_t n = 8; kesDBMGetGeneric(&w.s, w["blob"], b, &n); }});
+    st.push_back({"set host", [](Work& w) { kesDBMSetString(&w.s, w["host"], "router-1"); }});
+    st.push_back({"get host", [](Work& w) { char b[16] = {}; kesDBMGetString(&w.s, w["host"], b, sizeof b); }});
+    st.push_back({"set default ip", [](Work& w) { const uint32_t v = 40; kesDBMSetDefaultGeneric(&w.s, w["ip"], &v, 4); }});
+    st.push_back({"get factory port", [](Work& w) { uint16_t v = 0; int32_t n = 2; kesDBMGetFactoryGeneric(&w.s, w["port"], &v, &n); }});
+    st.push_back({"get type and length", [](Work& w) { kesDBMGetType(&w.s, w["temp"]); kesDBMGetLength(&w.s, w["host"]); }});
+
+    // The constraint calls.
+    st.push_back({"constraint type", [](Work& w) { kesDBMGetConstraintType(&w.s, w["ip"]); }});
+    st.push_back({"constraint length", [](Work& w) { kesDBMGetConstraintLength(&w.s, w["port"]); }});
+    st.push_back({"constraint data", [](Work& w) { uint32_t d[3] = {}; kesDBMGetConstraintData(&w.s, w["ip"], d, sizeof d); }});
+    st.push_back({"set range data", [](Work& w) { const uint32_t d[3] = {0, 600, 10}; kesDBMSetConstraintData(&w.s, w["ip"], d, sizeof d); }});
+    st.push_back({"set enum data", [](Work& w) { const uint16_t d[3] = {80, 443, 8443}; kesDBMSetConstraintData(&w.s, w["port"], d, sizeof d); }});
+
+    // Copies and value-set transfers.
+    st.push_back({"copy", [](Work& w) { kesDBMCopy(&w.s, w["count"], w["blob"]); }});
+    st.push_back({"current to default", [](Work& w) { kesDBMCurrentToDefault(&w.s, w["net"]); }});
+    st.push_back({"factory to default", [](Work& w) { kesDBMFactoryToDefault(&w.s, w["sys"]); }});
+    st.push_back({"default to current", [](Work& w) { kesDBMDefaultToCurrent(&w.s, w["root"]); }});
+
+    // Navigation and search.
+    st.push_back({"search", [](Work& w) { kesDBMSearchByName(&w.s, "/net/port"); }, {5, 100}});
+    st.push_back({"set current", [](Work& w) { kesDBMSetCurrentComponent(&w.s, w["sys"]); }});
+    st.push_back({"search relative", [](Work& w) { kesDBMSearchByName(&w.s, "host"); }, {5, 100}});
+    st.push_back({"child count", [](Work& w) { kesDBMGetChildCount(&w.s, w["sys"]); }});
+    st.push_back({"child by index", [](Work& w) { kesDBMGetChildByIndex(&w.s, w["sys"], 2); }});
+    st.push_back({"get root", [](Work& w) { w.k["got root"] = kesDBMGetRoot(&w.s); }});
+    st.push_back({"get parent", [](Work& w) { kesDBMGetParent(&w.s, w["ip"]); }});
+    st.push_back({"first child", [](Work& w) { w.k["first"] = kesDBMGetFirstChild(&w.s, w["got root"]); }});
+    st.push_back({"next child", [](Work& w) { kesDBMGetNextChild(&w.s, w["first"]); }});
+
+    // Locks (the lock table: no medium is reached).
+    st.push_back({"lock", [](Work& w) {
+                      kesDBMLock(&w.s, w["ip"], 1);
+                      kesDBMLock(&w.s, w["net"], 0);
+                  }});
+    st.push_back({"unlock", [](Work& w) {
+                      kesDBMUnlock(&w.s, w["ip"]);
+                      kesDBMUnlock(&w.s, w["net"]);
+                  }});
+
+    // Moves.
+    st.push_back({"move leaf", [](Work& w) { kesDBMMoveLeaf(&w.s, w["mask"], w["sys"], 0); }});
+    addName(st, "grp");
+    st.push_back({"node wrapping", [](Work& w) { w.k["grp"] = kesDBMCreateNode(&w.s, w["name grp"], w["sys"], 0, w["mask"]); }});
+    st.push_back({"move node", [](Work& w) { kesDBMMoveNode(&w.s, w["grp"], w["net"], w["ip"], 0); }});
+    st.push_back({"move subtree", [](Work& w) { kesDBMMoveSubTree(&w.s, w["net"], w["sys"], w["host"]); }});
+
+    // Deletes.
+    st.push_back({"delete leaf", [](Work& w) { kesDBMDeleteComponent(&w.s, w["blob"]); }});
+    st.push_back({"delete value", [](Work& w) { kesDBMDeleteValue(&w.s, w["blob.cur"]); }});
+    st.push_back({"delete string", [](Work& w) { kesDBMDeleteString(&w.s, w["name blob"]); }});
+    st.push_back({"delete node", [](Work& w) { kesDBMDeleteComponent(&w.s, w["grp"]); }});
+    st.push_back({"delete subtree", [](Work& w) { kesDBMDeleteComponentWithSub(&w.s, w["net"]); }});
+
+    // Print (standard output of the child goes nowhere) and sync.
+    st.push_back({"print", [](Work& w) { kesDBMtraverseAndPrint(&w.s, 0); }});
+    st.push_back({"sync", [](Work& w) {
+                      kesDBMSync(&w.s, kComp, 0);
+                      kesDBMSync(&w.s, kData, 0);
+                  }});
+    st.push_back({"stop", [](Work& w) {
+                      kesDBMTermSession(&w.s);
+                      kesDBMTerm(static_cast<uint32_t>(w.id));
+                  }});
+    return st;
+}
+
+// ---- Fault kinds and the codes they must leave --------------------------------------------
+
+struct Kind {
+    const char* name;
+    int op;
+    bool shortTransfer;
+};
+
+const Kind kKinds[] = {
+    {"open", KESDRV_FAULT_OPEN, false},        {"read", KESDRV_FAULT_READ, false},
+    {"write", KESDRV_FAULT_WRITE, false},      {"seek", KESDRV_FAULT_SEEK, false},
+    {"sync", KESDRV_FAULT_SYNC, false},        {"short read", KESDRV_FAULT_READ, true},
+    {"short write", KESDRV_FAULT_WRITE, true},
+};
+
+// The codes a fault may leave in the session: those reported with the driver's error number
+// as detail (0 for a short transfer, which stores none), and those whose detail is something
+// else, or that the operation's specified behaviour records in place of the driver's failure.
+struct Expected {
+    std::set<int32_t> driverDetail, otherDetail;
+};
+
+// For a fault of `kind` on medium `m` met by `step`; `length` is the transfer the failed read
+// or write asked for.
+//   - Record media have codes of their own for their records (component 53/55/54, value
+//     44/46/45, constraint 59/61/60, string 38/40/39) and the allocator's (22/24/23) for their
+//     free lists and headers; data areas and texts have 22/24/23. A sync failure is 26; a seek
+//     failure leaves no end to append at, 23.
+//   - Range and enumeration records report 59 and 60 with errno; a failed split (the
+//     allocator's 0xFFFFFFFF) makes the constraint creators record 62 and the string creator
+//     41, with errno.
+//   - The allocator goes on after a failed link or fill write (under 8 bytes) and hands out
+//     the block; the value record, string entry and constraint record writes that follow
+//     record 0 when they succeed, so no code may be left.
+//   - Short transfers the record layer takes as they are: a string entry read (the cut entry
+//     names text medium 0, which the runs cannot open: 22), a name text read, and data-area
+//     reads and writes (only a negative result is a failure). A copy writes as many bytes as
+//     its short read brought, which a constrained destination refuses with 65.
+//   - A path search records 5 or 100 when it ends without a match, whatever stopped it.
+Expected specified(uint32_t m, const Kind& kind, uint32_t length, const Step& step) {
+    Expected e;
+    e.otherDetail = step.replaced;
+    if (kind.op == KESDRV_FAULT_SYNC) {
+        e.driverDetail = {KESDB_ERR_MEDIA_SYNC};
+        return e;
+    }
+    if (kind.op == KESDRV_FAULT_SEEK) {
+        e.driverDetail = {KESDB_ERR_MEDIA_WRITE};
+        return e;
+    }
+    struct Codes {
+        int32_t open, read, write;
+    };
+    static const std::map<uint32_t, Codes> own = {
+        {kComp, {KESDB_ERR_COMP_OPEN, KESDB_ERR_COMP_READ, KESDB_ERR_COMP_WRITE}},
+        {kValues, {KESDB_ERR_VALUE_OPEN, KESDB_ERR_VALUE_READ, KESDB_ERR_VALUE_WRITE}},
+        {kCstrt, {KESDB_ERR_CSTRT_OPEN, KESDB_ERR_CSTRT_READ, KESDB_ERR_CSTRT_WRITE}},
+        {kStrings, {KESDB_ERR_STR_OPEN, KESDB_ERR_STR_READ, KESDB_ERR_STR_WRITE}},
+    };
+    auto it = own.find(m);
+    const bool record = it != own.end();
+    switch (kind.op) {
+        case KESDRV_FAULT_OPEN:
+            e.driverDetail = {KESDB_ERR_MEDIA_OPEN};
+            if (record) e.driverDetail.insert(it->second.open);
+            if (m == kCstrt) e.otherDetail.insert({KESDB_ERR_CSTRT_OPEN, KESDB_ERR_CSTRT_ALLOC});  // split
+            if (m == kStrings) e.otherDetail.insert(KESDB_ERR_STR_ALLOC);                          // split
+            if (step.createsClearing) e.otherDetail.insert(0);
+            break;
+        case KESDRV_FAULT_READ:
+            e.driverDetail = {KESDB_ERR_MEDIA_READ};
+            if (record) e.driverDetail.insert(it->second.read);
+            if (kind.shortTransfer && m == kStrings) e.otherDetail.insert({0, KESDB_ERR_MEDIA_OPEN});
+            if (kind.shortTransfer && m == kText) e.otherDetail.insert(0);
+            if (kind.shortTransfer && m == kData) e.otherDetail.insert({0, KESDB_ERR_CSTRT_LENGTH});
+            break;
+        default:
+            e.driverDetail = {KESDB_ERR_MEDIA_WRITE};
+            if (record) e.driverDetail.insert(it->second.write);
+            if (m == kCstrt) {
+                e.driverDetail.insert(KESDB_ERR_CSTRT_READ);  // an enumeration array write
+                e.otherDetail.insert({KESDB_ERR_CSTRT_WRITE, KESDB_ERR_CSTRT_ALLOC});
+            }
+            if (m == kStrings) e.otherDetail.insert(KESDB_ERR_STR_ALLOC);
+            if (record && length < 8) e.otherDetail.insert(0);
+            if (kind.shortTransfer && m == kData) e.otherDetail.insert(0);
+            break;
+    }
+    return e;
+}
+
+// ---- Runs in child processes ------------------------------------------------------------
+
+struct StepRecord {
+    uint32_t calls[KESDRV_FAULT_OPS] = {};  // calls of each operation after the step
+    uint32_t error = 0, detail = 0;         // the session after the step
+    std::vector<Range> wrote;               // what the step changed
+    int64_t grew = 0;                       // heap bytes it left in use (under AddressSanitizer)
+};
+
+std::string tempBase() {
+    struct stat st {};
+    // Synchronous writes cost nothing in memory-backed files; thousands of runs add up.
+    if (stat("/dev/shm", &st) == 0 && S_ISDIR(st.st_mode) && access("/dev/shm", W_OK) == 0) return "/dev/shm";
+    const char* t = getenv("TMPDIR");
+    return t && *t ? t : "/tmp";
+}
+
+// A directory for the runs of one test, in memory when the machine has it: the configuration
+// files and the shared tables stay from run to run (each run starts the database and stops it
+// again), the media are laid down anew before each run.
+struct RunDir {
+    RunDir() {
+        const char* saved = getenv("TMPDIR");
+        const std::string old = saved ? saved : "";
+        setenv("TMPDIR", tempBase().c_str(), 1);
+        dir = std::make_unique<kt::TempDir>();
+        if (saved) {
+            setenv("TMPDIR", old.c_str(), 1);
+        } else {
+            unsetenv("TMPDIR");
+        }
+        configure(path());
+    }
+    void fresh() const {
+        layMedia(path());
+        unlink(report().c_str());
+    }
+    std::unique_ptr<kt::TempDir> dir;
+    std::string path() const { return dir->path(); }
+    std::string report() const { return dir->file("report.txt"); }
+};
+
+// The clean run: what every step does without a fault. Its directory keeps the media as they
+// stood after each step ("after-<step>-<medium>").
+struct Plan {
+    std::vector<Step> work;           // the workload
+    std::vector<StepRecord> steps;    // what each of its steps did
+    std::string problems;  // what went wrong in the clean run itself
+    RunDir dir;
+    std::string afterFile(size_t step, uint32_t m) const {
+        return dir.dir->file("after-" + std::to_string(step) + "-" + std::to_string(m));
+    }
+    Snapshot after(size_t step) const {
+        Snapshot snap(kMedia);
+        for (uint32_t m = 1; m < kMedia; ++m) snap[m] = readAll(afterFile(step, m));
+        return snap;
+    }
+};
+
+// Writes the child's findings (one line each) where the parent reads them.
+struct Out {
+    FILE* f;
+    explicit Out(const std::string& path) : f(std::fopen(path.c_str(), "w")) {}
+    ~Out() {
+        if (f) std::fclose(f);
+    }
+    void line(const std::string& text) {
+        if (f) std::fprintf(f, "%s\n", text.c_str());
+    }
+};
+
+// Per child: environment, standard output to nowhere, a timeout.
+void enterChild(const std::string& dir) {
+    setenv("KESDB_DBTABLE", (dir + "/db.tbl").c_str(), 1);
+    setenv("KESDB_DEFMEDIA", (dir + "/none").c_str(), 1);
+    setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
+    if (!std::freopen("/dev/null", "w", stdout)) _exit(90);
+    alarm(kChildTimeout);
+}
+
+// Heap bytes in use (under AddressSanitizer; 0 otherwise).
+int64_t heapInUse() {
+#if defined(__SANITIZE_ADDRESS__)
+    return static_cast<int64_t>(__sanitizer_get_current_allocated_bytes());
+#else
+    return 0;
+#endif
+}
+
+// Leaves the child: a memory-leak check under AddressSanitizer, unless `check` says it cannot
+// find anything (a full check costs far more than the run it ends).
+int leaveChild(int code, bool check = true) {
+#if defined(__SANITIZE_ADDRESS__)
+    if (check && __lsan_do_recoverable_leak_check() != 0) return 3;
+#else
+    (void)check;
+#endif
+    return code;
+}
+
+int cleanChild(const Plan& plan) {
+    const std::string dir = plan.dir.path();
+    enterChild(dir);
+    Out out(plan.dir.report());
+    mk::FaultControl f;
+    if (!f.ok()) return 2;
+    f.reset();
+    const std::vector<Step>& steps = plan.work;
+    Work w;
+    w.dir = dir;
+    Snapshot before = snapshot(dir);
+    for (size_t i = 0; i < steps.size(); ++i) {
+        w.s.error = w.s.errorDetail = 0;
+        const int64_t heap = heapInUse();
+        steps[i].run(w);
+        const int64_t grew = heapInUse() - heap;
+        std::ostringstream line;
+        line << "step";
+        for (int op = 0; op < KESDRV_FAULT_OPS; ++op) line << " " << f.calls(op);
+        line << " " << w.s.error << " " << w.s.errorDetail << " " << grew;
+        out.line(line.str());
+        Snapshot after = snapshot(dir);
+        for (const Range& r : diff(before, after))
+            out.line("wrote " + std::to_string(r.medium) + " " + std::to_string(r.offset) + " " + std::to_string(r.length));
+        for (uint32_t m = 1; m < kMedia; ++m)
+            kt::writeFile(plan.afterFile(i, m), std::string(after[m].begin(), after[m].end()));
+        before = std::move(after);
+        const ck::Report c = ck::check(layoutOf(dir));
+        if (!c.ok()) out.line("problem after " + steps[i].name + ": " + c.text());
+    }
+    if (f.opens() != f.closes())
+        out.line("problem: opens " + std::to_string(f.opens()) + " closes " + std::to_string(f.closes()));
+    return leaveChild(0);
+}
+
+int waitFor(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+std::unique_ptr<Plan> cleanRun(const std::vector<Step>& work) {
+    auto plan = std::make_unique<Plan>();
+    plan->work = work;
+    plan->dir.fresh();
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) _exit(cleanChild(*plan));
+    const int status = waitFor(pid);
+    if (status != 0) plan->problems += "clean run ended with status " + std::to_string(status) + "\n";
+    std::istringstream in(kt::readFile(plan->dir.report()));
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::string tag;
+        words >> tag;
+        if (tag == "step") {
+            StepRecord r;
+            for (uint32_t& c : r.calls) words >> c;
+            words >> r.error >> r.detail >> r.grew;
+            plan->steps.push_back(r);
+        } else if (tag == "wrote" && !plan->steps.empty()) {
+            Range r{};
+            words >> r.medium >> r.offset >> r.length;
+            plan->steps.back().wrote.push_back(r);
+        } else {
+            plan->problems += line + "\n";
+        }
+    }
+    if (plan->steps.size() != work.size()) plan->problems += "the clean run did not finish its steps\n";
+    return plan;
+}
+
+// The step in which call `n` of operation `op` happens in the clean run (steps.size() when
+// the workload makes fewer calls).
+size_t stepOfCall(const Plan& plan, int op, uint32_t n) {
+    for (size_t i = 0; i < plan.steps.size(); ++i)
+        if (plan.steps[i].calls[op] >= n) return i;
+    return plan.steps.size();
+}
+
+bool holds(const Bytes& b, const ck::Place& p) { return uint64_t(p.key) + p.size <= b.size(); }
+bool same(const Bytes& a, const Bytes& b, const ck::Place& p) {
+    return holds(a, p) && holds(b, p) && std::equal(a.begin() + p.key, a.begin() + p.key + p.size, b.begin() + p.key);
+}
+
+// The checks after the step in which the fault took effect; every failed one is a line.
+void checkAfterFault(Out& out, const std::string& dir, const Plan& plan, const Kind& kind, size_t step,
+                     const Step& what, const Session& s, const Snapshot& before, mk::FaultControl& f) {
+    if (f.opens() != f.closes())
+        out.line("opens " + std::to_string(f.opens()) + " closes " + std::to_string(f.closes()));
+    // The code, from the medium and the transfer the fault hit.
+    const std::string medium = f.lastFiredMedium();
+    uint32_t m = 0;
+    for (uint32_t j = 1; j < kMedia; ++j)
+        if (medium == dir + "/" + kFileNames[j]) m = j;
+    uint32_t offset = 0, length = 0;
+    f.firedTransfer(&offset, &length);
+    const int32_t code = static_cast<int32_t>(s.error);
+    const Expected e = specified(m, kind, length, what);
+    const uint32_t driverDetail = kind.shortTransfer ? 0u : static_cast<uint32_t>(kErrno);
+    const bool withDriverDetail = e.driverDetail.count(code) && s.errorDetail == driverDetail;
+    if (!withDriverDetail && !e.otherDetail.count(code)) {
+        std::string list;
+        for (int32_t c : e.driverDetail) list += " " + std::to_string(c) + "/" + std::to_string(driverDetail);
+        for (int32_t c : e.otherDetail) list += " " + std::to_string(c);
+        out.line("code " + std::to_string(code) + "/" + std::to_string(s.errorDetail) + " after a " + kind.name +
+                 " fault on " + (m ? kFileNames[m] : medium) + " (" + std::to_string(length) + " bytes at " +
+                 std::to_string(offset) + "), expected one of" + list);
+    }
+    // A constraint whose header cannot be read (its 8-byte read, or its open) lets the write
+    // through unchecked, leaving 59 or 61 in the session: specified, so a refused write then
+    // takes place.
+    const bool unchecked = m == kCstrt && (code == KESDB_ERR_CSTRT_OPEN || code == KESDB_ERR_CSTRT_READ) &&
+                           (kind.op == KESDRV_FAULT_OPEN || length == 8);
+    // Writes and damage only in the bytes the step writes when nothing fails.
+    const Snapshot now = snapshot(dir);
+    const std::vector<Range>& wrote = plan.steps[step].wrote;
+    for (const Range& r : diff(before, now))
+        if (!touches(wrote, {r.medium, r.offset, r.length}) && !(unchecked && r.medium == kData))
+            out.line("wrote " + std::to_string(r.length) + " bytes at " + std::to_string(r.medium) + ":" +
+                     std::to_string(r.offset) + ", which the step does not write without a fault");
+    const ck::Report c = ck::check(layoutOf(dir));
+    bool own = false;
+    for (const ck::Violation& v : c.violations) {
+        bool mine = false;
+        for (const ck::Place& p : v.places) mine |= touches(wrote, p);
+        own |= mine;
+        if (!mine) {
+            ck::Report one;
+            one.violations.push_back(v);
+            std::string text = one.text();
+            text.pop_back();
+            out.line("damage outside the step: " + text);
+        }
+    }
+    if (own) out.line("own damage");
+    // Contents: every value holds the data it had before the step or after it in the clean
+    // run, never a mixture or anything else. Specified exceptions: a data write cut short,
+    // and a copy of a data read cut short, are taken as they are (only a negative count is a
+    // failure there); and the unchecked write above.
+    const Snapshot clean = plan.after(step);
+    for (const ck::Place& a : c.dataAreas) {
+        if (same(now[a.medium], before[a.medium], a) || same(now[a.medium], clean[a.medium], a)) continue;
+        const bool cutWrite = kind.shortTransfer && kind.op == KESDRV_FAULT_WRITE && m == a.medium &&
+                              offset < uint64_t(a.key) + a.size && a.key < uint64_t(offset) + length;
+        const bool cutRead = kind.shortTransfer && kind.op == KESDRV_FAULT_READ && m == kData;
+        if (!cutWrite && !cutRead && !unchecked)
+            out.line("the data area " + std::to_string(a.medium) + ":" + std::to_string(a.key) + "+" +
+                     std::to_string(a.size) + " holds bytes it had neither before the step nor after it in the clean run");
+    }
+}
+
+// Only every n-th call is made to fail when KESDB_SWEEP_SAMPLE is n (for slow runs such as
+// valgrind's); every call by default.
+uint32_t sampleEvery() {
+    const char* v = getenv("KESDB_SWEEP_SAMPLE");
+    const long n = v ? std::strtol(v, nullptr, 10) : 1;
+    return n > 1 && n < 1000000 ? static_cast<uint32_t>(n) : 1u;
+}
+
+// Puts the media back as they were in `snap` (the driver opens them by path at every access).
+void restore(const std::string& dir, const Snapshot& snap) {
+    for (uint32_t m = 1; m < kMedia; ++m) {
+        const std::string path = dir + "/" + kFileNames[m];
+        const int fd = open(path.c_str(), O_WRONLY);
+        if (fd < 0) continue;
+        if (ftruncate(fd, static_cast<off_t>(snap[m].size())) != 0 ||
+            pwrite(fd, snap[m].data(), snap[m].size(), 0) != static_cast<ssize_t>(snap[m].size()))
+            perror(path.c_str());
+        close(fd);
+    }
+}
+
+// Grandchild: step `i` with call `nth` of the kind's operation in it armed, the steps before
+// it having been run by its parent. The first line is "fired" or "not cut"; every failed
+// check is a line of its own. The database is left started: it belongs to the parent.
+int faultStep(const std::string& dir, const std::string& report, const Plan& plan, const Kind& kind, size_t i,
+              const Step& step, uint32_t nth, Work w) {
+    alarm(kChildTimeout);
+    Out out(report);
+    mk::FaultControl f;
+    if (!f.ok()) return 2;
+    f.reset();
+    if (kind.shortTransfer) {
+        f.shortOp(kind.op, nth, kShortBytes);
+    } else {
+        f.fail(kind.op, nth, kErrno);
+    }
+    const Snapshot before = snapshot(dir);
+    w.s.error = w.s.errorDetail = 0;
+    const int64_t heap = heapInUse();
+    step.run(w);
+    // The step leaves as many bytes in use as without a fault (the keys it notes down), or
+    // the full leak check runs.
+    const bool mayLeak = heapInUse() - heap > plan.steps[i].grew;
+    if (f.fired() == 0) {
+        // A short transfer no longer than the armed count: the step must run as it did.
+        out.line("not cut");
+        if (w.s.error != plan.steps[i].error || w.s.errorDetail != plan.steps[i].detail)
+            out.line("the step left " + std::to_string(w.s.error) + "/" + std::to_string(w.s.errorDetail) +
+                     ", the clean run " + std::to_string(plan.steps[i].error) + "/" +
+                     std::to_string(plan.steps[i].detail));
+        if (snapshot(dir) != plan.after(i)) out.line("the media differ from the clean run's");
+    } else {
+        out.line("fired");
+        f.fail(kind.op, UINT32_MAX, kErrno);  // disarmed: nothing else fails
+        checkAfterFault(out, dir, plan, kind, i, step, w.s, before, f);
+    }
+    if (f.opens() != f.closes()) out.line("opens " + std::to_string(f.opens()) + " closes " + std::to_string(f.closes()));
+    return leaveChild(0, mayLeak);
+}
+
+// Child: runs the workload without a fault and, before each step, forks one grandchild for
+// every call of the kind's operation that the step makes, arming it in the grandchild; after
+// each grandchild the media are put back. So every run repeats only its own step. Writes one
+// "run <N> <status> <first line>" line per grandchild, followed by its further lines, and
+// "problem ..." lines for its own run.
+int sweepChild(const std::string& dir, const std::string& report, const Plan& plan, const Kind& kind) {
+    enterChild(dir);
+    alarm(0);  // each grandchild has its own timeout
+    Out out(report);
+    mk::FaultControl f;
+    if (!f.ok()) return 2;
+    f.reset();
+    const std::vector<Step>& steps = plan.work;
+    Work w;
+    w.dir = dir;
+    const std::string gcReport = dir + "/step-report.txt";
+    uint32_t callsBefore = 0;
+    for (size_t i = 0; i < steps.size(); ++i) {
+        const uint32_t callsAfter = plan.steps[i].calls[kind.op];
+        if (callsAfter > callsBefore) {
+            const Snapshot snap = snapshot(dir);
+            for (uint32_t n = callsBefore + 1; n <= callsAfter; ++n) {
+                if ((n - 1) % sampleEvery() != 0) continue;
+                unlink(gcReport.c_str());
+                // Nothing buffered may be written twice: a child's exit under valgrind flushes
+                // the streams it inherited.
+                std::fflush(nullptr);
+                const pid_t pid = fork();
+                if (pid == 0) _exit(faultStep(dir, gcReport, plan, kind, i, steps[i], n - callsBefore, w));
+                const int status = waitFor(pid);
+                std::istringstream in(kt::readFile(gcReport));
+                std::string first;
+                std::getline(in, first);
+                out.line("run " + std::to_string(n) + " " + std::to_string(status) + " " + first);
+                for (std::string line; std::getline(in, line);) out.line(line);
+                restore(dir, snap);
+            }
+        }
+        callsBefore = callsAfter;
+        w.s.error = w.s.errorDetail = 0;
+        steps[i].run(w);
+        if (w.s.error != plan.steps[i].error || w.s.errorDetail != plan.steps[i].detail || f.calls(kind.op) != callsAfter)
+            out.line("problem: step " + steps[i].name + " ran differently from the clean run");
+    }
+    if (f.opens() != f.closes()) out.line("problem: opens " + std::to_string(f.opens()) + " closes " + std::to_string(f.closes()));
+    if (snapshot(dir) != plan.after(steps.size() - 1)) out.line("problem: the media differ from the clean run's");
+    return leaveChild(0);
+}
+
+struct Tally {
+    uint32_t runs = 0, injected = 0, survived = 0, ownDamage = 0, notCut = 0;
+    std::vector<std::string> failures;
+};
+
+// The sweep of one kind: the 1st, 2nd, ... call of its operation made to fail (or fall short)
+// in a run of its own, up to the last call the workload makes; then the whole workload once
+// more with nothing failing.
+Tally sweep(const Plan& plan, const Kind& kind) {
+    Tally t;
+    const std::vector<Step>& steps = plan.work;
+    RunDir d;
+    d.fresh();
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) _exit(sweepChild(d.path(), d.report(), plan, kind));
+    const int status = waitFor(pid);
+    if (status != 0) t.failures.push_back(std::string(kind.name) + ": the sweep ended with status " + std::to_string(status));
+    std::istringstream in(kt::readFile(d.report()));
+    std::string where;
+    bool ok = false, own = false, fired = false;
+    auto close = [&] {
+        if (where.empty()) return;
+        t.survived += fired && ok;
+        t.ownDamage += fired && own;
+    };
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::string tag;
+        words >> tag;
+        if (tag == "run") {
+            close();
+            uint32_t n = 0;
+            int runStatus = 0;
+            words >> n >> runStatus;
+            std::string first;
+            std::getline(words >> std::ws, first);
+            const size_t at = stepOfCall(plan, kind.op, n);
+            where = std::string(kind.name) + " N=" + std::to_string(n) + " (step " + steps[at].name + "): ";
+            ++t.runs;
+            fired = first == "fired";
+            own = false;
+            ok = runStatus == 0 && (fired || first == "not cut");
+            t.injected += fired;
+            t.notCut += first == "not cut";
+            if (runStatus != 0) {
+                t.failures.push_back(where + (runStatus >= 128 ? "killed by signal " + std::to_string(runStatus - 128)
+                                              : runStatus == 3 ? std::string("memory leak")
+                                                               : "exit status " + std::to_string(runStatus)));
+            } else if (!ok) {
+                t.failures.push_back(where + "no report");
+            }
+        } else if (line == "own damage") {
+            own = true;
+        } else if (tag == "problem:") {
+            t.failures.push_back(std::string(kind.name) + ", the run without a fault: " + line);
+        } else {
+            ok = false;
+            t.failures.push_back(where + line);
+        }
+    }
+    close();
+    return t;
+}
+
+const Kind& kindNamed(const std::string& name) {
+    for (const Kind& k : kKinds)
+        if (name == k.name) return k;
+    return kKinds[0];
+}
+
+void runKind(const char* name) {
+    const auto started = std::chrono::steady_clock::now();
+    const Kind& kind = kindNamed(name);
+    const mk::FaultControl loaded;  // loaded once here, so that each run finds it in place
+    ASSERT_TRUE(loaded.ok());
+    const std::unique_ptr<Plan> plan = cleanRun(workload());
+    ASSERT_EQ(plan->problems, "");
+    const Tally t = sweep(*plan, kind);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    const uint32_t calls = plan->steps.back().calls[kind.op], every = sampleEvery();
+    std::printf("fault sweep %-11s: %4u calls%s, %4u faults injected, %4u survived, %3u failed, "
+                "%3u left damage in their own records, %2u not cut, %.1f s\n",
+                kind.name, calls, every > 1 ? (" (1 in " + std::to_string(every) + ")").c_str() : "", t.injected,
+                t.survived, t.injected - t.survived, t.ownDamage, t.notCut, seconds);
+    for (const std::string& f : t.failures) std::printf("  FAILED %s\n", f.c_str());
+    EXPECT_TRUE(t.failures.empty()) << t.failures.size() << " failed checks, listed above";
+    EXPECT_GT(t.injected, 0u);
+    EXPECT_EQ(t.runs, (calls + every - 1) / every);
+    EXPECT_EQ(t.injected + t.notCut, t.runs);
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+__attribute__((noinline)) void leak64() {
+    void* p = std::malloc(64);
+    std::memset(p, 1, 64);
+}
+#endif
+
+}  // namespace
+
+TEST(FaultSweep, FailedOpens) { runKind("open"); }
+TEST(FaultSweep, FailedReads) { runKind("read"); }
+TEST(FaultSweep, FailedWrites) { runKind("write"); }
+TEST(FaultSweep, FailedSeeks) { runKind("seek"); }
+TEST(FaultSweep, FailedSyncs) { runKind("sync"); }
+TEST(FaultSweep, ShortReads) { runKind("short read"); }
+TEST(FaultSweep, ShortWrites) { runKind("short write"); }
+
+// The sweep finds what it is there to find: behind the first steps of the workload, steps
+// that misbehave when a fault meets them, as a faulty library would. Each misbehaviour is
+// reported for that step and nothing is reported for the library's own steps.
+TEST(FaultSweep, FindsPlantedMisbehaviour) {
+    // Every call of this short workload fails in turn, also in a sampled (slow) run.
+    setenv("KESDB_SWEEP_SAMPLE", "1", 1);
+    const mk::FaultControl loaded;
+    ASSERT_TRUE(loaded.ok());
+    std::vector<Step> work = workload();
+    const auto net = std::find_if(work.begin(), work.end(), [](const Step& st) { return st.name == "node net"; });
+    ASSERT_NE(net, work.end());
+    work.erase(net + 1, work.end());
+    work.push_back({"swallows", [](Work& w) {
+                        kesDBMGetChildCount(&w.s, w["root"]);
+                        w.s.error = w.s.errorDetail = 0;
+                    }});
+    work.push_back({"strays", [](Work& w) {
+                        kesDBMGetParent(&w.s, w["net"]);
+                        const uint32_t kind = 9;
+                        if (w.s.error != 0) kt::writeBytes(w.dir + "/comp.bin", w["root"] + 20, &kind, 4);
+                    }});
+    work.push_back({"leaves open", [](Work& w) {
+                        kesDBMGetFirstChild(&w.s, w["root"]);
+                        MediaEntry* e = getMedia(&w.s, kComp);
+                        int32_t err = 0;
+                        if (w.s.error != 0 && e) e->open(e->name, e->arg, &err);
+                    }});
+    work.push_back({"crashes", [](Work& w) {
+                        kesDBMGetNextChild(&w.s, w["net"]);
+                        if (w.s.error != 0) std::abort();
+                    }});
+#if defined(__SANITIZE_ADDRESS__)
+    work.push_back({"leaks", [](Work& w) {
+                        kesDBMGetStringKey(&w.s, w["net"]);
+                        if (w.s.error != 0) leak64();
+                    }});
+#endif
+    const std::unique_ptr<Plan> plan = cleanRun(work);
+    ASSERT_EQ(plan->problems, "");
+    const Tally t = sweep(*plan, kindNamed("open"));
+    std::string all;
+    for (const std::string& f : t.failures) all += f + "\n";
+    auto reported = [&](const std::string& step, const std::string& what) {
+        return all.find("(step " + step + "): " + what) != std::string::npos;
+    };
+    EXPECT_TRUE(reported("swallows", "code 0/0 after a open fault on comp.bin")) << all;
+    EXPECT_TRUE(reported("strays", "wrote 1 bytes at 1:")) << all;
+    EXPECT_TRUE(reported("strays", "damage outside the step: T3")) << all;
+    EXPECT_TRUE(reported("leaves open", "opens ")) << all;
+    EXPECT_TRUE(reported("crashes", "killed by signal 6")) << all;
+#if defined(__SANITIZE_ADDRESS__)
+    EXPECT_TRUE(reported("leaks", "memory leak")) << all;
+#endif
+    for (const Step& st : work) {
+        if (st.name == "node net") break;
+        EXPECT_FALSE(reported(st.name, "")) << all;
+    }
+    EXPECT_GT(t.survived, 0u);  // the library's own steps
+}
