@@ -30,11 +30,10 @@ TEST_F(DbTableTest, NewTableIsCreatedAndSameBlockSharesIdAcrossProcesses) {
     EXPECT_EQ(st.st_mode & 0777, 0664u & ~[] { mode_t m = umask(0); umask(m); return m; }());
 
     // Another process starting the same block gets the same id; the count is shared.
-    int child = kt::runChild([this] {
+    EXPECT_EQ(kt::runChild([this] {
         int32_t e = 0;
         return db_init(&param, &e) == 1 ? 0 : 1;
-    });
-    EXPECT_EQ(child, 0);
+    }), 0);
     EXPECT_EQ(slotWord(table, 1, 16408), 2u);  // refCount
 
     DBMInitParam other = param;
@@ -43,9 +42,7 @@ TEST_F(DbTableTest, NewTableIsCreatedAndSameBlockSharesIdAcrossProcesses) {
     EXPECT_EQ(err, 0);
     ASSERT_NE(db_getDb(2), nullptr);
     EXPECT_EQ(db_getDb(2)->reserved, 7u);
-    EXPECT_EQ(db_getDb(0), nullptr);
-    EXPECT_EQ(db_getDb(3), nullptr);
-    EXPECT_EQ(db_getDb(33), nullptr);
+    for (uint32_t id : {0u, 3u, 33u}) EXPECT_EQ(db_getDb(id), nullptr) << id;
 }
 
 TEST_F(DbTableTest, ThirtySecondDatabaseIsRefusedAndReleasedSlotGoesLast) {
@@ -75,8 +72,7 @@ TEST_F(DbTableTest, ThirtySecondDatabaseIsRefusedAndReleasedSlotGoesLast) {
 }
 
 TEST_F(DbTableTest, ShowPrintsTheListsExactly) {
-    std::string fresh = kt::captureStdout([] { db_show(3); });
-    EXPECT_EQ(fresh, "\n");  // not mapped yet: nothing but the line end
+    EXPECT_EQ(kt::captureStdout([] { db_show(3); }), "\n");  // not mapped yet: nothing but the line end
     int32_t err = 0;
     ASSERT_EQ(db_init(&param, &err), 1);
     ASSERT_EQ(db_term(1), 0);  // unmapped again, table file stays
@@ -93,23 +89,21 @@ TEST_F(DbTableTest, ShowPrintsTheListsExactly) {
 }
 
 TEST_F(DbTableTest, UnusableTableFileFailsEveryStartUp) {
+    auto init = [&] {
+        int32_t err = 0;
+        return std::make_pair(db_init(&param, &err), err);
+    };
+    const auto refused = std::make_pair(-1, KESDB_ERR_MMAP);
     setenv("KESDB_DBTABLE", dir.file("missing/db.tbl").c_str(), 1);
-    int32_t err = 0;
-    EXPECT_EQ(db_init(&param, &err), -1);
-    EXPECT_EQ(err, KESDB_ERR_MMAP);
-    err = 0;
-    EXPECT_EQ(db_init(&param, &err), -1);  // the count is up, but there is still no table
-    EXPECT_EQ(err, KESDB_ERR_MMAP);
+    EXPECT_EQ(init(), refused);
+    EXPECT_EQ(init(), refused);  // the count is up, but there is still no table
     EXPECT_EQ(db_getDb(1), nullptr);
     EXPECT_EQ(db_term(1), 0);
     EXPECT_EQ(db_term(1), 0);
-
     // A truncated table file is refused rather than mapped.
     kt::writeFile(table, std::string(100, '\0'));
     setenv("KESDB_DBTABLE", table.c_str(), 1);
-    err = 0;
-    EXPECT_EQ(db_init(&param, &err), -1);
-    EXPECT_EQ(err, KESDB_ERR_MMAP);
+    EXPECT_EQ(init(), refused);
 }
 
 TEST(PathCompare, RelativePathsJoinPwdWithoutSeparator) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "kesdbm/kesdbm.h"
 #include "mediakit.hpp"
@@ -65,6 +66,55 @@ TEST(Driver, FaultDriverControls) {
     mk::checkOps(d, d.open(path.c_str(), 0, &err), path);
 }
 
+// Which calls a fault changed, and on which medium: a short fault counts only when it really
+// cuts the transfer, and the medium is the name the descriptor was opened with.
+TEST(Driver, FaultDriverReportsFiredFaults) {
+    kt::TempDir dir;
+    const std::string a = dir.file("a.bin"), b = dir.file("b.bin");
+    kt::writeFile(a, "0123456789");
+    kt::writeFile(b, "abcdefghij");
+    mk::FaultControl f;
+    mk::Ops d(f, "faultMedia_");
+    ASSERT_TRUE(d.ok() && f.ok());
+    // The count of fired faults, the last one's medium and the transfer it asked for.
+    using Fired = std::tuple<uint32_t, std::string, uint32_t, uint32_t>;
+    auto last = [&] {
+        uint32_t offset = 99, length = 99;
+        f.firedTransfer(&offset, &length);
+        return Fired(f.fired(), f.lastFiredMedium(), offset, length);
+    };
+    f.reset();
+    EXPECT_EQ(last(), Fired(0, "", 0, 0));
+    int32_t err = 0;
+    const int fa = d.open(a.c_str(), 0, &err);
+    const int fb = d.open(b.c_str(), 0, &err);
+    ASSERT_GE(fa, 0);
+    ASSERT_GE(fb, 0);
+    char buf[8] = {};
+    f.shortOp(KESDRV_FAULT_READ, 1, 4);
+    EXPECT_EQ(d.read(fb, buf, 4, 0, &err), 4);  // not longer than the armed count: not cut
+    EXPECT_EQ(f.fired(), 0u);
+    f.shortOp(KESDRV_FAULT_READ, 1, 2);
+    EXPECT_EQ(d.read(fb, buf, 4, 3, &err), 2);
+    EXPECT_EQ(last(), Fired(1, b, 3, 4));  // the length asked for, not what was moved
+    f.fail(KESDRV_FAULT_WRITE, 1, EIO);
+    EXPECT_EQ(d.write(fa, "x", 1, 7, &err), -1);
+    EXPECT_EQ(last(), Fired(2, a, 7, 1));
+    char cut[4] = {'?', '?', '?', '?'};
+    EXPECT_EQ(f.firedMedium(cut, sizeof cut), a.size());
+    EXPECT_EQ(std::string(cut), a.substr(0, 3));
+    f.fail(KESDRV_FAULT_SYNC, 1, EIO);
+    EXPECT_EQ(d.sync(fb, &err, 0), -1);
+    EXPECT_EQ(last(), Fired(3, b, 0, 0));
+    EXPECT_EQ(d.close(fa, &err), 0);
+    EXPECT_EQ(d.close(fb, &err), 0);
+    f.fail(KESDRV_FAULT_OPEN, 1, EMFILE);
+    EXPECT_EQ(d.open(a.c_str(), 0, &err), -1);
+    EXPECT_EQ(last(), Fired(4, a, 0, 0));
+    f.reset();
+    EXPECT_EQ(last(), Fired(0, "", 0, 0));
+}
+
 TEST(Driver, MediaSyncThroughDrivers) {
     kt::TempDir dir;
     const std::string path = dir.file("m.bin");
@@ -117,25 +167,21 @@ TEST(Driver, KeysPast2GiB) {
         return got == static_cast<ssize_t>(n) ? bytes : std::string("(unreadable)");
     };
     int32_t err = 0;
-    char back[6] = {};
-    // The built-in medium.
-    int fd = defMedia_open("", 0, &err);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(defMedia_write(fd, "abcdef", 6, kFar, &err), 6) << err;
-    EXPECT_EQ(defMedia_read(fd, back, 6, kFar, &err), 6) << err;
-    defMedia_close(fd, &err);
-    EXPECT_EQ(std::string(back, 6), "abcdef");
-    EXPECT_EQ(farBytes(6), "abcdef");
-    // The file driver.
     mk::Lib lib("libkesdrv_file.so");
-    mk::Ops d(lib, "fileMedia_");
-    ASSERT_TRUE(d.ok());
-    fd = d.open(path.c_str(), 0, &err);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(d.write(fd, "ghijkl", 6, kFar, &err), 6) << err;
-    EXPECT_EQ(d.read(fd, back, 6, kFar, &err), 6) << err;
-    d.close(fd, &err);
-    EXPECT_EQ(std::string(back, 6), "ghijkl");
+    const struct { const char* what; mk::Ops d; std::string text; } drivers[] = {
+        {"built-in medium", mk::Ops(media_table[0]), "abcdef"}, {"file driver", mk::Ops(lib, "fileMedia_"), "ghijkl"}};
+    for (const auto& [what, d, text] : drivers) {
+        SCOPED_TRACE(what);
+        ASSERT_TRUE(d.ok());
+        const int fd = d.open(path.c_str(), 0, &err);
+        ASSERT_GE(fd, 0);
+        char back[6] = {};
+        EXPECT_EQ(d.write(fd, text.data(), 6, kFar, &err), 6) << err;
+        EXPECT_EQ(d.read(fd, back, 6, kFar, &err), 6) << err;
+        d.close(fd, &err);
+        EXPECT_EQ(std::string(back, 6), text);
+        EXPECT_EQ(farBytes(6), text);
+    }
     // The path-based allocator's element at that key.
     Session s{};
     const FreeElement e{0x12345678u, 0x40};

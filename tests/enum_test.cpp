@@ -1,7 +1,7 @@
 // Enumeration constraints: records, data, and the membership test of every family member.
+// Transfer failures shared by all record kinds are in constraint_test.
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -9,29 +9,22 @@
 #include <limits>
 #include <vector>
 
-#include "testkit.hpp"
+#include "valcstrtkit.hpp"
 
 namespace {
+
+using EnumRecordOps = vk::DbTest;
+using EnumCheck = vk::DbTest;
+using EnumData = vk::DbTest;
 
 // Free elements in host order, as on the big-endian target.
 [[maybe_unused]] const int kHostOrderElements = setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
 
-using CheckFn = int32_t (*)(Session*, uint32_t, uint32_t, const void*, int32_t);
+using vk::CheckFn;
+using vk::mark;
+using vk::newEnum;
 
-void mark(Session& s) { session_setError(&s, 5, 0x1234); }
-
-template <class T>
-uint32_t newEnum(kt::Db& db, uint32_t type, const std::vector<T>& members) {
-    const uint32_t count = static_cast<uint32_t>(members.size());
-    const uint32_t arrayKey = constraint_newEnumArray(&db.s, sizeof(T), count);
-    EXPECT_NE(arrayKey, 0xFFFFFFFFu);
-    EnumRecord r{0, type * 256u, arrayKey, sizeof(T), count};
-    EXPECT_EQ(enum_new(&db.s, &r), &r);
-    if (count != 0) {
-        EXPECT_EQ(enum_setData(&db.s, r.key, sizeof(T), count, members.data()), 0);
-    }
-    return r.key;
-}
+constexpr uint32_t kPastEnd = 64 * 1024 - 8;
 
 template <class T>
 int32_t check(CheckFn fn, kt::Db& db, uint32_t key, uint32_t type, T v) {
@@ -58,9 +51,7 @@ void familyMember(kt::Db& db, CheckFn fn, uint32_t type, std::vector<T> members,
 
 }  // namespace
 
-TEST(EnumRecordOps, NewGetSetAndArrays) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
+TEST_F(EnumRecordOps, NewGetSetAndArrays) {
     const uint32_t arrayKey = constraint_newEnumArray(&db.s, 4, 3);
     EXPECT_EQ(arrayKey, 16u);
     EnumRecord r{0, Uint32 * 256u, arrayKey, 4, 3};
@@ -86,63 +77,18 @@ TEST(EnumRecordOps, NewGetSetAndArrays) {
     ASSERT_NE(copy, nullptr);
     EXPECT_EQ(std::memcmp(copy, m, 12), 0);
     std::free(copy);
-
-    EXPECT_EQ(enum_get(&db.s, 64 * 1024 - 8, &back), nullptr);
-    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_CSTRT_READ));
-    Session other = db.s;
-    other.dbId = 29;
-    EXPECT_EQ(enum_get(&other, r.key, &back), nullptr);
-    EXPECT_EQ(other.error, static_cast<uint32_t>(KESDB_ERR_DB_NOTFOUND));
-    EXPECT_EQ(enum_set(&other, &back), KESDB_ERR_DB_NOTFOUND);
-    EXPECT_EQ(enum_new(&other, &back), nullptr);
-    setenv("KESDB_DEFMEDIA", db.dir.file("missing.bin").c_str(), 1);
-    EXPECT_EQ(enum_set(&db.s, &back), KESDB_ERR_CSTRT_OPEN);
-    EXPECT_EQ(db.s.errorDetail, static_cast<uint32_t>(ENOENT));
-    EXPECT_EQ(enum_new(&db.s, &back), nullptr);
-    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_CSTRT_OPEN));
-    EXPECT_EQ(constraint_getEnumArray(&db.s, arrayKey, 4, 3), nullptr);
-    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_CSTRT_OPEN));
-    EXPECT_EQ(constraint_setEnumArray(&db.s, arrayKey, 4, 3, m), KESDB_ERR_CSTRT_OPEN);
 }
 
-TEST(EnumRecordOps, NoFreeBlockFailsWithoutWritingAtKeyZero) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
-    ASSERT_EQ(flst_m_setFirstOffset(&db.s, 0, 0), 0);
-    const std::vector<uint8_t> header = kt::readBytes(db.mediumPath, 0, 64);
-    EnumRecord r{0, Sint32 * 256u, 100, 4, 1};
-    mark(db.s);
-    EXPECT_EQ(enum_new(&db.s, &r), nullptr);
-    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_CSTRT_ALLOC));
-    EXPECT_EQ(db.s.errorDetail, 0u);
-    EXPECT_EQ(constraint_newEnumArray(&db.s, 4, 3), 0xFFFFFFFFu);
-    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_CSTRT_ALLOC));
-    EXPECT_EQ(kt::readBytes(db.mediumPath, 0, 64), header);
-}
-
-TEST(EnumCheck, Sint32WithDuplicatesAndEmpty) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
-    familyMember<int32_t>(db, checkEnumS32, Sint32, {3, 7, 7, -1}, 0);
-    const uint32_t empty = newEnum<int32_t>(db, Sint32, {});
-    for (int32_t v : {0, 3, -1}) {
-        EXPECT_EQ(check<int32_t>(checkEnumS32, db, empty, Sint32, v), KESDB_ERR_CSTRT_NOTMEMBER);
-    }
-}
-
-TEST(EnumCheck, OrderTypeThenRecordThenLength) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
+TEST_F(EnumCheck, OrderTypeThenRecordThenLength) {
     const uint32_t key = newEnum<uint16_t>(db, Uint16, {1, 2});
     uint32_t four = 1;
     mark(db.s);
     EXPECT_EQ(checkEnumU16(&db.s, key, Uint16, &four, 4), KESDB_ERR_CSTRT_LENGTH);
     EXPECT_EQ(db.s.errorDetail, 0u);
     // The type is tested first, before any read.
-    const uint32_t bad = 64 * 1024 - 8;
-    EXPECT_EQ(checkEnumU16(&db.s, bad, Sint16, &four, 2), KESDB_ERR_CSTRT_TYPE);
+    EXPECT_EQ(checkEnumU16(&db.s, kPastEnd, Sint16, &four, 2), KESDB_ERR_CSTRT_TYPE);
     // Then the record is read: an unreadable one gives its code even with a wrong length.
-    EXPECT_EQ(checkEnumU16(&db.s, bad, Uint16, &four, 4), KESDB_ERR_CSTRT_READ);
+    EXPECT_EQ(checkEnumU16(&db.s, kPastEnd, Uint16, &four, 4), KESDB_ERR_CSTRT_READ);
     // An unreadable array gives the array's code.
     EnumRecord r{0, Uint16 * 256u, 64 * 1024 - 2, 2, 4};
     ASSERT_NE(enum_new(&db.s, &r), nullptr);
@@ -150,26 +96,23 @@ TEST(EnumCheck, OrderTypeThenRecordThenLength) {
     EXPECT_EQ(checkEnumU16(&db.s, r.key, Uint16, &v, 2), KESDB_ERR_CSTRT_READ);
 }
 
-TEST(EnumCheck, FloatingPointUsesIeeeEquality) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
+// Floating-point members compare by IEEE equality: -0 is 0, a NaN matches nothing, not even
+// the same NaN bits.
+TEST_F(EnumCheck, FloatingPointUsesIeeeEquality) {
     const uint32_t key = newEnum<double>(db, Float64, {0.0, 1.5});
-    EXPECT_EQ(check<double>(checkEnumF64, db, key, Float64, -0.0), 0);
-    EXPECT_EQ(check<double>(checkEnumF64, db, key, Float64, 1.5), 0);
-    EXPECT_EQ(check<double>(checkEnumF64, db, key, Float64, std::nan("")), KESDB_ERR_CSTRT_NOTMEMBER);
-    EXPECT_EQ(check<double>(checkEnumF64, db, key, Float64, 1.5000000001), KESDB_ERR_CSTRT_NOTMEMBER);
-    // A NaN member matches nothing, not even the same NaN bits.
+    const std::pair<double, int32_t> doubles[] = {
+        {-0.0, 0}, {1.5, 0}, {std::nan(""), KESDB_ERR_CSTRT_NOTMEMBER}, {1.5000000001, KESDB_ERR_CSTRT_NOTMEMBER}};
+    for (const auto& [v, code] : doubles) EXPECT_EQ(check<double>(checkEnumF64, db, key, Float64, v), code) << v;
     const uint32_t nanKey = newEnum<float>(db, Float32, {std::nanf(""), -0.0f});
     EXPECT_EQ(check<float>(checkEnumF32, db, nanKey, Float32, std::nanf("")), KESDB_ERR_CSTRT_NOTMEMBER);
     EXPECT_EQ(check<float>(checkEnumF32, db, nanKey, Float32, 0.0f), 0);
 }
 
-TEST(EnumCheck, EveryFamilyMember) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
+TEST_F(EnumCheck, EveryFamilyMember) {
     familyMember<int8_t>(db, checkEnumS8, Sint8, {-128, 5, 127}, -127);
     familyMember<int16_t>(db, checkEnumS16, Sint16, {-32768, 300}, 301);
     familyMember<int32_t>(db, checkEnumS32, Sint32, {std::numeric_limits<int32_t>::min(), 1}, 2);
+    familyMember<int32_t>(db, checkEnumS32, Sint32, {3, 7, 7, -1}, 0);  // duplicates
     // 64-bit members compare both words: values differing in one word only are not equal.
     familyMember<int64_t>(db, checkEnumS64, Sint64, {int64_t{1} << 32, -1}, 0);
     familyMember<int64_t>(db, checkEnumS64, Sint64, {int64_t{1} << 32}, (int64_t{1} << 32) + 1);
@@ -180,12 +123,13 @@ TEST(EnumCheck, EveryFamilyMember) {
     familyMember<uint64_t>(db, checkEnumU64, Uint64, {uint64_t{5} << 32}, 5);
     familyMember<float>(db, checkEnumF32, Float32, {1.25f, -3.5f}, 1.2500001f);
     familyMember<double>(db, checkEnumF64, Float64, {1e300, -2.0}, 2.0);
+    const uint32_t empty = newEnum<int32_t>(db, Sint32, {});
+    for (int32_t v : {0, 3, -1})
+        EXPECT_EQ(check<int32_t>(checkEnumS32, db, empty, Sint32, v), KESDB_ERR_CSTRT_NOTMEMBER);
 }
 
 // An element size other than the type's width is refused (65) before the array is read.
-TEST(EnumCheck, ElementSizeNotTheTypesWidthIsRefused) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
+TEST_F(EnumCheck, ElementSizeNotTheTypesWidthIsRefused) {
     const uint32_t arrayKey = constraint_newEnumArray(&db.s, 2, 3);
     ASSERT_NE(arrayKey, 0xFFFFFFFFu);
     EnumRecord narrow{0, Sint32 * 256u, arrayKey, 2, 3};
@@ -203,17 +147,15 @@ TEST(EnumCheck, ElementSizeNotTheTypesWidthIsRefused) {
     EXPECT_EQ(checkEnumU8(&db.s, wide.key, Uint8, &v8, 8), KESDB_ERR_CSTRT_LENGTH);
 }
 
-TEST(EnumData, SetDataOverwritesInPlace) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
+TEST_F(EnumData, SetDataOverwritesInPlace) {
     const uint32_t key = newEnum<int32_t>(db, Sint32, {1, 2, 3});
     EnumRecord r{};
     ASSERT_NE(enum_get(&db.s, key, &r), nullptr);
     const int32_t two[2] = {8, 9};
     EXPECT_EQ(enum_setData(&db.s, key, 4, 2, two), 0);
     const int32_t now[3] = {8, 9, 3};
-    EXPECT_EQ(kt::readBytes(db.mediumPath, r.arrayKey, 12), std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(now),
-                                                                       reinterpret_cast<const uint8_t*>(now) + 12));
+    EXPECT_EQ(kt::readBytes(db.mediumPath, r.arrayKey, 12),
+              std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(now), reinterpret_cast<const uint8_t*>(now) + 12));
     EnumRecord after{};
     ASSERT_NE(enum_get(&db.s, key, &after), nullptr);
     EXPECT_EQ(after.count, 3u);
@@ -231,14 +173,12 @@ TEST(EnumData, SetDataOverwritesInPlace) {
     EXPECT_EQ(enum_setData(&db.s, key, 4, 0x40000001u, four), KESDB_ERR_CSTRT_LENGTH);
     EXPECT_EQ(kt::readBytes(db.mediumPath, r.arrayKey, 64), before);
     // An unreadable record: 0, the read's code stays in the session.
-    EXPECT_EQ(enum_setData(&db.s, 64 * 1024 - 8, 4, 1, four), 0);
+    EXPECT_EQ(enum_setData(&db.s, kPastEnd, 4, 1, four), 0);
     EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_CSTRT_READ));
 }
 
 // A corrupt count far beyond the medium makes no absurd allocation and no overflow: 61.
-TEST(EnumCheck, HugeCountIsBounded) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
+TEST_F(EnumCheck, HugeCountIsBounded) {
     const uint32_t arrayKey = constraint_newEnumArray(&db.s, 4, 1);
     EnumRecord r{0, Uint32 * 256u, arrayKey, 4, 0x40000000u};  // 4 GiB: past 32 bits
     ASSERT_NE(enum_new(&db.s, &r), nullptr);
@@ -263,7 +203,7 @@ TEST(EnumCheck, HugeCountIsBounded) {
     }
 }
 
-TEST(EnumCheck, LargeArrayInsideTheMediumIsRead) {
+TEST(EnumLargeArray, InsideTheMediumIsRead) {
     kt::DbOptions o;
     o.mediumSize = 256 * 1024;
     kt::Db db(o);

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -25,6 +26,7 @@ struct Sample {
         return reinterpret_cast<F>(dlsym(handle, name));
     }
     int calls(int slot) const { return fn<int (*)(int)>("test_calls")(slot); }
+    std::array<int, 4> calls() const { return {calls(0), calls(1), calls(2), calls(3)}; }  // PreSet..PostGet
     uint32_t lastKey(int slot) const { return fn<uint32_t (*)(int)>("test_lastKey")(slot); }
     int32_t lastLength(int slot) const { return fn<int32_t (*)(int)>("test_lastLength")(slot); }
     uint32_t lastWord(int slot) const { return fn<uint32_t (*)(int)>("test_lastWord")(slot); }
@@ -34,6 +36,7 @@ struct Sample {
     }
 };
 enum { PreSet = 0, PostSet = 1, PreGet = 2, PostGet = 3 };
+using Calls = std::array<int, 4>;
 
 // One hook_init on a file of the given text, then hook_term; gives the result and the count.
 struct Load {
@@ -82,6 +85,9 @@ TEST(HookTable, ResultIsTheStatusOfTheLastLineHandled) {
         {"tab-separated tokens", sampleLib() + "\tNULL\tNULL\tNULL\tNULL\n", 0, 1},
         {"indented comments between hooks", good + " \t# indented\n" + good, 0, 2},
         {"indented comment last", good + "\t  # indented\n", -1, 1},
+        // A line longer than the 4095 characters of one read goes on as a line of its own:
+        // the rest of the comment is taken for a library name.
+        {"overlong comment line", line("NULL", "NULL", "NULL", "NULL") + "#" + std::string(5000, 'x') + "\n", 32, 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -141,26 +147,15 @@ TEST(HookTable, FailingLinesAreRebuiltInTheSameEntry) {
 }
 
 TEST(HookTable, UnopenableFileAndLaterCalls) {
-    std::string out = kt::captureStdout([] { EXPECT_EQ(hook_init("/nonexistent/hooks.conf"), 30); });
-    EXPECT_EQ(out, "hook_init err3\n");
+    EXPECT_EQ(kt::captureStdout([] { EXPECT_EQ(hook_init("/nonexistent/hooks.conf"), 30); }), "hook_init err3\n");
     EXPECT_EQ(hook_getCount(), 0);
     // The failed call stays counted: a later call returns 0 without reading anything.
-    out = kt::captureStdout([] { EXPECT_EQ(hook_init("/nonexistent/hooks.conf"), 0); });
-    EXPECT_EQ(out, "");
+    EXPECT_EQ(kt::captureStdout([] { EXPECT_EQ(hook_init("/nonexistent/hooks.conf"), 0); }), "");
     EXPECT_EQ(hook_init(nullptr), 0);
 }
 
 TEST(HookTable, NullPathIsAnUnopenableFile) {
     EXPECT_EQ(kt::captureStdout([] { EXPECT_EQ(hook_init(nullptr), 30); }), "hook_init err3\n");
-}
-
-// A line longer than the 4095 characters of one read is handled as several lines.
-TEST(HookTable, OverlongLineContinuesAsALineOfItsOwn) {
-    kt::TempDir dir;
-    const std::string good = line("NULL", "NULL", "NULL", "NULL");
-    const Load l = load(dir, good + "#" + std::string(5000, 'x') + "\n");
-    EXPECT_EQ(l.result, 32);  // the rest of the comment is taken for a library name
-    EXPECT_EQ(l.count, 1);
 }
 
 // When the file cannot be rewound (a pipe), nothing is counted and the table has no entry:
@@ -194,17 +189,9 @@ TEST(HookTable, UnrewindableFileStoresNoLine) {
     hook_term();
 }
 
-enum HookIndex {
-    Recording = 1,
-    RefusePre = 2,
-    RefusePost = 3,
-    Shorten = 4,
-    AllNull = 5,
-    Policy = 6,
-    RefusePreRecordPost = 7,
-    RecordPostOnly = 8,
-    CountRecording = 9,
-};
+// The hook lines of the HookCalls database, by index.
+enum HookIndex { Recording = 1, RefusePre, RefusePost, Shorten, AllNull, Policy, RefusePreRecordPost, RecordPostOnly,
+                 CountRecording };
 
 struct HookCalls : ::testing::Test {
     // Medium 1: a named file that a test can take away to make data reads fail.
@@ -235,6 +222,8 @@ struct HookCalls : ::testing::Test {
     uint32_t value(uint32_t v) { return vk::make<uint32_t>(s, Uint32, v); }
     uint32_t leafOf(uint32_t current, uint32_t hook, uint32_t def = 0) { return vk::makeLeaf(s, current, def, 0, hook); }
     uint32_t readU32(uint32_t key) { return vk::readU32(s, key); }
+    using Err = std::pair<uint32_t, uint32_t>;
+    Err error() const { return {db.s.error, db.s.errorDetail}; }
 };
 
 TEST_F(HookCalls, ReadAndWriteSequencesSeeKeyDataAndLength) {
@@ -242,18 +231,15 @@ TEST_F(HookCalls, ReadAndWriteSequencesSeeKeyDataAndLength) {
     const uint32_t leaf = leafOf(cur, Recording, def);
     ASSERT_NE(leaf, 0u);
     ASSERT_EQ(kesDBMSetUint32(s, leaf, 42), 0);
-    EXPECT_EQ(sample.calls(PreSet), 1);
-    EXPECT_EQ(sample.calls(PostSet), 1);
+    EXPECT_EQ(sample.calls(), (Calls{1, 1, 0, 0}));
     EXPECT_EQ(sample.lastKey(PreSet), cur);
     EXPECT_EQ(sample.lastLength(PreSet), 4);
     EXPECT_EQ(sample.lastWord(PostSet), 42u);
-    EXPECT_EQ(sample.calls(PreGet), 0);
 
     uint32_t out = 0;
     ASSERT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
     EXPECT_EQ(out, 42u);
-    EXPECT_EQ(sample.calls(PreGet), 1);
-    EXPECT_EQ(sample.calls(PostGet), 1);
+    EXPECT_EQ(sample.calls(), (Calls{1, 1, 1, 1}));
     EXPECT_EQ(sample.lastWord(PostGet), 42u);  // postGet sees the filled buffer
     EXPECT_EQ(sample.lastLength(PostGet), 4);
 
@@ -277,38 +263,31 @@ TEST_F(HookCalls, ReadAndWriteSequencesSeeKeyDataAndLength) {
     EXPECT_EQ(sample.calls(PreGet), 1);
 }
 
-TEST_F(HookCalls, RefusingPreHooksStopTheCall) {
-    const uint32_t cur = value(7);
-    const uint32_t leaf = leafOf(cur, RefusePre);
-    ASSERT_NE(leaf, 0u);
-    EXPECT_EQ(kesDBMSetUint32(s, leaf, 99), 9);
-    EXPECT_EQ(db.s.error, 9u);
-    EXPECT_EQ(db.s.errorDetail, 5u);
-    EXPECT_EQ(readU32(cur), 7u);  // nothing written
-
-    uint32_t out = 0x12345678u;
-    EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), 7);
-    EXPECT_EQ(db.s.error, 7u);
-    EXPECT_EQ(db.s.errorDetail, 5u);
-    EXPECT_EQ(out, 0x12345678u);  // the buffer is untouched
-    uint8_t buf[4] = {};
-    EXPECT_EQ(kesDBMGetCreateListGeneric(s, leaf, buf, 4), 7);
-}
-
-TEST_F(HookCalls, RefusingPostHooksComeAfterTheAccess) {
-    const uint32_t cur = value(7);
-    const uint32_t leaf = leafOf(cur, RefusePost);
-    ASSERT_NE(leaf, 0u);
-    EXPECT_EQ(kesDBMSetUint32(s, leaf, 99), 10);
-    EXPECT_EQ(db.s.error, 10u);
-    EXPECT_EQ(db.s.errorDetail, 5u);
-    EXPECT_EQ(readU32(cur), 99u);  // already written
-
-    uint32_t out = 0;
-    EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), 8);
-    EXPECT_EQ(db.s.error, 8u);
-    EXPECT_EQ(db.s.errorDetail, 5u);
-    EXPECT_EQ(out, 99u);  // already filled
+// A refusing pre-hook stops the call before the access (9 for a write, 7 for a read, detail the
+// hook's result); a refusing post-hook comes after it (10 and 8).
+TEST_F(HookCalls, RefusingHooks) {
+    struct Case {
+        HookIndex hook;
+        int32_t set, get;
+        bool accessed;
+    };
+    for (const Case c : {Case{RefusePre, 9, 7, false}, Case{RefusePost, 10, 8, true}}) {
+        SCOPED_TRACE(c.hook);
+        const uint32_t cur = value(7);
+        const uint32_t leaf = leafOf(cur, c.hook);
+        ASSERT_NE(leaf, 0u);
+        EXPECT_EQ(kesDBMSetUint32(s, leaf, 99), c.set);
+        EXPECT_EQ(error(), Err(c.set, 5));
+        EXPECT_EQ(readU32(cur), c.accessed ? 99u : 7u);
+        uint32_t out = 0x12345678u;
+        EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), c.get);
+        EXPECT_EQ(error(), Err(c.get, 5));
+        EXPECT_EQ(out, c.accessed ? 99u : 0x12345678u);
+        uint8_t buf[4] = {};
+        if (c.hook == RefusePre) {
+            EXPECT_EQ(kesDBMGetCreateListGeneric(s, leaf, buf, 4), 7);
+        }
+    }
 }
 
 TEST_F(HookCalls, PreSetMayShortenTheWrittenLength) {
@@ -320,31 +299,24 @@ TEST_F(HookCalls, PreSetMayShortenTheWrittenLength) {
     EXPECT_EQ(value_getLength(s, cur), 4);
 }
 
+// No hook, a line of NULLs, and an index beyond the table (which records 28 and still runs the
+// access) call nothing.
 TEST_F(HookCalls, NoHookNullHooksAndInvalidIndexes) {
     const uint32_t cur = value(1);
-    for (uint32_t index : {0u, static_cast<uint32_t>(AllNull)}) {
+    for (const auto& [index, recorded] : {std::pair<uint32_t, uint32_t>{0, 0}, {AllNull, 0}, {10, 28}}) {
         SCOPED_TRACE(index);
         const uint32_t leaf = leafOf(cur, index);
         session_setError(s, 0, 0);
         ASSERT_EQ(kesDBMSetUint32(s, leaf, 5 + index), 0);
+        EXPECT_EQ(error(), Err(recorded, 0));
+        EXPECT_EQ(readU32(cur), 5 + index);
+        session_setError(s, 0, 0);
         uint32_t out = 0;
         ASSERT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
         EXPECT_EQ(out, 5 + index);
-        EXPECT_EQ(db.s.error, 0u);
+        EXPECT_EQ(error(), Err(recorded, 0));
     }
-    // An index beyond the table: the access runs without hooks and 28 stays recorded.
-    const uint32_t leaf = leafOf(cur, 10);
-    session_setError(s, 0, 0);
-    EXPECT_EQ(kesDBMSetUint32(s, leaf, 77), 0);
-    EXPECT_EQ(db.s.error, 28u);
-    EXPECT_EQ(db.s.errorDetail, 0u);
-    EXPECT_EQ(readU32(cur), 77u);
-    session_setError(s, 0, 0);
-    uint32_t out = 0;
-    EXPECT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
-    EXPECT_EQ(out, 77u);
-    EXPECT_EQ(db.s.error, 28u);
-    EXPECT_EQ(sample.calls(PreSet) + sample.calls(PostSet) + sample.calls(PreGet) + sample.calls(PostGet), 0);
+    EXPECT_EQ(sample.calls(), (Calls{0, 0, 0, 0}));
 }
 
 TEST_F(HookCalls, FailedWriteSkipsPostSet) {
@@ -352,8 +324,7 @@ TEST_F(HookCalls, FailedWriteSkipsPostSet) {
     ASSERT_EQ(value_setConstraintKey(s, cur, vk::newRange(s, rangeU32_new, Uint32, 0u, 100u)), 0);
     const uint32_t leaf = leafOf(cur, Recording);
     EXPECT_EQ(kesDBMSetUint32(s, leaf, 101), 67);
-    EXPECT_EQ(sample.calls(PreSet), 1);
-    EXPECT_EQ(sample.calls(PostSet), 0);
+    EXPECT_EQ(sample.calls(), (Calls{1, 0, 0, 0}));
     EXPECT_EQ(readU32(cur), 50u);
 
     // A failed data access (the data medium cannot be opened) skips postGet and postSet.
@@ -364,11 +335,8 @@ TEST_F(HookCalls, FailedWriteSkipsPostSet) {
     sample.reset();
     uint32_t out = 0;
     EXPECT_EQ(kesDBMGetUint32(s, farLeaf, &out), 22);
-    EXPECT_EQ(sample.calls(PreGet), 1);
-    EXPECT_EQ(sample.calls(PostGet), 0);
     EXPECT_EQ(kesDBMSetUint32(s, farLeaf, 6), 22);
-    EXPECT_EQ(sample.calls(PreSet), 1);
-    EXPECT_EQ(sample.calls(PostSet), 0);
+    EXPECT_EQ(sample.calls(), (Calls{1, 0, 1, 0}));
 }
 
 TEST_F(HookCalls, SamplePolicyAndLogging) {
@@ -393,9 +361,7 @@ TEST_F(HookCalls, CopyRunsSourceReadHooksAndDestinationWriteHooks) {
     const uint32_t src = leafOf(srcv, Recording);
     const uint32_t dst = leafOf(dstv, RefusePreRecordPost);
     EXPECT_EQ(kesDBMCopy(s, src, dst), 9);
-    EXPECT_EQ(sample.calls(PreGet), 1);
-    EXPECT_EQ(sample.calls(PostGet), 1);
-    EXPECT_EQ(sample.calls(PostSet), 0);
+    EXPECT_EQ(sample.calls(), (Calls{0, 0, 1, 1}));
     EXPECT_EQ(readU32(dstv), 0u);
     const uint32_t dst2 = leafOf(dstv, RecordPostOnly);
     EXPECT_EQ(kesDBMCopy(s, src, dst2), 0);

@@ -114,36 +114,27 @@ TEST(Osw, PrivateMutexExcludesThreadsAndCountSemaphoreCounts) {
 }
 
 // Keyed mutexes come in two kinds, chosen when a set is laid down and recorded in the first
-// word of its file: the robust kind where the kernel keeps a robust list for the process
-// (natively), the tracked kind where it does not (under a user-mode emulator) or when
-// KESOSW_MUTEX=tracked asks for it. Each case runs with either kind asked for.
-bool kernelKeepsRobustList() {
-    void* head = nullptr;
-    size_t length = 0;
-    return syscall(SYS_get_robust_list, 0, &head, &length) == 0 && head != nullptr;
-}
-
-// Asks for one kind while it lives.
-class KindAsked {
-public:
-    explicit KindAsked(const char* kind) : kind_(kind) { setenv("KESOSW_MUTEX", kind, 1); }
-    ~KindAsked() { unsetenv("KESOSW_MUTEX"); }
-    KindAsked(const KindAsked&) = delete;
-    KindAsked& operator=(const KindAsked&) = delete;
-    // The first word of a set file: "KSM1" for the robust kind, "KSM2" for the tracked kind.
-    uint32_t expectedMagic() const {
-        const bool tracked = std::string(kind_) == "tracked" || !kernelKeepsRobustList();
-        return tracked ? 0x4B534D32u : 0x4B534D31u;
+// word of its file: the robust kind ("KSM1") where the kernel keeps a robust list for the
+// process (natively), the tracked kind ("KSM2") where it does not (under a user-mode emulator)
+// or when KESOSW_MUTEX=tracked asks for it. Each case runs with either kind asked for.
+class KeyedMutex : public ::testing::TestWithParam<const char*> {
+protected:
+    void SetUp() override { setenv("KESOSW_MUTEX", GetParam(), 1); }
+    void TearDown() override { unsetenv("KESOSW_MUTEX"); }
+    void expectKind() const {
+        void* head = nullptr;
+        size_t length = 0;
+        const bool robustList = syscall(SYS_get_robust_list, 0, &head, &length) == 0 && head != nullptr;
+        const bool tracked = std::string(GetParam()) == "tracked" || !robustList;
+        EXPECT_EQ(kt::readWord(key + ".sem", 0), tracked ? 0x4B534D32u : 0x4B534D31u);
     }
-
-private:
-    const char* kind_;
-};
-
-void excludesAcrossProcesses(const char* kind) {
-    const KindAsked asked(kind);
     kt::TempDir dir;
     const std::string key = dir.file("table");
+};
+INSTANTIATE_TEST_SUITE_P(Kinds, KeyedMutex, ::testing::Values("robust", "tracked"),
+                         [](const auto& kind) { return std::string(kind.param); });
+
+TEST_P(KeyedMutex, ExcludesAcrossProcesses) {
     ok::SharedPage page(dir.file("counter"));
     ASSERT_NE(page.words, nullptr);
     // Each child binds the key itself, at the same moment: they lay the set down together.
@@ -165,16 +156,10 @@ void excludesAcrossProcesses(const char* kind) {
     for (int i = 0; i < 3; ++i) EXPECT_EQ(kesOSWWaitCountSem(count, 2000), 0) << i;
     EXPECT_EQ(kesOSWWaitCountSem(count, 50), KESOSW_ERR_SYSTEM);
     EXPECT_EQ(errno, ETIMEDOUT);
-    struct stat st {};
-    ASSERT_EQ(stat((key + ".sem").c_str(), &st), 0);
-    EXPECT_GT(st.st_size, 0);
-    EXPECT_EQ(kt::readWord(key + ".sem", 0), asked.expectedMagic());
+    expectKind();
 }
 
-void killedHolderIsTakenOver(const char* kind) {
-    const KindAsked asked(kind);
-    kt::TempDir dir;
-    const std::string key = dir.file("table");
+TEST_P(KeyedMutex, KilledHolderIsTakenOver) {
     ok::SharedPage flag(dir.file("flag"));
     ASSERT_NE(flag.words, nullptr);
     pid_t holder = kt::forkChild([&] {
@@ -187,8 +172,7 @@ void killedHolderIsTakenOver(const char* kind) {
     ASSERT_EQ(flag.words[0], 1u);
     const uint32_t mutex = keyed(key);
     ASSERT_NE(mutex, 0u);
-    // While the holder lives, the mutex is really taken.
-    EXPECT_EQ(kesOSWRequestMutexSem(mutex, 100), KESOSW_ERR_SYSTEM);
+    EXPECT_EQ(kesOSWRequestMutexSem(mutex, 100), KESOSW_ERR_SYSTEM);  // really taken
     EXPECT_EQ(errno, ETIMEDOUT);
 
     kill(holder, SIGKILL);
@@ -205,16 +189,13 @@ void killedHolderIsTakenOver(const char* kind) {
               0);
     EXPECT_EQ(kesOSWRequestMutexSem(mutex, 3000), 0);
     EXPECT_EQ(kesOSWReleaseMutexSem(mutex), 0);
-    EXPECT_EQ(kt::readWord(key + ".sem", 0), asked.expectedMagic());
+    expectKind();
 }
 
-void ownerChecksAndEndedHolderThread(const char* kind) {
-    const KindAsked asked(kind);
-    kt::TempDir dir;
-    const std::string key = dir.file("table");
+TEST_P(KeyedMutex, OwnerChecksAndEndedHolderThread) {
     const uint32_t mutex = keyed(key);
     ASSERT_NE(mutex, 0u);
-    EXPECT_EQ(kt::readWord(key + ".sem", 0), asked.expectedMagic());
+    expectKind();
     // Error checking as for a private mutex: no second request by the owner, no release by
     // another thread or process, no release of a free mutex.
     ASSERT_EQ(kesOSWRequestMutexSem(mutex, kForever), 0);
@@ -244,17 +225,10 @@ void ownerChecksAndEndedHolderThread(const char* kind) {
     // A thread that ends while holding it does not block the others.
     std::thread([&] { EXPECT_EQ(kesOSWRequestMutexSem(mutex, kForever), 0); }).join();
     const double start = ok::nowMs();
-    EXPECT_EQ(kesOSWRequestMutexSem(mutex, 3000), 0);
-    EXPECT_LT(ok::nowMs() - start, 1000.0);
+    EXPECT_EQ(kesOSWRequestMutexSem(mutex, 3000 * kt::timeScale()), 0);
+    EXPECT_LT(ok::nowMs() - start, 1000.0 * kt::timeScale());
     EXPECT_EQ(kesOSWReleaseMutexSem(mutex), 0);
 }
-
-TEST(KeyedMutex, RobustExcludesAcrossProcesses) { excludesAcrossProcesses("robust"); }
-TEST(KeyedMutex, TrackedExcludesAcrossProcesses) { excludesAcrossProcesses("tracked"); }
-TEST(KeyedMutex, RobustKilledHolderIsTakenOver) { killedHolderIsTakenOver("robust"); }
-TEST(KeyedMutex, TrackedKilledHolderIsTakenOver) { killedHolderIsTakenOver("tracked"); }
-TEST(KeyedMutex, RobustOwnerChecksAndEndedHolderThread) { ownerChecksAndEndedHolderThread("robust"); }
-TEST(KeyedMutex, TrackedOwnerChecksAndEndedHolderThread) { ownerChecksAndEndedHolderThread("tracked"); }
 
 TEST(Osw, KeyedSetsAreMappedOncePerProcessAndKeyedByFile) {
     kt::TempDir dir;

@@ -18,43 +18,15 @@
 
 namespace {
 
-constexpr uint32_t kExclusiveWait = 0x0000;
 constexpr uint32_t kExclusiveTry = 0x0001;
 constexpr uint32_t kSharedTry = 0x0101;
 constexpr int kKilled = 128 + SIGKILL;
 
-struct Outcome {
-    int code;
-    std::string out, err;
-};
+using kt::Outcome;
 
 // Runs the tool in `dir` with `args`; its exit status and both outputs.
 Outcome kesdb(const kt::TempDir& dir, const std::vector<std::string>& args) {
-    const std::string outFile = dir.file(".out"), errFile = dir.file(".err");
-    fflush(stdout);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        int o = open(outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int e = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (chdir(dir.path().c_str()) != 0 || o < 0 || e < 0) _exit(126);
-        dup2(o, 1);
-        dup2(e, 2);
-        // Through the emulator when the tests run under one.
-        std::vector<std::string> command = kt::programCommand("kesdb");
-        command.insert(command.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (auto& a : command) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), kt::readFile(outFile),
-              kt::readFile(errFile)};
-    unlink(outFile.c_str());
-    unlink(errFile.c_str());
-    return r;
+    return kt::finishProgram(dir, kt::spawnProgram(dir, "kesdb", args));
 }
 
 // What a child reports once it holds what it was asked to take.
@@ -244,15 +216,8 @@ TEST_F(Orphans, WaiterOnAnAbandonedLockGoesOnAfterTheClear) {
     ASSERT_TRUE(reports.receive(h, 5000));
     ASSERT_EQ(kill(killed, SIGKILL), 0);
     ASSERT_EQ(children.wait(killed), kKilled);
-    const pid_t waiter = children.start([&] {
-        Session own{};
-        if (kesDBMInitSession(&own, static_cast<uint32_t>(db.id)) != 0) return 1;
-        started.send('w');
-        const int32_t rc = kesDBMLock(&own, kKey, kExclusiveWait);
-        done.send(pk::nowNs());
-        if (rc != 0) return 2;
-        return kesDBMUnlock(&own, kKey) == 0 && kesDBMTermSession(&own) == 0 ? 0 : 3;
-    });
+    const pid_t waiter =
+        children.start([&] { return pk::lockWhenFree(static_cast<uint32_t>(db.id), kKey, started, done); });
     char c = 0;
     ASSERT_TRUE(started.receive(c, 5000));
     // The lock of the killed process stays in force; listing it does not release it.
@@ -270,7 +235,7 @@ TEST_F(Orphans, WaiterOnAnAbandonedLockGoesOnAfterTheClear) {
     int64_t gotAt = 0;
     ASSERT_TRUE(done.receive(gotAt, 5000)) << "the waiter is still blocked after the clear";
     EXPECT_EQ(children.wait(waiter), 0);
-    EXPECT_LT(gotAt - clearAt, 1000000000);
+    EXPECT_LT(gotAt - clearAt, kt::timeScale() * int64_t{1000000000});
     EXPECT_EQ(locksOf(db), (std::vector<std::pair<uint32_t, uint32_t>>{}));
     EXPECT_EQ(sessionsOf(db), std::vector<uint32_t>{db.s.id});
     std::printf("[recovery] lock of a killed process: its waiter got the lock %.3f ms after \"kesdb orphans "

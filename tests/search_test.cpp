@@ -81,8 +81,7 @@ TEST_F(Search, PathsThatReachOrEndTheSearch) {
         session_setError(s, 0, 0);
         EXPECT_EQ(e.search(e.*c.from, c.path), std::make_pair(c.found ? e.*c.found : 0u, c.printed));
         if (c.found) continue;  // a search that finds may keep the code of a sibling it passed
-        EXPECT_EQ(tk::err(s), c.error);
-        EXPECT_EQ(s->errorDetail, e.*c.detail);
+        EXPECT_EQ(mk::errorOf(*s), mk::Pair(c.error, e.*c.detail));
     }
     // A session that already holds 5 has the same effect as a 5 recorded during this search.
     session_setError(s, KESDB_ERR_COMP_ENDSEARCH, 77);

@@ -14,10 +14,7 @@ TEST(Sessions, IdsAreHandedOutInOrderAndReleasedOnesLast) {
     kt::Db db;
     ASSERT_EQ(db.id, 1);
     ASSERT_TRUE(db.sessionOpen);
-    EXPECT_EQ(db.s.id, 1u);
-    EXPECT_EQ(db.s.dbId, 1u);
-    EXPECT_EQ(db.s.error, 0u);
-    EXPECT_EQ(db.s.errorDetail, 0u);
+    EXPECT_TRUE(db.s.id == 1 && db.s.dbId == 1 && db.s.error == 0 && db.s.errorDetail == 0);
     EXPECT_EQ(db.s.current, kesDBMGetRoot(&db.s));
 
     Session second{}, third{};
@@ -55,10 +52,7 @@ TEST(Sessions, ShowPrintsBothListsExactly) {
     ASSERT_EQ(session_init(db.param.sessionTablePath), 0);
     std::string expected = "\nfree  head ->";
     char word[16];
-    for (int i = 1; i <= 1023; ++i) {
-        snprintf(word, sizeof word, " %x", i);
-        expected += word;
-    }
+    for (int i = 1; i <= 1023; ++i) expected += std::string(word, snprintf(word, sizeof word, " %x", i));
     expected += "\nsession  head ->\n";
     EXPECT_EQ(kt::captureStdout([] { session_show(3); }), expected);
     EXPECT_EQ(kt::captureStdout([] { session_show(0); }), "\n");
@@ -96,17 +90,20 @@ TEST(Sessions, SessionsOfSeveralProcessesShareOneTable) {
 struct StartUp : ::testing::Test {
     kt::DbOptions options;
     StartUp() { options.start = false; }
+    // What a start-up that fails prints, and the code it leaves.
+    static std::pair<std::string, int32_t> failed(const DBMInitParam* p) {
+        int32_t err = 0;
+        std::string out = kt::captureStdout([&] { EXPECT_EQ(kesDBMInit(p, &err), -1); });
+        return {out, err};
+    }
+    // The messages of the steps after the hook table.
+    const std::string later = "kesDBMInit err4\nkesDBMInit err5\nkesDBMInit err6\nkesDBMInit err7\n";
 };
 
 TEST_F(StartUp, FailingLockStepPrintsEveryLaterMessage) {
     kt::Db db(options);
     kt::writeFile(db.param.lockTablePath, "too short to be a lock table");
-    int32_t err = 0;
-    std::string out = kt::captureStdout([&] { EXPECT_EQ(kesDBMInit(&db.param, &err), -1); });
-    EXPECT_EQ(out,
-              "kesDBMInit err2\nkesDBMInit err3\nkesDBMInit err4\nkesDBMInit err5\n"
-              "kesDBMInit err6\nkesDBMInit err7\n");
-    EXPECT_EQ(err, KESDB_ERR_MMAP);
+    EXPECT_EQ(failed(&db.param), std::make_pair("kesDBMInit err2\nkesDBMInit err3\n" + later, KESDB_ERR_MMAP));
     EXPECT_EQ(media_getCount(), 1);  // the media were not set up
     EXPECT_EQ(hook_getCount(), 0);
 }
@@ -115,20 +112,14 @@ TEST_F(StartUp, MissingConfigurationFilesFailTheirSteps) {
     kt::Db db(options);
     DBMInitParam p = db.param;
     snprintf(p.mediaConfigPath, KESDB_PATH_MAX, "%s", db.dir.file("absent.conf").c_str());
-    int32_t err = 0;
-    std::string out = kt::captureStdout([&] { EXPECT_EQ(kesDBMInit(&p, &err), -1); });
-    EXPECT_EQ(out, "kesDBMInit err3\nkesDBMInit err4\nkesDBMInit err5\nkesDBMInit err6\nkesDBMInit err7\n");
-    EXPECT_EQ(err, KESDB_ERR_MEDIA_CONFOPEN);
+    EXPECT_EQ(failed(&p), std::make_pair("kesDBMInit err3\n" + later, KESDB_ERR_MEDIA_CONFOPEN));
 }
 
 TEST_F(StartUp, MissingHookFileFailsTheHookStep) {
     kt::Db db(options);
     DBMInitParam p = db.param;
     snprintf(p.hookConfigPath, KESDB_PATH_MAX, "%s", db.dir.file("absent.conf").c_str());
-    int32_t err = 0;
-    std::string out = kt::captureStdout([&] { EXPECT_EQ(kesDBMInit(&p, &err), -1); });
-    EXPECT_EQ(out, "hook_init err3\nkesDBMInit err4\nkesDBMInit err5\nkesDBMInit err6\nkesDBMInit err7\n");
-    EXPECT_EQ(err, KESDB_ERR_HOOK_CONFOPEN);
+    EXPECT_EQ(failed(&p), std::make_pair("hook_init err3\n" + later, KESDB_ERR_HOOK_CONFOPEN));
 }
 
 TEST_F(StartUp, FullDatabaseTableStillSetsUpTheRest) {
@@ -139,9 +130,7 @@ TEST_F(StartUp, FullDatabaseTableStillSetsUpTheRest) {
         ASSERT_EQ(db_init(&db.param, &err), static_cast<int32_t>(i));
     }
     db.param.reserved = 99;
-    std::string out = kt::captureStdout([&] { EXPECT_EQ(kesDBMInit(&db.param, &err), -1); });
-    EXPECT_EQ(out, "kesDBMInit err1\n");
-    EXPECT_EQ(err, KESDB_ERR_DB_FULL);
+    EXPECT_EQ(failed(&db.param), std::make_pair(std::string("kesDBMInit err1\n"), KESDB_ERR_DB_FULL));
     // The steps from the media on ran: the session table exists now.
     Session s{};
     EXPECT_EQ(kesDBMInitSession(&s, 1), 0);
@@ -149,10 +138,7 @@ TEST_F(StartUp, FullDatabaseTableStillSetsUpTheRest) {
 
 TEST_F(StartUp, NullBlockFailsWithoutReadingIt) {
     kt::Db db(options);
-    int32_t err = 0;
-    std::string out = kt::captureStdout([&] { EXPECT_EQ(kesDBMInit(nullptr, &err), -1); });
-    EXPECT_EQ(out, "kesDBMInit err1\n");
-    EXPECT_EQ(err, KESDB_ERR_NULLARG);
+    EXPECT_EQ(failed(nullptr), std::make_pair(std::string("kesDBMInit err1\n"), KESDB_ERR_NULLARG));
 }
 
 TEST_F(StartUp, RepeatedStartUpsCountAndShutDownRunsEveryStep) {

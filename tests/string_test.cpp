@@ -39,8 +39,7 @@ TEST_F(StringTable, CreateAppendsTheTextReadsAreCutAtTheBufferSize) {
     session_setError(s, 99, 9);
     const uint32_t k = str_create(s, "abc", 0);
     EXPECT_EQ(k, 16u);  // the first free block of the string medium
-    EXPECT_EQ(s->error, 0u);  // a full entry write records 0
-    EXPECT_EQ(s->errorDetail, 0u);
+    EXPECT_EQ(mk::errorOf(*s), mk::Pair(0, 0));  // a full entry write records 0
     EXPECT_EQ(entryAt(k), (Words{16, 0, kMediumSize, 4}));  // the text at the former end
     EXPECT_EQ(kt::readFile(db.mediumPath).size(), kMediumSize + 4u);
     // The same text again: a new entry and a second copy behind the first.
@@ -126,8 +125,7 @@ TEST(StringTableMedia, NoRoomForAnEntry) {
     StringEntry e{};
     e.key = 0x55;
     EXPECT_EQ(str_newEntry(s, &e), nullptr);
-    EXPECT_EQ(tk::err(s), KESDB_ERR_STR_ALLOC);
-    EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(ENOSPC));
+    EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_STR_ALLOC, ENOSPC));
     EXPECT_EQ(e.key, 0x55u);
     EXPECT_EQ(str_create(s, "abc", 0), 0u);
     EXPECT_EQ(tk::err(s), KESDB_ERR_STR_ALLOC);
@@ -147,8 +145,7 @@ TEST_F(StringTable, UnopenableMediaAndMissingDatabase) {
     // The medium file is gone: 38 for the entry, and str_delete returns the read's code.
     setenv("KESDB_DEFMEDIA", db.dir.file("missing.bin").c_str(), 1);
     EXPECT_EQ(kesdb_getString(s, k, buf, sizeof buf), nullptr);
-    EXPECT_EQ(tk::err(s), KESDB_ERR_STR_OPEN);
-    EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(ENOENT));
+    EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_STR_OPEN, ENOENT));
     EXPECT_EQ(str_delete(s, k), KESDB_ERR_STR_OPEN);
     EXPECT_EQ(str_create(s, "abc", 0), 0u);
     EXPECT_EQ(tk::err(s), KESDB_ERR_STR_OPEN);
@@ -182,15 +179,12 @@ TEST(StringTableMedia, TextInAnotherMediumThatCannotBeOpened) {
     o.start = false;
     kt::Db db(o);
     const std::string texts = db.dir.file("texts.bin");
-    kt::writeFile(db.param.mediaConfigPath, kt::libPath("libkesdrv_file.so") +
-                                                " fileMedia_open fileMedia_close fileMedia_read fileMedia_write "
-                                                "fileMedia_seek fileMedia_sync " + texts + "\n");
+    kt::writeFile(db.param.mediaConfigPath, mk::driverLine("libkesdrv_file.so", "fileMedia_", texts));
     ASSERT_GT(db.start(), 0);
     Session* s = &db.s;
     const std::vector<tk::FreeBlock> before = tk::freeList(s, 0);
     EXPECT_EQ(str_create(s, "abc", 1), 0u);
-    EXPECT_EQ(tk::err(s), KESDB_ERR_MEDIA_OPEN);
-    EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(ENOENT));
+    EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_MEDIA_OPEN, ENOENT));
     EXPECT_NE(tk::freeList(s, 0), before);  // the entry's block stays allocated (and unreferenced)
     // Once the file exists the text goes there.
     kt::writeFile(texts, "0123");

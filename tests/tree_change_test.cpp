@@ -257,8 +257,7 @@ TEST(TreeDepth, DeepChainsKeepTheDepthLimit) {
     };
     EXPECT_EQ(search(1000).first, chain[1000]);
     EXPECT_EQ(search(1030), std::make_pair(0u, std::string()));
-    EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_READ);
-    EXPECT_EQ(s->errorDetail, chain[1025]);
+    EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_COMP_READ, chain[1025]));
 
     const std::vector<tk::FreeBlock> before = tk::freeList(s, m);
     EXPECT_EQ(comp_deleteWithSub(s, chain[1], 1), KESDB_ERR_COMP_READ);

@@ -2,6 +2,7 @@
 // messages, allocation and release, the single-field accessors and their refusals.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -78,9 +79,6 @@ TEST_F(TreeRecord, NewRecordsLieOnTheMediumWordByWordAndGiveTheirSizeBack) {
     LeafRecord back{};
     ASSERT_EQ(comp_getLeaf(s, k, &back), &back);
     EXPECT_EQ(std::memcmp(&back, &l, sizeof l), 0);
-    EXPECT_EQ(comp_getRoot(s), 0u);
-    ASSERT_EQ(flst_m_setRoot(s, 0, 16), 0);
-    EXPECT_EQ(comp_getRoot(s), 16u);
 
     // Releases: 28 bytes for a node, 40 for a leaf, merged with their free neighbours.
     const NodeRecord n2 = makeNode(s);
@@ -183,7 +181,7 @@ TEST_F(TreeRecord, FieldAccessors) {
     kt::writeBytes(db.mediumPath, l, &n, 4);
     const std::vector<uint8_t> before = bytes(16, 200);
     EXPECT_EQ(comp_setParent(s, l, 0x1234), KESDB_ERR_COMP_READ);
-    EXPECT_EQ(s->errorDetail, l);
+    EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_COMP_READ, l));
     EXPECT_EQ(leaf_setCurrentValueKey(s, l, 0x1234), KESDB_ERR_COMP_READ);
     EXPECT_EQ(bytes(16, 200), before);
 }
@@ -197,8 +195,7 @@ TEST(TreeRecordMedia, NoRoomForARecordGivesNoneAndWritesNothing) {
     const std::string before = kt::readFile(db.mediumPath);
     NodeRecord n{};
     EXPECT_EQ(comp_newNode(s, &n), nullptr);
-    EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_WRITE);
-    EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(ENOSPC));
+    EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_COMP_WRITE, ENOSPC));
     LeafRecord l{};
     EXPECT_EQ(comp_newLeaf(s, &l), nullptr);
     EXPECT_EQ(leaf_create(s, 0, 16, 0, 0, 0, 0, 0), 0u);
@@ -274,7 +271,7 @@ TEST(TreeRecordMedia, DriverFailuresOfReadsAndWrites) {
     EXPECT_EQ(comp_setNode(s, &n), KESDB_ERR_COMP_WRITE);
     f.failFrom(KESDRV_FAULT_WRITE, 1, EIO);
     EXPECT_EQ(comp_setComponent(s, &n.comp), KESDB_ERR_COMP_WRITE);
-    EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(EIO));
+    EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_COMP_WRITE, EIO));
     f.reset();
     f.shortOp(KESDRV_FAULT_READ, 1, 7);
     const std::string shortRead = "comp_getComponent err1 0x7 0x18 0x10\n";
@@ -284,6 +281,34 @@ TEST(TreeRecordMedia, DriverFailuresOfReadsAndWrites) {
     const std::string leafOut = "comp_getLeaf err1 " + f.path + "\n";
     EXPECT_EQ(reads(s, 16), failed(KESDB_ERR_COMP_OPEN, "comp_getComponent err2\n", leafOut));
     EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(EACCES));
+    EXPECT_EQ(f.opens(), f.closes());
+}
+
+// When the root word cannot be read, a search from the root and the printout of the whole tree
+// stop there with the read's own failure (24 and the driver's error number), rather than going
+// on from key 0 and replacing it with 4. A tree without a root still gives 4 as before.
+TEST(TreeRecordMedia, UnreadableRootStopsSearchAndPrintWithTheReadFailure) {
+    tk::FaultComponents f;
+    ASSERT_TRUE(f.ready());
+    Session* s = &f.db.s;
+    session_setError(s, 0, 0);
+    EXPECT_EQ(kt::captureStdout([&] { EXPECT_EQ(kesDBMSearchByName(s, "/x"), 0u); }), "");
+    EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_NULLKEY);
+    ASSERT_NE(tk::makeRoot(s, "/"), 0u);
+    f.failFrom(KESDRV_FAULT_READ, 1, EIO);
+    const std::function<void()> walks[] = {[&] { EXPECT_EQ(kesDBMSearchByName(s, "/x"), 0u); },
+                                           [&] { kesDBMtraverseAndPrint(s, 0); }};
+    for (const auto& walk : walks) {
+        session_setError(s, 0, 0);
+        const std::string out = kt::captureStdout(walk);
+        EXPECT_EQ(out.rfind("flst_m_getRoot err1 0x", 0), 0u) << out;
+        EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+        EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_MEDIA_READ, EIO));
+    }
+    f.reset();
+    session_setError(s, 7, 3);
+    EXPECT_EQ(kt::captureStdout([&] { kesDBMtraverseAndPrint(s, 0); }), "node 16 [/]\n");
+    EXPECT_EQ(tk::err(s), 7);  // a root read that succeeds leaves an earlier error as it was
     EXPECT_EQ(f.opens(), f.closes());
 }
 

@@ -1,5 +1,6 @@
 // The public value calls on real media: typed round trips, leaf resolution, the length rules,
-// the copy between leaves and the create-list read.
+// the copy between leaves and the create-list read. The copy's failed source read and missing
+// buffer are in value_print_test, data medium failures in value_test.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,13 +8,18 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
+#include "mediakit.hpp"
 #include "testkit.hpp"
 #include "valcstrtkit.hpp"
 
 namespace {
+
+using ValueCalls = vk::DbTest;
 
 using vk::dataOf;
 using vk::makeLeaf;
@@ -42,9 +48,7 @@ void roundTrip(kt::Db& db, uint32_t type, int32_t (*set)(Session*, uint32_t, T),
     EXPECT_EQ(kesDBMGetLength(&db.s, leaf), static_cast<int32_t>(sizeof(T)));
 }
 
-TEST(ValueCalls, TypedRoundTripsOfAllTypes) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
+TEST_F(ValueCalls, TypedRoundTripsOfAllTypes) {
     roundTrip<double>(db, Float64, kesDBMSetFloat64, kesDBMGetFloat64, -1234.5e100);
     roundTrip<float>(db, Float32, kesDBMSetFloat32, kesDBMGetFloat32, 3.25f);
     roundTrip<uint64_t>(db, Uint64, kesDBMSetUint64, kesDBMGetUint64, 0xFEDCBA9876543210ull);
@@ -79,64 +83,56 @@ TEST(ValueCalls, TypedRoundTripsOfAllTypes) {
     EXPECT_EQ(kesDBMSetString(&db.s, leaf, nullptr), KESDB_ERR_NULLARG);
 }
 
-TEST(ValueCalls, DefaultAndFactoryValuesAreTheirOwnRecords) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
-    Session* s = &db.s;
-    const uint32_t c = 1, d = 2, f = 3;
-    const uint32_t leaf = makeLeaf(s, value_create(s, Uint32, 0, &c, 4, 0), value_create(s, Uint32, 0, &d, 4, 0),
-                                   value_create(s, Uint32, 0, &f, 4, 0));
+TEST_F(ValueCalls, DefaultAndFactoryValuesAreTheirOwnRecords) {
+    const uint32_t leaf = makeLeaf(s, vk::make<uint32_t>(s, Uint32, 1), vk::make<uint32_t>(s, Uint32, 2),
+                                   vk::make<uint32_t>(s, Uint32, 3));
     ASSERT_NE(leaf, 0u);
-    uint32_t out = 0;
-    int32_t len = 4;
-    ASSERT_EQ(kesDBMGetDefaultGeneric(s, leaf, &out, &len), 0);
-    EXPECT_EQ(out, 2u);
-    ASSERT_EQ(kesDBMGetFactoryGeneric(s, leaf, &out, &len), 0);
-    EXPECT_EQ(out, 3u);
+    auto read = [&](int32_t (*get)(Session*, uint32_t, void*, int32_t*)) {
+        uint32_t out = 0;
+        int32_t len = 4;
+        return get(s, leaf, &out, &len) == 0 ? out : 0xBADu;
+    };
+    EXPECT_EQ(read(kesDBMGetDefaultGeneric), 2u);
+    EXPECT_EQ(read(kesDBMGetFactoryGeneric), 3u);
     const uint32_t nd = 20;
     ASSERT_EQ(kesDBMSetDefaultGeneric(s, leaf, &nd, 4), 0);
-    ASSERT_EQ(kesDBMGetDefaultGeneric(s, leaf, &out, &len), 0);
-    EXPECT_EQ(out, 20u);
-    ASSERT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
-    EXPECT_EQ(out, 1u);  // the current value is untouched
-    ASSERT_EQ(kesDBMGetFactoryGeneric(s, leaf, &out, &len), 0);
-    EXPECT_EQ(out, 3u);
+    EXPECT_EQ(read(kesDBMGetDefaultGeneric), 20u);
+    EXPECT_EQ(read(kesDBMGetGeneric), 1u);
+    EXPECT_EQ(read(kesDBMGetFactoryGeneric), 3u);
 }
 
-TEST(ValueCalls, NodesKeyZeroAndUnreadableComponents) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
-    Session* s = &db.s;
+TEST_F(ValueCalls, NodesKeyZeroAndUnreadableComponents) {
     const uint32_t node = makeNode(s);
     ASSERT_NE(node, 0u);
     uint32_t out = 0x55555555u;
     int32_t len = 4;
     const uint32_t v = 9;
 
-    auto expectCode = [&](int32_t got, int32_t code, uint32_t detail) {
-        EXPECT_EQ(got, code);
-        EXPECT_EQ(db.s.error, static_cast<uint32_t>(code));
-        EXPECT_EQ(db.s.errorDetail, detail);
+    const std::function<int32_t(uint32_t)> calls[] = {
+        [&](uint32_t k) { return kesDBMGetGeneric(s, k, &out, &len); },
+        [&](uint32_t k) { return kesDBMGetDefaultGeneric(s, k, &out, &len); },
+        [&](uint32_t k) { return kesDBMGetFactoryGeneric(s, k, &out, &len); },
+        [&](uint32_t k) { return kesDBMGetCreateListGeneric(s, k, &out, 4); },
+        [&](uint32_t k) { return kesDBMSetGeneric(s, k, &v, 4); },
+        [&](uint32_t k) { return kesDBMSetDefaultGeneric(s, k, &v, 4); },
+        [&](uint32_t k) { return kesDBMSetUint32(s, k, 5); },
+        [&](uint32_t k) { return kesDBMGetUint32(s, k, &out); },
+        [&](uint32_t k) { return kesDBMGetString(s, k, reinterpret_cast<char*>(&out), 4); },
     };
-    expectCode(kesDBMGetGeneric(s, node, &out, &len), 1, 0);
-    expectCode(kesDBMGetDefaultGeneric(s, node, &out, &len), 1, 0);
-    expectCode(kesDBMGetFactoryGeneric(s, node, &out, &len), 1, 0);
-    expectCode(kesDBMGetCreateListGeneric(s, node, &out, 4), 1, 0);
-    expectCode(kesDBMSetGeneric(s, node, &v, 4), 1, 0);
-    expectCode(kesDBMSetDefaultGeneric(s, node, &v, 4), 1, 0);
-    expectCode(kesDBMSetUint32(s, node, 5), 1, 0);
-    expectCode(kesDBMGetUint32(s, node, &out), 1, 0);
-    EXPECT_EQ(out, 0x55555555u);
-    EXPECT_EQ(kesDBMGetType(s, node), -1);
-    EXPECT_EQ(db.s.error, 1u);
-    EXPECT_EQ(kesDBMGetLength(s, node), 0);
-    EXPECT_EQ(db.s.error, 1u);
-
-    expectCode(kesDBMGetGeneric(s, 0, &out, &len), 4, 0);
-    expectCode(kesDBMSetGeneric(s, 0, &v, 4), 4, 0);
-    expectCode(kesDBMGetString(s, 0, reinterpret_cast<char*>(&out), 4), 4, 0);
-    EXPECT_EQ(kesDBMGetType(s, 0), -1);
-    EXPECT_EQ(kesDBMGetLength(s, 0), 0);
+    // A node gives 1, key 0 gives 4, detail 0, and nothing is read or written.
+    for (const auto& [key, code] : {std::pair<uint32_t, int32_t>{node, 1}, {0u, 4}}) {
+        for (size_t i = 0; i < std::size(calls); ++i) {
+            SCOPED_TRACE(testing::Message() << "key " << key << " call " << i);
+            session_setError(s, 0, 0);
+            EXPECT_EQ(calls[i](key), code);
+            EXPECT_EQ(mk::errorOf(*s), mk::Pair(code, 0));
+        }
+        EXPECT_EQ(out, 0x55555555u);
+        EXPECT_EQ(kesDBMGetType(s, key), -1);
+        EXPECT_EQ(db.s.error, static_cast<uint32_t>(code));
+        EXPECT_EQ(kesDBMGetLength(s, key), 0);
+        EXPECT_EQ(db.s.error, static_cast<uint32_t>(code));
+    }
 
     // Null buffers and lengths are refused before anything is read.
     EXPECT_EQ(kesDBMGetGeneric(s, node, nullptr, &len), KESDB_ERR_NULLARG);
@@ -171,27 +167,18 @@ TEST(ValueCalls, NodesKeyZeroAndUnreadableComponents) {
     EXPECT_NE(kesDBMCopy(nullptr, leaf, leaf), 0);
 }
 
-TEST(ValueCalls, LengthRulesOfTypedCalls) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
-    Session* s = &db.s;
-    const uint8_t one = 0x7B;
-    const uint32_t u8v = value_create(s, Uint8, 0, &one, 1, 0);
+TEST_F(ValueCalls, LengthRulesOfTypedCalls) {
+    const uint32_t u8v = vk::make<uint8_t>(s, Uint8, 0x7B);
     const uint8_t guard[4] = {0xEE, 0xEE, 0xEE, 0xEE};
     ASSERT_NE(value_create(s, Generic, 0, guard, 4, 0), 0u);
     const uint32_t leaf = makeLeaf(s, u8v);
     ASSERT_NE(leaf, 0u);
 
-    // GetUint32 of a 1-byte value fills only the first byte of the variable.
+    // GetUint32 of a 1-byte value fills only the first byte of the variable; SetUint32 stores
+    // only the first byte of its variable.
     uint32_t out = 0xAABBCCDDu;
     ASSERT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
-    uint8_t bytes[4];
-    std::memcpy(bytes, &out, 4);
-    EXPECT_EQ(bytes[0], 0x7B);
-    const uint32_t expected = 0xAABBCCDDu;
-    EXPECT_EQ(std::memcmp(bytes + 1, reinterpret_cast<const uint8_t*>(&expected) + 1, 3), 0);
-
-    // SetUint32 on that value stores the first byte of the 4-byte variable only.
+    EXPECT_EQ(out, vk::firstBytes(0xAABBCCDDu, 0x7B7B7B7Bu, 1));
     const uint32_t word = 0x11223344u;
     ASSERT_EQ(kesDBMSetUint32(s, leaf, word), 0);
     std::vector<uint8_t> now = dataOf(db, u8v, 5);
@@ -200,27 +187,16 @@ TEST(ValueCalls, LengthRulesOfTypedCalls) {
     EXPECT_EQ(std::vector<uint8_t>(now.begin() + 1, now.end()), std::vector<uint8_t>(4, 0xEE));
     EXPECT_EQ(kesDBMGetLength(s, leaf), 1);
 
-    // A 16-byte value into an 8-byte buffer: 8 bytes and a length word of 8.
+    // A typed read of a longer value takes the type's width.
     uint8_t sixteen[16];
     for (int i = 0; i < 16; ++i) sixteen[i] = static_cast<uint8_t>(i + 1);
     const uint32_t g = makeLeaf(s, value_create(s, Generic, 0, sixteen, 16, 0));
-    uint8_t eight[9];
-    std::memset(eight, 0, sizeof eight);
-    int32_t len = 8;
-    ASSERT_EQ(kesDBMGetGeneric(s, g, eight, &len), 0);
-    EXPECT_EQ(len, 8);
-    EXPECT_EQ(std::memcmp(eight, sixteen, 8), 0);
-    EXPECT_EQ(eight[8], 0);
-    // A typed read of a longer value takes the type's width.
     uint16_t h = 0;
     ASSERT_EQ(kesDBMGetUint16(s, g, &h), 0);
     EXPECT_EQ(std::memcmp(&h, sixteen, 2), 0);
 }
 
-TEST(ValueCalls, CopyWidensWithZerosAndNarrowsByCutting) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
-    Session* s = &db.s;
+TEST_F(ValueCalls, CopyWidensWithZerosAndNarrowsByCutting) {
     const uint8_t eightBytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     const uint8_t fourBytes[4] = {0xA1, 0xA2, 0xA3, 0xA4};
     const uint8_t full[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
@@ -232,16 +208,13 @@ TEST(ValueCalls, CopyWidensWithZerosAndNarrowsByCutting) {
     const uint32_t src4 = makeLeaf(s, src4v), dst8 = makeLeaf(s, dst8v);
     ASSERT_NE(src8 * dst4 * src4 * dst8, 0u);
 
-    // 8 -> 4: the first 4 bytes.
     EXPECT_EQ(kesDBMCopy(s, src8, dst4), 0);
     EXPECT_EQ(dataOf(db, dst4v, 4), (std::vector<uint8_t>{1, 2, 3, 4}));
-    // 4 -> 8: the 4 bytes, then 4 zero bytes (the destination's whole length is written).
+    // A shorter source is followed by zeros: the destination's whole length is written.
     EXPECT_EQ(kesDBMCopy(s, src4, dst8), 0);
     EXPECT_EQ(dataOf(db, dst8v, 8), (std::vector<uint8_t>{0xA1, 0xA2, 0xA3, 0xA4, 0, 0, 0, 0}));
-    // The source is unchanged.
     EXPECT_EQ(dataOf(db, src8v, 8), std::vector<uint8_t>(eightBytes, eightBytes + 8));
 
-    // A node on either side gives 1; nothing is written.
     const uint32_t node = makeNode(s);
     EXPECT_EQ(kesDBMCopy(s, node, dst4), 1);
     EXPECT_EQ(kesDBMCopy(s, src4, node), 1);
@@ -255,35 +228,7 @@ TEST(ValueCalls, CopyWidensWithZerosAndNarrowsByCutting) {
     EXPECT_EQ(kesDBMCopy(s, src4, orphan), 51);
 }
 
-TEST(ValueCalls, CopyWithoutMemoryGives86) {
-#if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "address space limits do not work under the address sanitizer";
-#else
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
-    Session* s = &db.s;
-    const uint32_t src = typedLeaf(s, Uint32, 4);
-    const uint32_t dstv = value_create(s, Generic, 0, nullptr, 4, 0);
-    const uint32_t dst = makeLeaf(s, dstv);
-    ASSERT_NE(src * dst, 0u);
-    ValueRecord r{};
-    ASSERT_NE(value_get(s, dstv, &r), nullptr);
-    r.length = 0x7FFFFFFFu;  // a destination too long to buffer under the limit below
-    ASSERT_EQ(value_set(s, &r), 0);
-    const int child = kt::runChild([&] {
-        if (!kt::leaveNoRoomFor(0x7FFFFFFFu)) return 2;
-        if (kesDBMCopy(&db.s, src, dst) != 86) return 3;
-        if (db.s.error != 86 || db.s.errorDetail != static_cast<uint32_t>(ENOMEM)) return 4;
-        return 0;
-    });
-    EXPECT_EQ(child, 0);
-#endif
-}
-
-TEST(ValueCalls, CreateListReadsPastTheValueLength) {
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
-    Session* s = &db.s;
+TEST_F(ValueCalls, CreateListReadsPastTheValueLength) {
     const uint8_t a[2] = {0x10, 0x11};
     const uint8_t b[3] = {0x20, 0x21, 0x22};
     const uint32_t av = value_create(s, Generic, 0, a, 2, 0);
@@ -302,34 +247,6 @@ TEST(ValueCalls, CreateListReadsPastTheValueLength) {
     // An unreadable record gives 0 with the cause recorded.
     EXPECT_EQ(value_getCreateListGeneric(s, 0, out, 3), 0);
     EXPECT_EQ(db.s.error, 51u);
-}
-
-TEST(ValueCalls, CreateListOnABadDataMedium) {
-    kt::TempDir side;
-    const std::string dataPath = side.file("data.bin");
-    kt::writeFile(dataPath, "abcd");
-    kt::DbOptions o;
-    o.mediaConfig = kt::libPath("libkesdrv_file.so") +
-                    " fileMedia_open fileMedia_close fileMedia_read fileMedia_write fileMedia_seek fileMedia_sync " +
-                    dataPath + "\n";
-    kt::Db db(o);
-    ASSERT_GT(db.id, 0);
-    Session* s = &db.s;
-    const uint32_t v = value_create(s, Generic, 0, "xy", 2, 1);
-    ASSERT_NE(v, 0u);
-    const uint32_t leaf = makeLeaf(s, v);
-    char out[4] = {};
-    ASSERT_EQ(kesDBMGetCreateListGeneric(s, leaf, out, 2), 0);
-    EXPECT_EQ(std::string(out, 2), "xy");
-
-    ASSERT_EQ(unlink(dataPath.c_str()), 0);
-    EXPECT_EQ(kesDBMGetCreateListGeneric(s, leaf, out, 2), 22);
-    EXPECT_EQ(db.s.errorDetail, static_cast<uint32_t>(ENOENT));
-
-    ASSERT_EQ(mkfifo(dataPath.c_str(), 0600), 0);
-    EXPECT_EQ(kesDBMGetCreateListGeneric(s, leaf, out, 2), 0);  // the close succeeded
-    EXPECT_EQ(db.s.error, 24u);
-    EXPECT_EQ(db.s.errorDetail, static_cast<uint32_t>(ESPIPE));
 }
 
 }  // namespace

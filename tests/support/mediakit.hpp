@@ -63,7 +63,8 @@ struct Ops {
 // The control calls of the fault-injection driver, from the instance the media table loads.
 struct FaultControl : Lib {
     FaultControl() : Lib("libkesdrv_fault.so") {}
-    bool ok() const { return reset && fail && failFrom && shortOp && calls && opens && closes; }
+    bool ok() const { return reset && fail && failFrom && shortOp && calls && opens && closes && fired && firedMedium &&
+                                  firedTransfer; }
     kesdrvFault_resetFn reset = sym<kesdrvFault_resetFn>(KESDRV_FAULT_SYM_RESET);
     kesdrvFault_failFn fail = sym<kesdrvFault_failFn>(KESDRV_FAULT_SYM_FAIL);
     kesdrvFault_failFromFn failFrom = sym<kesdrvFault_failFromFn>(KESDRV_FAULT_SYM_FAILFROM);
@@ -71,6 +72,15 @@ struct FaultControl : Lib {
     kesdrvFault_callsFn calls = sym<kesdrvFault_callsFn>(KESDRV_FAULT_SYM_CALLS);
     kesdrvFault_opensFn opens = sym<kesdrvFault_opensFn>(KESDRV_FAULT_SYM_OPENS);
     kesdrvFault_closesFn closes = sym<kesdrvFault_closesFn>(KESDRV_FAULT_SYM_CLOSES);
+    kesdrvFault_firedFn fired = sym<kesdrvFault_firedFn>(KESDRV_FAULT_SYM_FIRED);
+    kesdrvFault_firedMediumFn firedMedium = sym<kesdrvFault_firedMediumFn>(KESDRV_FAULT_SYM_FIREDMEDIUM);
+    kesdrvFault_firedTransferFn firedTransfer = sym<kesdrvFault_firedTransferFn>(KESDRV_FAULT_SYM_FIREDTRANSFER);
+    // The name of the medium on which a fault last took effect ("" when none has).
+    std::string lastFiredMedium() const {
+        char name[4096] = {};
+        if (firedMedium) firedMedium(name, sizeof name);
+        return name;
+    }
 };
 
 // A media configuration line: library, the six `prefix` operations, the medium name.

@@ -45,11 +45,12 @@ public:
     bool send(const T& value) const {
         return write(fd_[1], &value, sizeof value) == static_cast<ssize_t>(sizeof value);
     }
-    // A message, waiting at most `timeoutMs`; false when none came (0: only look).
+    // A message, waiting at most `timeoutMs` times the build's time scale; false when none
+    // came (0: only look).
     template <class T>
     bool receive(T& value, int timeoutMs) const {
         pollfd p{fd_[0], POLLIN, 0};
-        if (poll(&p, 1, timeoutMs) != 1) return false;
+        if (poll(&p, 1, timeoutMs * kt::timeScale()) != 1) return false;
         return read(fd_[0], &value, sizeof value) == static_cast<ssize_t>(sizeof value);
     }
     // Whether a message is waiting, without taking it.
@@ -90,5 +91,19 @@ public:
 private:
     std::vector<pid_t> pids_;
 };
+
+// A child's body: opens a session of database `dbId`, says so on `started`, waits for an
+// exclusive lock of `key`, sends the time it got it (or gave up) on `done`, then unlocks and
+// closes its session. 0 when every call succeeded.
+inline int lockWhenFree(uint32_t dbId, uint32_t key, const Pipe& started, const Pipe& done) {
+    Session own{};
+    if (kesDBMInitSession(&own, dbId) != 0) return 1;
+    started.send('w');
+    const int32_t rc = kesDBMLock(&own, key, 0x0000);
+    done.send(nowNs());
+    if (rc != 0) return 2;
+    if (kesDBMUnlock(&own, key) != 0) return 3;
+    return kesDBMTermSession(&own) == 0 ? 0 : 4;
+}
 
 }  // namespace pk

@@ -83,6 +83,39 @@ std::vector<std::string> programCommand(const std::string& fileName) {
     return command;
 }
 
+pid_t spawnProgram(const TempDir& dir, const std::string& fileName, const std::vector<std::string>& args,
+                   const std::string& tag) {
+    const std::string outFile = dir.file(".out" + tag), errFile = dir.file(".err" + tag);
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int o = open(outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int e = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (chdir(dir.path().c_str()) != 0 || o < 0 || e < 0) _exit(126);
+        dup2(o, 1);
+        dup2(e, 2);
+        std::vector<std::string> command = programCommand(fileName);
+        command.insert(command.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (auto& a : command) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+Outcome finishProgram(const TempDir& dir, pid_t pid, const std::string& tag) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    const std::string outFile = dir.file(".out" + tag), errFile = dir.file(".err" + tag);
+    Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(outFile),
+              readFile(errFile)};
+    unlink(outFile.c_str());
+    unlink(errFile.c_str());
+    return r;
+}
+
 bool leaveNoRoomFor(size_t bytes) {
     const rlimit limit{bytes / 4, bytes / 4};
     setrlimit(RLIMIT_AS, &limit);
@@ -123,6 +156,12 @@ std::string captureStdout(const std::function<void()>& body) {
     }
     close(capture);
     return text;
+}
+
+int timeScale() {
+    const char* text = std::getenv("KESDB_TEST_TIME_SCALE");
+    const int scale = text != nullptr ? std::atoi(text) : 1;
+    return scale >= 1 && scale <= 1000 ? scale : 1;
 }
 
 pid_t forkChild(const std::function<int()>& body) {

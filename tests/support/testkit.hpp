@@ -47,6 +47,19 @@ std::string libPath(const std::string& fileName);
 // program of that machine by itself.
 std::vector<std::string> programCommand(const std::string& fileName);
 
+// What a program run by a test gave: its exit status (128 + signal when killed) and outputs.
+struct Outcome {
+    int code;
+    std::string out;
+    std::string err;
+};
+// Starts a program built by the project (programCommand) with `args` in directory `dir`, its
+// standard output and error into files of `dir` named after `tag`.
+pid_t spawnProgram(const TempDir& dir, const std::string& fileName, const std::vector<std::string>& args,
+                   const std::string& tag = "");
+// Waits for a program started by spawnProgram and collects what it gave.
+Outcome finishProgram(const TempDir& dir, pid_t pid, const std::string& tag = "");
+
 // True when this host stores the lowest byte of a word first. Found by looking at the bytes of
 // a word, not through the library.
 inline bool hostIsLittleEndian() {
@@ -72,6 +85,11 @@ int runChild(const std::function<int()>& body);
 pid_t forkChild(const std::function<int()>& body);
 // Waits for a child started by forkChild; its exit status as runChild gives it.
 int waitChild(pid_t pid);
+
+// The factor this build applies to time limits (KESDB_TEST_TIME_SCALE, which CTest sets: more
+// under an emulator, sanitizers or valgrind); 1 when unset. Bounds on how long something may
+// take, and waits for a child's report, are multiplied by it.
+int timeScale();
 
 // Options for a started database.
 struct DbOptions {

@@ -2,15 +2,13 @@
 // library's exported operations, and read back.
 #pragma once
 
-#include <dlfcn.h>
-
 #include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "../../drivers/kesdrv_fault.h"
 #include "kesdbm/kesdbm.h"
+#include "mediakit.hpp"
 #include "testkit.hpp"
 
 namespace tk {
@@ -144,17 +142,11 @@ std::pair<uint32_t, std::string> keyAndOutput(F&& body) {
 }
 
 // A started database whose component records live in medium 1: a file in the database's
-// directory served by the fault-injection driver, so that a test can make the driver's calls
-// fail or fall short. Strings and values stay in the built-in medium 0.
-struct FaultComponents {
+// directory served by the fault-injection driver, whose control calls (the same loaded instance
+// as the library's) make its calls fail or fall short. Strings and values stay in medium 0.
+struct FaultComponents : mk::FaultControl {
     kt::Db db;
-    std::string path;  // the component medium's file
-    void* lib = nullptr;
-    kesdrvFault_failFromFn failFrom = nullptr;
-    kesdrvFault_shortFn shortOp = nullptr;
-    kesdrvFault_resetFn reset = nullptr;
-    kesdrvFault_opensFn opens = nullptr;
-    kesdrvFault_closesFn closes = nullptr;
+    std::string path = db.dir.file("components.bin");
 
     static kt::DbOptions options() {
         kt::DbOptions o;
@@ -162,30 +154,13 @@ struct FaultComponents {
         o.start = false;
         return o;
     }
-    explicit FaultComponents(uint32_t size = 64 * 1024) : db(options()), path(db.dir.file("components.bin")) {
-        kesdb_layMedium(path.c_str(), size, 0);
-        const std::string libPath = kt::libPath("libkesdrv_fault.so");
-        kt::writeFile(db.param.mediaConfigPath, libPath + " faultMedia_open faultMedia_close faultMedia_read "
-                                                "faultMedia_write faultMedia_seek faultMedia_sync " + path + "\n");
-        // The same loaded instance as the library's: its fault state is shared.
-        lib = dlopen(libPath.c_str(), RTLD_NOW);
-        if (lib) {
-            failFrom = reinterpret_cast<kesdrvFault_failFromFn>(dlsym(lib, KESDRV_FAULT_SYM_FAILFROM));
-            shortOp = reinterpret_cast<kesdrvFault_shortFn>(dlsym(lib, KESDRV_FAULT_SYM_SHORT));
-            reset = reinterpret_cast<kesdrvFault_resetFn>(dlsym(lib, KESDRV_FAULT_SYM_RESET));
-            opens = reinterpret_cast<kesdrvFault_opensFn>(dlsym(lib, KESDRV_FAULT_SYM_OPENS));
-            closes = reinterpret_cast<kesdrvFault_closesFn>(dlsym(lib, KESDRV_FAULT_SYM_CLOSES));
-        }
+    FaultComponents() : db(options()) {
+        kesdb_layMedium(path.c_str(), 64 * 1024, 0);
+        kt::writeFile(db.param.mediaConfigPath, mk::driverLine("libkesdrv_fault.so", "faultMedia_", path));
         db.start();
         if (reset) reset();
     }
-    ~FaultComponents() {
-        db.stop();
-        if (lib) dlclose(lib);
-    }
-    FaultComponents(const FaultComponents&) = delete;
-    FaultComponents& operator=(const FaultComponents&) = delete;
-    bool ready() const { return db.id > 0 && failFrom && shortOp && reset && opens && closes; }
+    bool ready() const { return db.id > 0 && ok(); }
 };
 
 }  // namespace tk

@@ -6,9 +6,18 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "testkit.hpp"
 
 namespace vk {
+
+// A started database on the default media, for tests that need nothing else.
+struct DbTest : testing::Test {
+    kt::Db db;
+    Session* s = &db.s;
+    void SetUp() override { ASSERT_GT(db.id, 0); }
+};
 
 // A media configuration line making `path` medium 1 through the named-file driver.
 inline std::string fileMediumLine(const std::string& path) {
@@ -77,6 +86,34 @@ uint32_t newRange(Session* s, Rec* (*create)(Session*, Rec*), uint32_t type, T m
     r.max = max;
     r.step = step;
     return create(s, &r) ? r.key : 0;
+}
+
+using CheckFn = int32_t (*)(Session*, uint32_t, uint32_t, const void*, int32_t);
+
+// Puts a marker pair into the session: a pass must leave it, a refusal must replace it.
+inline void mark(Session& s) { session_setError(&s, 5, 0x1234); }
+
+// An enumeration of `type` over `members`, with its array; its key.
+template <class T>
+uint32_t newEnum(kt::Db& db, uint32_t type, const std::vector<T>& members) {
+    const uint32_t count = static_cast<uint32_t>(members.size());
+    const uint32_t arrayKey = constraint_newEnumArray(&db.s, sizeof(T), count);
+    EXPECT_NE(arrayKey, 0xFFFFFFFFu);
+    EnumRecord r{0, type * 256u, arrayKey, sizeof(T), count};
+    EXPECT_EQ(enum_new(&db.s, &r), &r);
+    if (count != 0) {
+        EXPECT_EQ(enum_setData(&db.s, r.key, sizeof(T), count, members.data()), 0);
+    }
+    return r.key;
+}
+
+// A bare constraint record (header only) with the given type code.
+inline uint32_t newHeader(kt::Db& db, uint32_t type) {
+    ConstraintHeader h{};
+    EXPECT_EQ(constraint_new(&db.s, &h), &h);
+    h.type = type;
+    EXPECT_EQ(constraint_set(&db.s, &h), 0);
+    return h.key;
 }
 
 }  // namespace vk
