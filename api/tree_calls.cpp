@@ -13,17 +13,8 @@ namespace {
 // gives true and 0, recording nothing, as comp_getRoot does; a successful look-up leaves the
 // session's earlier error as it was.
 bool rootOf(Session* s, uint32_t* root) {
-    if (!s) {
-        *root = comp_getRoot(s);
-        return true;
-    }
-    const uint32_t savedError = s->error;
-    const uint32_t savedDetail = s->errorDetail;
-    session_setError(s, 0, 0);
-    *root = comp_getRoot(s);
-    if (*root == 0 && s->error != 0) return false;
-    session_setError(s, static_cast<int32_t>(savedError), savedDetail);
-    return true;
+    // comp_getRoot gives 0 whenever it records a failure.
+    return kes::recordedBy(s, [&] { *root = comp_getRoot(s); }) == 0;
 }
 
 }  // namespace

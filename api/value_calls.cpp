@@ -115,17 +115,8 @@ int32_t setTyped(Session* s, uint32_t key, T value) {
 // otherwise the session's earlier error is put back unless the read left 28.
 template <class Read>
 bool sourceReadFails(Session* s, Read read) {
-    if (!s) {
-        read();
-        return false;
-    }
-    const uint32_t savedError = s->error;
-    const uint32_t savedDetail = s->errorDetail;
-    session_setError(s, 0, 0);
-    read();
-    if (s->error != 0 && s->error != static_cast<uint32_t>(KESDB_ERR_HOOK_INDEX)) return true;
-    if (s->error == 0) session_setError(s, static_cast<int32_t>(savedError), savedDetail);
-    return false;
+    const uint32_t code = kes::recordedBy(s, read);
+    return code != 0 && code != static_cast<uint32_t>(KESDB_ERR_HOOK_INDEX);
 }
 
 }  // namespace

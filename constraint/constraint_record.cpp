@@ -86,16 +86,8 @@ int32_t writeRecord(Session* s, uint32_t key, const void* record, uint32_t size,
 // as 62 with detail 0 (the allocator's own failure, 0xFFFFFFFF, carries errno as its
 // detail). A successful allocation leaves the session's earlier error pair as it was.
 static uint32_t allocateBlock(Session* s, uint32_t medium, uint32_t size) {
-    if (!s) {
-        const uint32_t key = flst_m_get(s, medium, size);
-        return key == KESDB_FLST_FAILED ? 0 : key;
-    }
-    const uint32_t savedError = s->error;
-    const uint32_t savedDetail = s->errorDetail;
-    session_setError(s, 0, 0);
-    const uint32_t key = flst_m_get(s, medium, size);
-    const bool allocatorFailed = s->error != 0;
-    if (!allocatorFailed) session_setError(s, static_cast<int32_t>(savedError), savedDetail);
+    uint32_t key = 0;
+    const bool allocatorFailed = kes::recordedBy(s, [&] { key = flst_m_get(s, medium, size); }) != 0;
     if (key == KESDB_FLST_FAILED) {
         session_setError(s, KESDB_ERR_CSTRT_ALLOC, static_cast<uint32_t>(errno));
         return 0;

@@ -61,14 +61,18 @@ Fault next(int op) {
     return Fault{};
 }
 
-// Counts a call whose outcome a fault changed, on the medium open under `descriptor`; a read
-// or a write gives the transfer it asked for.
-void fired(int descriptor, uint32_t offset = 0, uint32_t length = 0) {
+// Counts a call whose outcome a fault changed, on the medium open under `descriptor` (or, for an
+// open, on the medium `name`); a read or a write gives the transfer it asked for.
+void fired(int descriptor, uint32_t offset = 0, uint32_t length = 0, const char* name = nullptr) {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     ++s.fired;
-    auto it = s.names.find(descriptor);
-    s.firedName = it != s.names.end() ? it->second : std::string();
+    if (name) {
+        s.firedName = name;
+    } else {
+        auto it = s.names.find(descriptor);
+        s.firedName = it != s.names.end() ? it->second : std::string();
+    }
     s.firedOffset = offset;
     s.firedLength = length;
 }
@@ -163,13 +167,7 @@ KESDRV_EXPORT int faultMedia_open(const char* name, uint32_t arg, int32_t* errPt
     (void)arg;
     Fault f = next(KESDRV_FAULT_OPEN);
     if (f.mode == Mode::Fail) {
-        {
-            State& s = state();
-            std::lock_guard<std::mutex> lock(s.mutex);
-            ++s.fired;
-            s.firedName = name ? name : "";
-            s.firedOffset = s.firedLength = 0;
-        }
+        fired(-1, 0, 0, name ? name : "");
         storeErr(errPtr, f.errorNumber);
         return -1;
     }

@@ -34,6 +34,26 @@ inline uint32_t dbIdOf(const Session* s) { return s ? s->dbId : 0u; }
 // The current error code recorded in a session (0 for a null session).
 inline int32_t lastError(const Session* s) { return s ? static_cast<int32_t>(s->error) : 0; }
 
+// Runs `call` with the session's error pair cleared and gives the code it recorded (0 when it
+// recorded none, and always for a null session). A recorded failure stays in the session; when
+// nothing was recorded the pair the session held before is put back, so a call that succeeds
+// leaves an earlier error as it was. Used where a call's result alone does not tell whether it
+// failed (an allocator's 0, a read that leaves its buffer untouched).
+template <class Call>
+uint32_t recordedBy(Session* s, Call&& call) {
+    if (!s) {
+        call();
+        return 0;
+    }
+    const uint32_t savedError = s->error;
+    const uint32_t savedDetail = s->errorDetail;
+    session_setError(s, 0, 0);
+    call();
+    const uint32_t recorded = s->error;
+    if (recorded == 0) session_setError(s, static_cast<int32_t>(savedError), savedDetail);
+    return recorded;
+}
+
 // The parameter copy of the session's database, or null (nothing recorded).
 inline const DBMInitParam* dbOf(const Session* s) { return db_getDb(dbIdOf(s)); }
 

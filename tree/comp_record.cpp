@@ -107,18 +107,9 @@ int32_t writeRecord(Session* s, const R* record) {
 // allocator recorded stays as it is, and a successful allocation leaves the session's
 // earlier error pair untouched.
 uint32_t allocate(Session* s, uint32_t medium, uint32_t size, int32_t noSpaceCode) {
-    if (!s) return flst_m_get(s, medium, size);
-    const uint32_t savedError = s->error;
-    const uint32_t savedDetail = s->errorDetail;
-    session_setError(s, 0, 0);
-    const uint32_t key = flst_m_get(s, medium, size);
-    if (s->error == 0) {
-        if (key == 0) {
-            session_setError(s, noSpaceCode, ENOSPC);
-        } else {
-            session_setError(s, static_cast<int32_t>(savedError), savedDetail);
-        }
-    }
+    uint32_t key = 0;
+    if (kes::recordedBy(s, [&] { key = flst_m_get(s, medium, size); }) == 0 && key == 0)
+        session_setError(s, noSpaceCode, ENOSPC);
     return key;
 }
 

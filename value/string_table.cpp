@@ -38,17 +38,9 @@ MediaEntry* stringMedium(Session* s, uint32_t* index = nullptr) {
 // Only the first case is recorded here: KESDB_ERR_STR_ALLOC (41) with ENOSPC as detail. A
 // successful allocation leaves the session's earlier error pair untouched.
 uint32_t allocateEntry(Session* s, uint32_t medium) {
-    const uint32_t savedError = s->error;
-    const uint32_t savedDetail = s->errorDetail;
-    session_setError(s, 0, 0);
-    const uint32_t key = flst_m_get(s, medium, kEntrySize);
-    if (s->error == 0) {
-        if (key == 0) {
-            session_setError(s, KESDB_ERR_STR_ALLOC, ENOSPC);
-        } else {
-            session_setError(s, static_cast<int32_t>(savedError), savedDetail);
-        }
-    }
+    uint32_t key = 0;
+    if (kes::recordedBy(s, [&] { key = flst_m_get(s, medium, kEntrySize); }) == 0 && key == 0)
+        session_setError(s, KESDB_ERR_STR_ALLOC, ENOSPC);
     return key;
 }
 

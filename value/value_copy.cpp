@@ -51,13 +51,8 @@ bool readSource(Session* s, uint32_t destination, uint32_t source, CopySource& o
     // nothing is written. That is a non-zero result or a negative length word after a data
     // read error, and also a source record that could not be read: value_getGeneric gives 0
     // then, with the failure recorded and the buffer untouched, so it is told by the session.
-    // (Both lengths were read, so the session is not null here.)
-    const uint32_t savedError = s->error;
-    const uint32_t savedDetail = s->errorDetail;
-    session_setError(s, 0, 0);
-    const int32_t rc = value_getGeneric(s, source, out.data, &out.length);
-    const bool recorded = s->error != 0;
-    if (!recorded) session_setError(s, static_cast<int32_t>(savedError), savedDetail);
+    int32_t rc = 0;
+    const bool recorded = kes::recordedBy(s, [&] { rc = value_getGeneric(s, source, out.data, &out.length); }) != 0;
     return rc == 0 && out.length >= 0 && !recorded;
 }
 

@@ -114,12 +114,8 @@ ValueRecord* value_new(Session* s, ValueRecord* record) {
     // read or walk its list (it recorded that failure then, with the driver's error word).
     // Only the first case is recorded here; a successful allocation leaves the session's
     // earlier error pair as it was.
-    const uint32_t savedError = s->error;
-    const uint32_t savedDetail = s->errorDetail;
-    session_setError(s, 0, 0);
-    const uint32_t key = flst_m_get(s, medium, kRecordSize);
-    const bool allocatorFailed = s->error != 0;
-    if (!allocatorFailed) session_setError(s, static_cast<int32_t>(savedError), savedDetail);
+    uint32_t key = 0;
+    const bool allocatorFailed = kes::recordedBy(s, [&] { key = flst_m_get(s, medium, kRecordSize); }) != 0;
     if (key == KESDB_FLST_FAILED) return nullptr;  // the allocator recorded the cause
     if (key == 0) {
         // No free block is large enough: key 0 never names a record, so the creation fails
