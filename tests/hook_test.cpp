@@ -158,37 +158,6 @@ TEST(HookTable, NullPathIsAnUnopenableFile) {
     EXPECT_EQ(kt::captureStdout([] { EXPECT_EQ(hook_init(nullptr), 30); }), "hook_init err3\n");
 }
 
-// When the file cannot be rewound (a pipe), nothing is counted and the table has no entry:
-// lines with tokens are never stored and each gives -1; with no line at all the result is 31.
-TEST(HookTable, UnrewindableFileStoresNoLine) {
-    kt::TempDir dir;
-    const std::string fifo = dir.file("hooks.fifo");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    auto feed = [&fifo](const std::string& text) {
-        return std::thread([&fifo, text] {
-            const int fd = open(fifo.c_str(), O_WRONLY);
-            if (fd < 0) return;
-            if (!text.empty() && write(fd, text.data(), text.size()) < 0) perror("write");
-            close(fd);
-        });
-    };
-    std::thread writer = feed(line("test_recPreSet", "NULL", "NULL", "NULL"));
-    EXPECT_EQ(hook_init(fifo.c_str()), -1);
-    writer.join();
-    EXPECT_EQ(hook_getCount(), 0);
-    EXPECT_NE(hook_table, nullptr);
-    Session s{};
-    EXPECT_EQ(getHook(&s, 1), nullptr);
-    EXPECT_EQ(s.error, 28u);
-    hook_term();
-
-    writer = feed("");
-    EXPECT_EQ(hook_init(fifo.c_str()), 31);
-    writer.join();
-    EXPECT_EQ(hook_getCount(), 0);
-    hook_term();
-}
-
 // The hook lines of the HookCalls database, by index.
 enum HookIndex { Recording = 1, RefusePre, RefusePost, Shorten, AllNull, Policy, RefusePreRecordPost, RecordPostOnly,
                  CountRecording };
