@@ -336,15 +336,4 @@ TEST(MmapDb, LibraryRunsOnMmapMediaAcrossProcesses) {
     EXPECT_EQ(tk::leafU32(f, kesDBMSearchByName(f, "/l299")), 299u);
 }
 
-TEST(MmapDb, DurableMediumSyncsEveryWrite) {
-    auto db = mmapDb("sync:");
-    if (!layClean(db->dir.file("probe"), "x")) GTEST_SKIP() << "the temporary directory has no writeback";
-    Session* s = &db->s;
-    const uint32_t leaf = tk::leaf(s, tk::makeRoot(s, "/"), 0, "v", tk::u32(s, 1));
-    for (uint32_t i = 0; i < 3; ++i) {
-        ASSERT_EQ(kesDBMSetUint32(s, leaf, i), 0);
-        EXPECT_EQ(mapInfo(db->mediumPath).second, 0);
-    }
-}
-
 }  // namespace
