@@ -14,6 +14,8 @@
 #include "common.hpp"
 #include "database.hpp"
 #include "description.hpp"
+#include "fast_media.hpp"
+#include "progress.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
 
@@ -144,9 +146,14 @@ int cmdCreate(const CreateOptions& o) {
         // Building needs no hook; the hooks of another machine are not loaded here.
         writeText(tmp + "/hook.conf", o.targetLibDir.empty() ? hooks : "");
         {
+            // Nobody sees the directory before it is complete, so it is built through the
+            // mapped driver and written to the device once, below.
             Database db(tmp);
+            FastMedia fast(db);
+            Progress progress("create", countItems(items) + 1);
             makeRoot(db);
-            importInto(db, items, static_cast<uint32_t>(o.hooks.size()));
+            importInto(db, items, static_cast<uint32_t>(o.hooks.size()), &progress);
+            fast.flush();
         }
         // The configuration names the media files and libraries at their final place, and
         // the tables used while building (they name the temporary directory) go.
@@ -155,9 +162,16 @@ int cmdCreate(const CreateOptions& o) {
         writeText(tmp + "/hook.conf", hooks);
         for (const char* t : {"db.tbl", "session.tbl", "lock.tbl"})
             for (const char* suffix : {"", ".sem"}) unlink((tmp + "/" + t + suffix).c_str());
+        // Every file and the directory reach the device before the directory takes its name.
+        for (const char* m : o.fourFiles ? std::vector<const char*>(kMediaFiles, kMediaFiles + 4)
+                                         : std::vector<const char*>(single, single + 1))
+            syncPath(tmp + "/" + m);
+        for (const char* f : {kDescriptorFile, "media.conf", "hook.conf"}) syncPath(tmp + "/" + f);
+        syncPath(tmp);
         checkInterrupted();
         if (rename(tmp.c_str(), finalDir.c_str()) != 0)
             fail("cannot rename " + tmp + " to " + finalDir + ": " + std::strerror(errno));
+        syncPath(parentOf(finalDir));
     } catch (...) {
         fs::remove_all(tmp, ec);
         throw;
@@ -214,7 +228,9 @@ int cmdExport(const std::string& dir, const std::string& file) {
     std::string text;
     {
         Database db(dir);
-        text = exportText(db);
+        FastMedia fast(db);  // reads only: nothing to write back
+        Progress progress("export", 0);
+        text = exportText(db, &progress);
     }
     if (file.empty()) {
         std::fputs(text.c_str(), stdout);

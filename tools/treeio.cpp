@@ -100,11 +100,13 @@ void buildLeaf(Database& db, const Item& it, uint32_t parent, uint32_t previous,
 
 // Creates the items below `parent`, each behind the sibling created before it, so the
 // children keep the description's order.
-void build(Database& db, const std::vector<Item>& items, uint32_t parent, const std::string& parentPath, int depth) {
+void build(Database& db, const std::vector<Item>& items, uint32_t parent, const std::string& parentPath, int depth,
+           Progress* progress) {
     Session& s = db.s;
     uint32_t previous = 0;
     for (const Item& it : items) {
         checkInterrupted();
+        if (progress) progress->step();
         const std::string path = childPath(parentPath, it.name);
         const std::string stored = depth == 1 ? it.name : "/" + it.name;
         const uint32_t name = kesDBMCreateString(&s, stored.c_str(), db.param().stringMedium);
@@ -115,7 +117,7 @@ void build(Database& db, const std::vector<Item>& items, uint32_t parent, const 
         } else {
             key = kesDBMCreateNode(&s, name, parent, previous, 0);
             if (key == 0) libraryFailure(s, "cannot create node " + path);
-            build(db, it.children, key, path, depth + 1);
+            build(db, it.children, key, path, depth + 1, progress);
         }
         previous = key;
     }
@@ -185,10 +187,12 @@ json exportLeaf(Session& s, uint32_t key, const std::string& path) {
     return item;
 }
 
-json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, size_t& visited) {
+json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, size_t& visited,
+                    Progress* progress) {
     json children = json::array();
     for (uint32_t key = kesDBMGetFirstChild(&s, parent); key != 0; key = kesDBMGetNextChild(&s, key)) {
         if (++visited > kWalkMax) fail("the tree below " + parentPath + " does not end (a sibling list loops?)");
+        if (progress) progress->step();
         char buf[KESDB_NAME_BUFFER] = {};
         const uint32_t nameKey = kesDBMGetStringKey(&s, key);
         if (nameKey == 0 || !kesdb_getString(&s, nameKey, buf, sizeof buf - 1))
@@ -205,7 +209,7 @@ json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, 
             item.update(exportLeaf(s, key, path));
         } else {
             if (depth >= kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
-            item["children"] = exportChildren(s, key, path, depth + 1, visited);
+            item["children"] = exportChildren(s, key, path, depth + 1, visited, progress);
         }
         children.push_back(std::move(item));
     }
@@ -228,21 +232,27 @@ void makeRoot(Database& db) {
     kesDBMSetCurrentComponent(&s, root.comp.key);
 }
 
-void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks) {
+void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks, Progress* progress) {
     const uint32_t root = db.root();
     if (kesDBMGetFirstChild(&db.s, root) != 0) fail("the database is not empty (its root has children)");
     const uint32_t used = highestHook(items);
     if (used > hooks)
         fail("the description uses hook " + std::to_string(used) + " but only " + std::to_string(hooks) +
              " hooks are configured");
-    build(db, items, root, "/", 1);
+    build(db, items, root, "/", 1, progress);
 }
 
-std::string exportText(Database& db) {
+std::string exportText(Database& db, Progress* progress) {
     size_t visited = 0;
     json top;
-    top["children"] = exportChildren(db.s, db.root(), "/", 1, visited);
+    top["children"] = exportChildren(db.s, db.root(), "/", 1, visited, progress);
     return top.dump(2) + "\n";
+}
+
+uint64_t countItems(const std::vector<Item>& items) {
+    uint64_t n = items.size();
+    for (const Item& it : items) n += countItems(it.children);
+    return n;
 }
 
 }  // namespace kesdb
