@@ -149,7 +149,7 @@ int cmdCreate(const CreateOptions& o) {
             // Nobody sees the directory before it is complete, so it is built through the
             // mapped driver and written to the device once, below.
             Database db(tmp);
-            FastMedia fast(db);
+            FastMedia fast(db, FastMedia::Access::Exclusive);
             Progress progress("create", countItems(items) + 1);
             makeRoot(db);
             importInto(db, items, static_cast<uint32_t>(o.hooks.size()), &progress);
@@ -228,7 +228,7 @@ int cmdExport(const std::string& dir, const std::string& file) {
     std::string text;
     {
         Database db(dir);
-        FastMedia fast(db);  // reads only: nothing to write back
+        FastMedia fast(db, FastMedia::Access::Shared);  // reads only: nothing to write back
         Progress progress("export", 0);
         text = exportText(db, &progress);
     }

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "private_medium.hpp"
+
 namespace kesdb {
 
 namespace {
@@ -45,17 +47,19 @@ bool lookUp(void* lib, const char* symbol, F& slot) {
 
 }  // namespace
 
-FastMedia::FastMedia(Database& db) {
+FastMedia::FastMedia(Database& db, Access access) : private_(access == Access::Exclusive) {
     const DBMInitParam& p = db.param();
     const uint32_t indexes[4] = {p.componentMedium, p.valueMedium, p.constraintMedium, p.stringMedium};
-    MediaEntry mapped{};
+    MediaEntry mapped{nullptr,           nullptr,           0,
+                      privateMedium_open, privateMedium_close, privateMedium_read,
+                      privateMedium_write, privateMedium_seek,  privateMedium_sync};
     for (uint32_t index : indexes) {
         if (static_cast<int32_t>(index) >= media_getCount()) continue;
         bool seen = false;
         for (const Saved& s : saved_) seen = seen || s.index == index;
         const std::string file = seen ? std::string() : mappableFile(index, media_table[index]);
         if (file.empty()) continue;
-        if (!lib_) {
+        if (!private_ && !lib_) {
             lib_ = dlopen((libDir() + "/" + kMappedDriver).c_str(), RTLD_NOW | RTLD_LOCAL);
             if (!lib_ || !lookUp(lib_, "mmapMedia_open", mapped.open) ||
                 !lookUp(lib_, "mmapMedia_close", mapped.close) || !lookUp(lib_, "mmapMedia_read", mapped.read) ||
@@ -80,6 +84,7 @@ FastMedia::FastMedia(Database& db) {
 
 FastMedia::~FastMedia() {
     for (const Saved& s : saved_) media_table[s.index] = s.entry;
+    if (private_) privateMedium_releaseAll();
     // Unloading unmaps the files; what was written stays in the page cache until written back.
     if (lib_) dlclose(lib_);
 }

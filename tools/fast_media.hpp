@@ -4,8 +4,12 @@
 // close it again on every record access: right for a device, where each write must last,
 // but thousands of times slower than needed while the tool builds a database that nobody
 // else sees yet, or reads one through. For the length of a scope, FastMedia points the
-// media-table entries of such media at the memory-mapped driver, on the very same files
-// and under the same indexes, so every record lands at the same key with the same bytes;
+// media-table entries of such media at a driver that maps the file, on the very same files
+// and under the same indexes, so every record lands at the same key with the same bytes:
+//   Shared     the memory-mapped driver, which sees what other processes write meanwhile
+//              (reading a database in use);
+//   Exclusive  the tool's private driver (private_medium.hpp), which trusts that no one
+//              else touches the files (building in a directory nobody knows yet).
 // `flush` then writes each mapping to its file once. Only this process's table changes: the
 // configuration files, and every other process, keep naming the media as they were.
 //
@@ -24,9 +28,11 @@ namespace kesdb {
 
 class FastMedia {
 public:
+    enum class Access { Shared, Exclusive };
+
     // Takes over the media of `db` that can be mapped; a medium that cannot (another
     // driver, the mapped driver missing) stays as it is, which is only slower.
-    explicit FastMedia(Database& db);
+    FastMedia(Database& db, Access access);
     ~FastMedia();
     FastMedia(const FastMedia&) = delete;
     FastMedia& operator=(const FastMedia&) = delete;
@@ -46,6 +52,7 @@ private:
     std::vector<Saved> saved_;
     std::string entryZeroName_;  // the name entry 0 carries while taken over
     void* lib_ = nullptr;
+    bool private_ = false;
 };
 
 // fsync of a file or directory; fails with its name and the cause.
