@@ -144,7 +144,61 @@ json valueJson(uint32_t type, const std::string& bytes, const std::string& what)
     return numberToJson(type, bytes);
 }
 
-json exportLeaf(Session& s, uint32_t key, const std::string& path) {
+// The export text, laid out byte for byte as json::dump(2) lays out the same document,
+// but written component by component rather than built as one document first: opened
+// objects and arrays take their members through key() and item().
+class Layout {
+public:
+    explicit Layout(std::string& out) : out_(out) {}
+    void open(char bracket) {
+        out_ += bracket;
+        empty_.push_back(true);
+    }
+    void close(char bracket) {
+        const bool empty = empty_.back();
+        empty_.pop_back();
+        if (!empty) {
+            out_ += '\n';
+            indent();
+        }
+        out_ += bracket;
+    }
+    void key(const char* k) {
+        item();
+        out_ += '"';
+        out_ += k;
+        out_ += "\": ";
+    }
+    void item() {
+        out_ += empty_.back() ? "\n" : ",\n";
+        empty_.back() = false;
+        indent();
+    }
+    void scalar(const json& j) {
+        if (j.is_number_unsigned()) out_ += std::to_string(j.get<uint64_t>());
+        else if (j.is_number_integer()) out_ += std::to_string(j.get<int64_t>());
+        else out_ += j.dump();
+    }
+    void text(const std::string& t) {
+        const bool plain = std::none_of(t.begin(), t.end(), [](char c) {
+            return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\';
+        });
+        if (!plain) {
+            out_ += json(t).dump();
+            return;
+        }
+        out_ += '"';
+        out_ += t;
+        out_ += '"';
+    }
+
+private:
+    void indent() { out_.append(2 * empty_.size(), ' '); }
+    std::string& out_;
+    std::vector<bool> empty_;  // per open object or array: no member yet
+};
+
+void exportLeaf(Session& s, uint32_t key, const std::string& path, Layout& out) {
     LeafRecord leaf{};
     if (!comp_getLeaf(&s, key, &leaf)) libraryFailure(s, "cannot read " + path);
     const int32_t type = value_getType(&s, leaf.currentValue);
@@ -153,12 +207,20 @@ json exportLeaf(Session& s, uint32_t key, const std::string& path) {
     const std::string cur = readValue(s, leaf.currentValue, "the current value of " + path);
     const std::string def = readValue(s, leaf.defaultValue, "the default value of " + path);
     const std::string fac = readValue(s, leaf.factoryValue, "the factory value of " + path);
-    json item;
-    item["type"] = typeName(t);
-    if (!isNumeric(t)) item["size"] = std::max({cur.size(), def.size(), fac.size()});
-    item["current"] = valueJson(t, cur, path + " current");
-    item["default"] = valueJson(t, def, path + " default");
-    item["factory"] = valueJson(t, fac, path + " factory");
+    const json values[3] = {valueJson(t, cur, path + " current"), valueJson(t, def, path + " default"),
+                            valueJson(t, fac, path + " factory")};
+    out.key("type");
+    out.text(typeName(t));
+    if (!isNumeric(t)) {
+        out.key("size");
+        out.scalar(std::max({cur.size(), def.size(), fac.size()}));
+    }
+    const char* names[3] = {"current", "default", "factory"};
+    for (int i = 0; i < 3; ++i) {
+        out.key(names[i]);
+        if (values[i].is_string()) out.text(values[i].get_ref<const std::string&>());
+        else out.scalar(values[i]);
+    }
     const uint32_t ck = value_getConstraintKey(&s, leaf.currentValue);
     if (ck != 0 && isNumeric(t)) {
         const uint32_t ctype = constraint_getType(&s, ck);
@@ -168,28 +230,39 @@ json exportLeaf(Session& s, uint32_t key, const std::string& path) {
         std::string data(static_cast<size_t>(clen), '\0');
         if (constraint_getData(&s, ck, data.data(), static_cast<uint32_t>(clen)) != 0)
             libraryFailure(s, "cannot read the constraint of " + path);
-        auto member = [&](int32_t i) { return data.substr(static_cast<size_t>(i) * w, static_cast<size_t>(w)); };
+        auto member = [&](int32_t i) {
+            return numberToJson(t, data.substr(static_cast<size_t>(i) * w, static_cast<size_t>(w)));
+        };
         if (ctype == t && clen == 3 * w) {
-            json r;
-            r["min"] = numberToJson(t, member(0));
-            r["max"] = numberToJson(t, member(1));
-            r["step"] = numberToJson(t, member(2));
-            item["range"] = r;
+            out.key("range");
+            out.open('{');
+            const char* bounds[3] = {"min", "max", "step"};
+            for (int i = 0; i < 3; ++i) {
+                out.key(bounds[i]);
+                out.scalar(member(i));
+            }
+            out.close('}');
         } else if (ctype == t * KESDB_CSTRT_ENUM_FACTOR && clen % w == 0) {
-            json e = json::array();
-            for (int32_t i = 0; i < clen / w; ++i) e.push_back(numberToJson(t, member(i)));
-            item["enum"] = e;
+            out.key("enum");
+            out.open('[');
+            for (int32_t i = 0; i < clen / w; ++i) {
+                out.item();
+                out.scalar(member(i));
+            }
+            out.close(']');
         } else {
             fail(path + ": its constraint of type " + std::to_string(ctype) + " does not fit a " + typeName(t));
         }
     }
-    if (leaf.hookIndex != 0) item["hook"] = leaf.hookIndex;
-    return item;
+    if (leaf.hookIndex != 0) {
+        out.key("hook");
+        out.scalar(leaf.hookIndex);
+    }
 }
 
-json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, size_t& visited,
-                    Progress* progress) {
-    json children = json::array();
+void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, size_t& visited,
+                    Progress* progress, Layout& out) {
+    out.open('[');
     for (uint32_t key = kesDBMGetFirstChild(&s, parent); key != 0; key = kesDBMGetNextChild(&s, key)) {
         if (++visited > kWalkMax) fail("the tree below " + parentPath + " does not end (a sibling list loops?)");
         if (progress) progress->step();
@@ -203,17 +276,20 @@ json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, 
         if (!validUtf8(name)) fail(path + ": the name is not UTF-8, which a description cannot hold");
         CompRecord rec{};
         if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read " + path);
-        json item;
-        item["name"] = name;
+        out.item();
+        out.open('{');
+        out.key("name");
+        out.text(name);
         if (rec.kind == KESDB_KIND_LEAF) {
-            item.update(exportLeaf(s, key, path));
+            exportLeaf(s, key, path, out);
         } else {
             if (depth >= kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
-            item["children"] = exportChildren(s, key, path, depth + 1, visited, progress);
+            out.key("children");
+            exportChildren(s, key, path, depth + 1, visited, progress, out);
         }
-        children.push_back(std::move(item));
+        out.close('}');
     }
-    return children;
+    out.close(']');
 }
 
 }  // namespace
@@ -244,9 +320,13 @@ void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks, Pr
 
 std::string exportText(Database& db, Progress* progress) {
     size_t visited = 0;
-    json top;
-    top["children"] = exportChildren(db.s, db.root(), "/", 1, visited, progress);
-    return top.dump(2) + "\n";
+    std::string text;
+    Layout out(text);
+    out.open('{');
+    out.key("children");
+    exportChildren(db.s, db.root(), "/", 1, visited, progress, out);
+    out.close('}');
+    return text + "\n";
 }
 
 uint64_t countItems(const std::vector<Item>& items) {
