@@ -215,7 +215,13 @@ int cmdImport(const std::string& dir, const std::string& file) {
                 fail("cannot copy " + m + " aside: " + ec.message());
             saved.push_back(copy);
         }
-        importInto(db, items, hooks);
+        // Through the mapped driver, which other processes using the database see as well;
+        // the media reach the device once, at the end.
+        FastMedia fast(db, FastMedia::Access::Shared);
+        Progress progress("import", countItems(items));
+        importInto(db, items, hooks, &progress);
+        fast.flush();
+        for (const std::string& m : media) syncPath(m);
     } catch (...) {
         for (size_t i = 0; i < saved.size(); ++i) fs::rename(saved[i], media[i], ec);
         throw;
