@@ -1,6 +1,8 @@
 #include "treeio.hpp"
 
 #include <algorithm>
+#include <charconv>
+#include <string_view>
 #include <cstring>
 
 #include "values.hpp"
@@ -123,17 +125,6 @@ void build(Database& db, const std::vector<Item>& items, uint32_t parent, const 
     }
 }
 
-// The bytes of a value record's data.
-std::string readValue(Session& s, uint32_t valueKey, const std::string& what) {
-    const int32_t len = value_getLength(&s, valueKey);
-    if (len < 0 || len > kValueMax) libraryFailure(s, "cannot read " + what);
-    std::string buf(static_cast<size_t>(len), '\0');
-    int32_t n = len;
-    if (len > 0 && (value_getGeneric(&s, valueKey, buf.data(), &n) != 0 || n != len))
-        libraryFailure(s, "cannot read " + what);
-    return buf;
-}
-
 json valueJson(uint32_t type, const std::string& bytes, const std::string& what) {
     if (type == Generic) return json(toHex(bytes));
     if (type == String) {
@@ -152,34 +143,35 @@ public:
     explicit Layout(std::string& out) : out_(out) {}
     void open(char bracket) {
         out_ += bracket;
-        empty_.push_back(true);
+        empty_.push_back(1);
     }
     void close(char bracket) {
-        const bool empty = empty_.back();
+        const bool empty = empty_.back() != 0;
         empty_.pop_back();
-        if (!empty) {
-            out_ += '\n';
-            indent();
-        }
+        if (!empty) newline(empty_.size());
         out_ += bracket;
     }
-    void key(const char* k) {
+    void key(std::string_view k) {
         item();
         out_ += '"';
         out_ += k;
         out_ += "\": ";
     }
     void item() {
-        out_ += empty_.back() ? "\n" : ",\n";
-        empty_.back() = false;
-        indent();
+        if (empty_.back() == 0) out_ += ',';
+        empty_.back() = 0;
+        newline(empty_.size());
     }
     void scalar(const json& j) {
-        if (j.is_number_unsigned()) out_ += std::to_string(j.get<uint64_t>());
-        else if (j.is_number_integer()) out_ += std::to_string(j.get<int64_t>());
-        else out_ += j.dump();
+        char digits[24];
+        const char* end = digits;
+        if (j.is_number_unsigned()) end = std::to_chars(digits, digits + sizeof digits, j.get<uint64_t>()).ptr;
+        else if (j.is_number_integer()) end = std::to_chars(digits, digits + sizeof digits, j.get<int64_t>()).ptr;
+        else if (j.is_string()) return text(j.get_ref<const std::string&>());
+        else return void(out_ += j.dump());
+        out_.append(digits, static_cast<size_t>(end - digits));
     }
-    void text(const std::string& t) {
+    void text(std::string_view t) {
         const bool plain = std::none_of(t.begin(), t.end(), [](char c) {
             return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\';
         });
@@ -193,22 +185,35 @@ public:
     }
 
 private:
-    void indent() { out_.append(2 * empty_.size(), ' '); }
+    void newline(size_t depth) {
+        out_ += '\n';
+        out_.append(2 * depth, ' ');
+    }
     std::string& out_;
-    std::vector<bool> empty_;  // per open object or array: no member yet
+    std::vector<char> empty_;  // per open object or array: 1 while it has no member
 };
+
+// The record and the data of the `which` value of the leaf at `path`.
+std::string readValue(Session& s, uint32_t valueKey, ValueRecord& rec, const char* which, const std::string& path) {
+    int32_t n = 0;
+    if (value_get(&s, valueKey, &rec) && rec.length <= static_cast<uint32_t>(kValueMax)) {
+        std::string buf(rec.length, '\0');
+        n = static_cast<int32_t>(rec.length);
+        if (n == 0 || (value_getGeneric(&s, valueKey, buf.data(), &n) == 0 && n == static_cast<int32_t>(rec.length)))
+            return buf;
+    }
+    libraryFailure(s, std::string("cannot read the ") + which + " value of " + path);
+}
 
 void exportLeaf(Session& s, uint32_t key, const std::string& path, Layout& out) {
     LeafRecord leaf{};
     if (!comp_getLeaf(&s, key, &leaf)) libraryFailure(s, "cannot read " + path);
-    const int32_t type = value_getType(&s, leaf.currentValue);
-    if (type < Generic || type > Float64) libraryFailure(s, "cannot read the type of " + path);
-    const uint32_t t = static_cast<uint32_t>(type);
-    const std::string cur = readValue(s, leaf.currentValue, "the current value of " + path);
-    const std::string def = readValue(s, leaf.defaultValue, "the default value of " + path);
-    const std::string fac = readValue(s, leaf.factoryValue, "the factory value of " + path);
-    const json values[3] = {valueJson(t, cur, path + " current"), valueJson(t, def, path + " default"),
-                            valueJson(t, fac, path + " factory")};
+    ValueRecord recs[3]{};
+    const std::string cur = readValue(s, leaf.currentValue, recs[0], "current", path);
+    const std::string def = readValue(s, leaf.defaultValue, recs[1], "default", path);
+    const std::string fac = readValue(s, leaf.factoryValue, recs[2], "factory", path);
+    const uint32_t t = recs[0].type;
+    if (t > Float64) fail(path + ": unknown value type " + std::to_string(t));
     out.key("type");
     out.text(typeName(t));
     if (!isNumeric(t)) {
@@ -216,16 +221,17 @@ void exportLeaf(Session& s, uint32_t key, const std::string& path, Layout& out) 
         out.scalar(std::max({cur.size(), def.size(), fac.size()}));
     }
     const char* names[3] = {"current", "default", "factory"};
+    const std::string* bytes[3] = {&cur, &def, &fac};
     for (int i = 0; i < 3; ++i) {
         out.key(names[i]);
-        if (values[i].is_string()) out.text(values[i].get_ref<const std::string&>());
-        else out.scalar(values[i]);
+        out.scalar(valueJson(t, *bytes[i], path + " " + names[i]));
     }
-    const uint32_t ck = value_getConstraintKey(&s, leaf.currentValue);
+    const uint32_t ck = recs[0].constraintKey;
     if (ck != 0 && isNumeric(t)) {
         const uint32_t ctype = constraint_getType(&s, ck);
-        const int32_t clen = constraint_getLength(&s, ck);
         const int w = widthOf(t);
+        // A range of the leaf's type always holds minimum, maximum and step.
+        const int32_t clen = ctype == t ? 3 * w : constraint_getLength(&s, ck);
         if (clen <= 0 || clen > 8 * 65536) libraryFailure(s, "cannot read the constraint of " + path);
         std::string data(static_cast<size_t>(clen), '\0');
         if (constraint_getData(&s, ck, data.data(), static_cast<uint32_t>(clen)) != 0)
@@ -267,15 +273,14 @@ void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, 
         if (++visited > kWalkMax) fail("the tree below " + parentPath + " does not end (a sibling list loops?)");
         if (progress) progress->step();
         char buf[KESDB_NAME_BUFFER] = {};
-        const uint32_t nameKey = kesDBMGetStringKey(&s, key);
-        if (nameKey == 0 || !kesdb_getString(&s, nameKey, buf, sizeof buf - 1))
+        CompRecord rec{};
+        if (!comp_getComponent(&s, key, &rec) || rec.stringKey == 0 ||
+            !kesdb_getString(&s, rec.stringKey, buf, sizeof buf - 1))
             libraryFailure(s, "cannot read a name below " + parentPath);
         std::string name(buf);
         if (depth > 1 && !name.empty() && name[0] == '/') name.erase(0, 1);
         const std::string path = childPath(parentPath, name);
         if (!validUtf8(name)) fail(path + ": the name is not UTF-8, which a description cannot hold");
-        CompRecord rec{};
-        if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read " + path);
         out.item();
         out.open('{');
         out.key("name");
@@ -321,12 +326,14 @@ void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks, Pr
 std::string exportText(Database& db, Progress* progress) {
     size_t visited = 0;
     std::string text;
+    text.reserve(4u << 20);
     Layout out(text);
     out.open('{');
     out.key("children");
     exportChildren(db.s, db.root(), "/", 1, visited, progress, out);
     out.close('}');
-    return text + "\n";
+    text += '\n';
+    return text;
 }
 
 uint64_t countItems(const std::vector<Item>& items) {
