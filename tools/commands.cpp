@@ -109,9 +109,11 @@ private:
 }  // namespace
 
 int cmdCreate(const CreateOptions& o) {
+    Progress progress("create", 0);
     // Everything that can be checked is checked before anything is made.
     std::vector<Item> items;
     if (!o.from.empty()) items = parseDescription(o.from);
+    progress.setTotal(countItems(items));
     if (highestHook(items) > o.hooks.size())
         fail(o.from + ": the description uses hook " + std::to_string(highestHook(items)) + " but only " +
              std::to_string(o.hooks.size()) + " --hook lines are given");
@@ -150,7 +152,6 @@ int cmdCreate(const CreateOptions& o) {
             // mapped driver and written to the device once, below.
             Database db(tmp);
             FastMedia fast(db, FastMedia::Access::Exclusive);
-            Progress progress("create", countItems(items) + 1);
             makeRoot(db);
             importInto(db, items, static_cast<uint32_t>(o.hooks.size()), &progress);
             fast.flush();
@@ -187,7 +188,9 @@ int cmdCreate(const CreateOptions& o) {
 }
 
 int cmdImport(const std::string& dir, const std::string& file) {
+    Progress progress("import", 0);
     const std::vector<Item> items = parseDescription(file);  // checked before the database is touched
+    progress.setTotal(countItems(items));
     Database db(dir);
     const uint32_t root = db.root();
     if (kesDBMGetFirstChild(&db.s, root) != 0) fail("the database is not empty (its root has children)");
@@ -218,7 +221,6 @@ int cmdImport(const std::string& dir, const std::string& file) {
         // Through the mapped driver, which other processes using the database see as well;
         // the media reach the device once, at the end.
         FastMedia fast(db, FastMedia::Access::Shared);
-        Progress progress("import", countItems(items));
         importInto(db, items, hooks, &progress);
         fast.flush();
         for (const std::string& m : media) syncPath(m);

@@ -14,11 +14,14 @@ namespace kesdb {
 class Progress {
 public:
     // `what` starts the line ("create"); `total` is the number of steps, 0 when unknown.
+    // The work is taken to start now.
     Progress(std::string what, uint64_t total);
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
+    // The number of steps, once known (0: unknown).
+    void setTotal(uint64_t total) { total_ = total; }
     // One more step done.
     void step() {
         if (++done_ % kStride == 0) show();
