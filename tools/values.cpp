@@ -273,6 +273,12 @@ std::string numberToText(uint32_t type, const std::string& bytes) {
     return withType(type, [&](auto t) { return toText<decltype(t)>(bytes); });
 }
 
+std::string valueToText(uint32_t type, const std::string& bytes) {
+    if (type == String) return std::string(bytes.c_str(), strnlen(bytes.data(), bytes.size()));
+    if (type == Generic) return toHex(bytes);
+    return numberToText(type, bytes);
+}
+
 std::string toHex(const std::string& bytes) {
     static const char digits[] = "0123456789abcdef";
     std::string out;
