@@ -132,69 +132,40 @@ std::string readValue(Session& s, uint32_t valueKey, const std::string& what) {
     return buf;
 }
 
-json valueJson(uint32_t type, const std::string& bytes, const std::string& what) {
-    if (type == Generic) return json(toHex(bytes));
-    if (type == String) {
-        std::string text(bytes.c_str(), strnlen(bytes.data(), bytes.size()));
-        if (!validUtf8(text)) fail(what + ": the text is not UTF-8, which a description cannot hold");
-        return json(text);
-    }
-    return numberToJson(type, bytes);
+json exportLeaf(Session& s, uint32_t key, const std::string& path) { return leafJson(readLeaf(s, key, path)); }
+
+// The name of a child as written in paths (stored below the first level with a leading '/').
+std::string childName(Session& s, uint32_t key, const std::string& parentPath) {
+    char buf[KESDB_NAME_BUFFER] = {};
+    const uint32_t nameKey = kesDBMGetStringKey(&s, key);
+    if (nameKey == 0 || !kesdb_getString(&s, nameKey, buf, sizeof buf - 1))
+        libraryFailure(s, "cannot read a name below " + parentPath);
+    std::string name(buf);
+    if (!name.empty() && name[0] == '/') name.erase(0, 1);
+    return name;
 }
 
-json exportLeaf(Session& s, uint32_t key, const std::string& path) {
-    LeafRecord leaf{};
-    if (!comp_getLeaf(&s, key, &leaf)) libraryFailure(s, "cannot read " + path);
-    const int32_t type = value_getType(&s, leaf.currentValue);
-    if (type < Generic || type > Float64) libraryFailure(s, "cannot read the type of " + path);
-    const uint32_t t = static_cast<uint32_t>(type);
-    const std::string cur = readValue(s, leaf.currentValue, "the current value of " + path);
-    const std::string def = readValue(s, leaf.defaultValue, "the default value of " + path);
-    const std::string fac = readValue(s, leaf.factoryValue, "the factory value of " + path);
-    json item;
-    item["type"] = typeName(t);
-    if (!isNumeric(t)) item["size"] = std::max({cur.size(), def.size(), fac.size()});
-    item["current"] = valueJson(t, cur, path + " current");
-    item["default"] = valueJson(t, def, path + " default");
-    item["factory"] = valueJson(t, fac, path + " factory");
-    const uint32_t ck = value_getConstraintKey(&s, leaf.currentValue);
-    if (ck != 0 && isNumeric(t)) {
-        const uint32_t ctype = constraint_getType(&s, ck);
-        const int32_t clen = constraint_getLength(&s, ck);
-        const int w = widthOf(t);
-        if (clen <= 0 || clen > 8 * 65536) libraryFailure(s, "cannot read the constraint of " + path);
-        std::string data(static_cast<size_t>(clen), '\0');
-        if (constraint_getData(&s, ck, data.data(), static_cast<uint32_t>(clen)) != 0)
-            libraryFailure(s, "cannot read the constraint of " + path);
-        auto member = [&](int32_t i) { return data.substr(static_cast<size_t>(i) * w, static_cast<size_t>(w)); };
-        if (ctype == t && clen == 3 * w) {
-            json r;
-            r["min"] = numberToJson(t, member(0));
-            r["max"] = numberToJson(t, member(1));
-            r["step"] = numberToJson(t, member(2));
-            item["range"] = r;
-        } else if (ctype == t * KESDB_CSTRT_ENUM_FACTOR && clen % w == 0) {
-            json e = json::array();
-            for (int32_t i = 0; i < clen / w; ++i) e.push_back(numberToJson(t, member(i)));
-            item["enum"] = e;
-        } else {
-            fail(path + ": its constraint of type " + std::to_string(ctype) + " does not fit a " + typeName(t));
-        }
+void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth, size_t& visited,
+                 const std::function<void(const Item&)>& visit) {
+    Session& s = db.s;
+    CompRecord rec{};
+    if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read " + path);
+    if (rec.kind == KESDB_KIND_LEAF) {
+        visit(readLeaf(s, key, path));
+        return;
     }
-    if (leaf.hookIndex != 0) item["hook"] = leaf.hookIndex;
-    return item;
+    if (depth > kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
+    for (uint32_t child = kesDBMGetFirstChild(&s, key); child != 0; child = kesDBMGetNextChild(&s, child)) {
+        if (++visited > kWalkMax) fail("the tree below " + path + " does not end (a sibling list loops?)");
+        leavesBelow(db, child, childPath(path, childName(s, child, path)), depth + 1, visited, visit);
+    }
 }
 
 json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, size_t& visited) {
     json children = json::array();
     for (uint32_t key = kesDBMGetFirstChild(&s, parent); key != 0; key = kesDBMGetNextChild(&s, key)) {
         if (++visited > kWalkMax) fail("the tree below " + parentPath + " does not end (a sibling list loops?)");
-        char buf[KESDB_NAME_BUFFER] = {};
-        const uint32_t nameKey = kesDBMGetStringKey(&s, key);
-        if (nameKey == 0 || !kesdb_getString(&s, nameKey, buf, sizeof buf - 1))
-            libraryFailure(s, "cannot read a name below " + parentPath);
-        std::string name(buf);
-        if (depth > 1 && !name.empty() && name[0] == '/') name.erase(0, 1);
+        const std::string name = childName(s, key, parentPath);
         const std::string path = childPath(parentPath, name);
         if (!validUtf8(name)) fail(path + ": the name is not UTF-8, which a description cannot hold");
         CompRecord rec{};
@@ -243,6 +214,82 @@ std::string exportText(Database& db) {
     json top;
     top["children"] = exportChildren(db.s, db.root(), "/", 1, visited);
     return top.dump(2) + "\n";
+}
+
+json valueJson(uint32_t type, const std::string& bytes, const std::string& what) {
+    if (type == Generic) return json(toHex(bytes));
+    if (type == String) {
+        std::string text(bytes.c_str(), strnlen(bytes.data(), bytes.size()));
+        if (!validUtf8(text)) fail(what + ": the text is not UTF-8, which a description cannot hold");
+        return json(text);
+    }
+    return numberToJson(type, bytes);
+}
+
+Item readLeaf(Session& s, uint32_t key, const std::string& path) {
+    LeafRecord leaf{};
+    if (!comp_getLeaf(&s, key, &leaf)) libraryFailure(s, "cannot read " + path);
+    const int32_t type = value_getType(&s, leaf.currentValue);
+    if (type < Generic || type > Float64) libraryFailure(s, "cannot read the type of " + path);
+    Item it;
+    it.name = path;
+    it.leaf = true;
+    it.type = static_cast<uint32_t>(type);
+    it.current = readValue(s, leaf.currentValue, "the current value of " + path);
+    it.defaults = readValue(s, leaf.defaultValue, "the default value of " + path);
+    it.factory = readValue(s, leaf.factoryValue, "the factory value of " + path);
+    it.size = static_cast<int32_t>(std::max({it.current.size(), it.defaults.size(), it.factory.size()}));
+    it.hook = leaf.hookIndex;
+    const uint32_t ck = value_getConstraintKey(&s, leaf.currentValue);
+    if (ck == 0 || !isNumeric(it.type)) return it;
+    const uint32_t ctype = constraint_getType(&s, ck);
+    const int32_t clen = constraint_getLength(&s, ck);
+    const int32_t w = widthOf(it.type);
+    if (clen <= 0 || clen > 8 * 65536) libraryFailure(s, "cannot read the constraint of " + path);
+    std::string data(static_cast<size_t>(clen), '\0');
+    if (constraint_getData(&s, ck, data.data(), static_cast<uint32_t>(clen)) != 0)
+        libraryFailure(s, "cannot read the constraint of " + path);
+    if (ctype == it.type && clen == 3 * w) {
+        it.hasRange = true;
+        it.range = data;
+    } else if (ctype == it.type * KESDB_CSTRT_ENUM_FACTOR && clen % w == 0) {
+        it.hasEnum = true;
+        it.members = data;
+        it.count = static_cast<uint32_t>(clen / w);
+    } else {
+        fail(path + ": its constraint of type " + std::to_string(ctype) + " does not fit a " + typeName(it.type));
+    }
+    return it;
+}
+
+json leafJson(const Item& it) {
+    const uint32_t t = it.type;
+    const int w = isNumeric(t) ? widthOf(t) : 1;
+    auto member = [&](const std::string& packed, uint32_t i) { return packed.substr(i * w, static_cast<size_t>(w)); };
+    json item;
+    item["type"] = typeName(t);
+    if (!isNumeric(t)) item["size"] = it.size;
+    item["current"] = valueJson(t, it.current, it.name + " current");
+    item["default"] = valueJson(t, it.defaults, it.name + " default");
+    item["factory"] = valueJson(t, it.factory, it.name + " factory");
+    if (it.hasRange) {
+        json r;
+        r["min"] = numberToJson(t, member(it.range, 0));
+        r["max"] = numberToJson(t, member(it.range, 1));
+        r["step"] = numberToJson(t, member(it.range, 2));
+        item["range"] = r;
+    } else if (it.hasEnum) {
+        json e = json::array();
+        for (uint32_t i = 0; i < it.count; ++i) e.push_back(numberToJson(t, member(it.members, i)));
+        item["enum"] = e;
+    }
+    if (it.hook != 0) item["hook"] = it.hook;
+    return item;
+}
+
+void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit) {
+    size_t visited = 0;
+    leavesBelow(db, key, path, 1, visited, visit);
 }
 
 }  // namespace kesdb
