@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
-#include <string_view>
 #include <cstring>
+#include <string_view>
 
 #include "values.hpp"
 
@@ -125,14 +125,45 @@ void build(Database& db, const std::vector<Item>& items, uint32_t parent, const 
     }
 }
 
-json valueJson(uint32_t type, const std::string& bytes, const std::string& what) {
-    if (type == Generic) return json(toHex(bytes));
-    if (type == String) {
-        std::string text(bytes.c_str(), strnlen(bytes.data(), bytes.size()));
-        if (!validUtf8(text)) fail(what + ": the text is not UTF-8, which a description cannot hold");
-        return json(text);
+// The record and the data of the `which` value of the leaf at `path`.
+std::string readValue(Session& s, uint32_t valueKey, ValueRecord& rec, const char* which, const std::string& path) {
+    int32_t n = 0;
+    if (value_get(&s, valueKey, &rec) && rec.length <= static_cast<uint32_t>(kValueMax)) {
+        std::string buf(rec.length, '\0');
+        n = static_cast<int32_t>(rec.length);
+        if (n == 0 || (value_getGeneric(&s, valueKey, buf.data(), &n) == 0 && n == static_cast<int32_t>(rec.length)))
+            return buf;
     }
-    return numberToJson(type, bytes);
+    libraryFailure(s, std::string("cannot read the ") + which + " value of " + path);
+}
+
+// The name of a child as written in paths (stored below the first level with a leading '/').
+std::string nameText(Session& s, uint32_t nameKey, const std::string& parentPath) {
+    char buf[KESDB_NAME_BUFFER] = {};
+    if (nameKey == 0 || !kesdb_getString(&s, nameKey, buf, sizeof buf - 1))
+        libraryFailure(s, "cannot read a name below " + parentPath);
+    std::string name(buf);
+    if (!name.empty() && name[0] == '/') name.erase(0, 1);
+    return name;
+}
+std::string childName(Session& s, uint32_t key, const std::string& parentPath) {
+    return nameText(s, kesDBMGetStringKey(&s, key), parentPath);
+}
+
+void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth, size_t& visited,
+                 const std::function<void(const Item&)>& visit) {
+    Session& s = db.s;
+    CompRecord rec{};
+    if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read " + path);
+    if (rec.kind == KESDB_KIND_LEAF) {
+        visit(readLeaf(s, key, path));
+        return;
+    }
+    if (depth > kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
+    for (uint32_t child = kesDBMGetFirstChild(&s, key); child != 0; child = kesDBMGetNextChild(&s, child)) {
+        if (++visited > kWalkMax) fail("the tree below " + path + " does not end (a sibling list loops?)");
+        leavesBelow(db, child, childPath(path, childName(s, child, path)), depth + 1, visited, visit);
+    }
 }
 
 // The export text, laid out byte for byte as json::dump(2) lays out the same document,
@@ -193,76 +224,44 @@ private:
     std::vector<char> empty_;  // per open object or array: 1 while it has no member
 };
 
-// The record and the data of the `which` value of the leaf at `path`.
-std::string readValue(Session& s, uint32_t valueKey, ValueRecord& rec, const char* which, const std::string& path) {
-    int32_t n = 0;
-    if (value_get(&s, valueKey, &rec) && rec.length <= static_cast<uint32_t>(kValueMax)) {
-        std::string buf(rec.length, '\0');
-        n = static_cast<int32_t>(rec.length);
-        if (n == 0 || (value_getGeneric(&s, valueKey, buf.data(), &n) == 0 && n == static_cast<int32_t>(rec.length)))
-            return buf;
-    }
-    libraryFailure(s, std::string("cannot read the ") + which + " value of " + path);
-}
-
-void exportLeaf(Session& s, uint32_t key, const std::string& path, Layout& out) {
-    LeafRecord leaf{};
-    if (!comp_getLeaf(&s, key, &leaf)) libraryFailure(s, "cannot read " + path);
-    ValueRecord recs[3]{};
-    const std::string cur = readValue(s, leaf.currentValue, recs[0], "current", path);
-    const std::string def = readValue(s, leaf.defaultValue, recs[1], "default", path);
-    const std::string fac = readValue(s, leaf.factoryValue, recs[2], "factory", path);
-    const uint32_t t = recs[0].type;
-    if (t > Float64) fail(path + ": unknown value type " + std::to_string(t));
+// A leaf's members in the export text: those of leafJson, in its order.
+void writeLeaf(const Item& it, Layout& out) {
+    const uint32_t t = it.type;
+    const size_t w = isNumeric(t) ? static_cast<size_t>(widthOf(t)) : 1;
+    auto member = [&](const std::string& packed, uint32_t i) { return numberToJson(t, packed.substr(i * w, w)); };
     out.key("type");
     out.text(typeName(t));
     if (!isNumeric(t)) {
         out.key("size");
-        out.scalar(std::max({cur.size(), def.size(), fac.size()}));
+        out.scalar(it.size);
     }
-    const char* names[3] = {"current", "default", "factory"};
-    const std::string* bytes[3] = {&cur, &def, &fac};
-    for (int i = 0; i < 3; ++i) {
-        out.key(names[i]);
-        out.scalar(valueJson(t, *bytes[i], path + " " + names[i]));
+    const std::pair<const char*, const std::string*> values[3] = {
+        {"current", &it.current}, {"default", &it.defaults}, {"factory", &it.factory}};
+    for (const auto& [name, bytes] : values) {
+        out.key(name);
+        out.scalar(valueJson(t, *bytes, it.name + " " + name));
     }
-    const uint32_t ck = recs[0].constraintKey;
-    if (ck != 0 && isNumeric(t)) {
-        const uint32_t ctype = constraint_getType(&s, ck);
-        const int w = widthOf(t);
-        // A range of the leaf's type always holds minimum, maximum and step.
-        const int32_t clen = ctype == t ? 3 * w : constraint_getLength(&s, ck);
-        if (clen <= 0 || clen > 8 * 65536) libraryFailure(s, "cannot read the constraint of " + path);
-        std::string data(static_cast<size_t>(clen), '\0');
-        if (constraint_getData(&s, ck, data.data(), static_cast<uint32_t>(clen)) != 0)
-            libraryFailure(s, "cannot read the constraint of " + path);
-        auto member = [&](int32_t i) {
-            return numberToJson(t, data.substr(static_cast<size_t>(i) * w, static_cast<size_t>(w)));
-        };
-        if (ctype == t && clen == 3 * w) {
-            out.key("range");
-            out.open('{');
-            const char* bounds[3] = {"min", "max", "step"};
-            for (int i = 0; i < 3; ++i) {
-                out.key(bounds[i]);
-                out.scalar(member(i));
-            }
-            out.close('}');
-        } else if (ctype == t * KESDB_CSTRT_ENUM_FACTOR && clen % w == 0) {
-            out.key("enum");
-            out.open('[');
-            for (int32_t i = 0; i < clen / w; ++i) {
-                out.item();
-                out.scalar(member(i));
-            }
-            out.close(']');
-        } else {
-            fail(path + ": its constraint of type " + std::to_string(ctype) + " does not fit a " + typeName(t));
+    if (it.hasRange) {
+        out.key("range");
+        out.open('{');
+        const char* bounds[3] = {"min", "max", "step"};
+        for (uint32_t i = 0; i < 3; ++i) {
+            out.key(bounds[i]);
+            out.scalar(member(it.range, i));
         }
+        out.close('}');
+    } else if (it.hasEnum) {
+        out.key("enum");
+        out.open('[');
+        for (uint32_t i = 0; i < it.count; ++i) {
+            out.item();
+            out.scalar(member(it.members, i));
+        }
+        out.close(']');
     }
-    if (leaf.hookIndex != 0) {
+    if (it.hook != 0) {
         out.key("hook");
-        out.scalar(leaf.hookIndex);
+        out.scalar(it.hook);
     }
 }
 
@@ -272,13 +271,9 @@ void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, 
     for (uint32_t key = kesDBMGetFirstChild(&s, parent); key != 0; key = kesDBMGetNextChild(&s, key)) {
         if (++visited > kWalkMax) fail("the tree below " + parentPath + " does not end (a sibling list loops?)");
         if (progress) progress->step();
-        char buf[KESDB_NAME_BUFFER] = {};
         CompRecord rec{};
-        if (!comp_getComponent(&s, key, &rec) || rec.stringKey == 0 ||
-            !kesdb_getString(&s, rec.stringKey, buf, sizeof buf - 1))
-            libraryFailure(s, "cannot read a name below " + parentPath);
-        std::string name(buf);
-        if (depth > 1 && !name.empty() && name[0] == '/') name.erase(0, 1);
+        if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read a name below " + parentPath);
+        const std::string name = nameText(s, rec.stringKey, parentPath);
         const std::string path = childPath(parentPath, name);
         if (!validUtf8(name)) fail(path + ": the name is not UTF-8, which a description cannot hold");
         out.item();
@@ -286,7 +281,7 @@ void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, 
         out.key("name");
         out.text(name);
         if (rec.kind == KESDB_KIND_LEAF) {
-            exportLeaf(s, key, path, out);
+            writeLeaf(readLeaf(s, key, path), out);
         } else {
             if (depth >= kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
             out.key("children");
@@ -340,6 +335,83 @@ uint64_t countItems(const std::vector<Item>& items) {
     uint64_t n = items.size();
     for (const Item& it : items) n += countItems(it.children);
     return n;
+}
+
+json valueJson(uint32_t type, const std::string& bytes, const std::string& what) {
+    if (type == Generic) return json(toHex(bytes));
+    if (type == String) {
+        std::string text(bytes.c_str(), strnlen(bytes.data(), bytes.size()));
+        if (!validUtf8(text)) fail(what + ": the text is not UTF-8, which a description cannot hold");
+        return json(text);
+    }
+    return numberToJson(type, bytes);
+}
+
+Item readLeaf(Session& s, uint32_t key, const std::string& path) {
+    LeafRecord leaf{};
+    if (!comp_getLeaf(&s, key, &leaf)) libraryFailure(s, "cannot read " + path);
+    Item it;
+    it.name = path;
+    it.leaf = true;
+    ValueRecord current{}, other{};
+    it.current = readValue(s, leaf.currentValue, current, "current", path);
+    it.defaults = readValue(s, leaf.defaultValue, other, "default", path);
+    it.factory = readValue(s, leaf.factoryValue, other, "factory", path);
+    if (current.type > Float64) fail(path + ": unknown value type " + std::to_string(current.type));
+    it.type = current.type;
+    it.size = static_cast<int32_t>(std::max({it.current.size(), it.defaults.size(), it.factory.size()}));
+    it.hook = leaf.hookIndex;
+    const uint32_t ck = current.constraintKey;
+    if (ck == 0 || !isNumeric(it.type)) return it;
+    const uint32_t ctype = constraint_getType(&s, ck);
+    const int32_t w = widthOf(it.type);
+    // A range of the leaf's type always holds minimum, maximum and step.
+    const int32_t clen = ctype == it.type ? 3 * w : constraint_getLength(&s, ck);
+    if (clen <= 0 || clen > 8 * 65536) libraryFailure(s, "cannot read the constraint of " + path);
+    std::string data(static_cast<size_t>(clen), '\0');
+    if (constraint_getData(&s, ck, data.data(), static_cast<uint32_t>(clen)) != 0)
+        libraryFailure(s, "cannot read the constraint of " + path);
+    if (ctype == it.type && clen == 3 * w) {
+        it.hasRange = true;
+        it.range = data;
+    } else if (ctype == it.type * KESDB_CSTRT_ENUM_FACTOR && clen % w == 0) {
+        it.hasEnum = true;
+        it.members = data;
+        it.count = static_cast<uint32_t>(clen / w);
+    } else {
+        fail(path + ": its constraint of type " + std::to_string(ctype) + " does not fit a " + typeName(it.type));
+    }
+    return it;
+}
+
+json leafJson(const Item& it) {
+    const uint32_t t = it.type;
+    const int w = isNumeric(t) ? widthOf(t) : 1;
+    auto member = [&](const std::string& packed, uint32_t i) { return packed.substr(i * w, static_cast<size_t>(w)); };
+    json item;
+    item["type"] = typeName(t);
+    if (!isNumeric(t)) item["size"] = it.size;
+    item["current"] = valueJson(t, it.current, it.name + " current");
+    item["default"] = valueJson(t, it.defaults, it.name + " default");
+    item["factory"] = valueJson(t, it.factory, it.name + " factory");
+    if (it.hasRange) {
+        json r;
+        r["min"] = numberToJson(t, member(it.range, 0));
+        r["max"] = numberToJson(t, member(it.range, 1));
+        r["step"] = numberToJson(t, member(it.range, 2));
+        item["range"] = r;
+    } else if (it.hasEnum) {
+        json e = json::array();
+        for (uint32_t i = 0; i < it.count; ++i) e.push_back(numberToJson(t, member(it.members, i)));
+        item["enum"] = e;
+    }
+    if (it.hook != 0) item["hook"] = it.hook;
+    return item;
+}
+
+void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit) {
+    size_t visited = 0;
+    leavesBelow(db, key, path, 1, visited, visit);
 }
 
 }  // namespace kesdb

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -39,5 +40,15 @@ std::string exportText(Database& db, Progress* progress = nullptr);
 
 // Number of components in `items`, their descendants included.
 uint64_t countItems(const std::vector<Item>& items);
+
+// A stored leaf read back as an Item (name = its path; size = its longest value).
+Item readLeaf(Session& s, uint32_t key, const std::string& path);
+// The description form of a leaf, without its name.
+json leafJson(const Item& leaf);
+// A value in JSON: a number, text, hex digit pairs for Generic; non-UTF-8 text fails.
+json valueJson(uint32_t type, const std::string& bytes, const std::string& what);
+// Calls `visit` with every leaf at or below the component `key`, whose path is `path`, in
+// tree order.
+void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit);
 
 }  // namespace kesdb
