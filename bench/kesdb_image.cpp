@@ -140,7 +140,8 @@ int main(int argc, char** argv) {
     std::string base = std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp";
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
-        if (i + 1 >= argc) die("usage: kesdb_image [--leaves N] [--rounds R] [--kesdb PATH] [--sqlite3 PATH] [--dir DIR]");
+        if (i + 1 >= argc)
+            die("usage: kesdb_image [--leaves N] [--rounds R] [--kesdb PATH] [--sqlite3 PATH] [--dir DIR]");
         const std::string v = argv[++i];
         if (a == "--leaves") leaves = std::atoi(v.c_str());
         else if (a == "--rounds") rounds = std::atoi(v.c_str());

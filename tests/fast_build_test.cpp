@@ -48,9 +48,10 @@ void buildReference(Session* s, const DBMInitParam& p) {
     range.min = 1;
     range.max = 65535;
     range.step = 1;
-    const uint32_t portKey = leaf(s, p, net, 0, "/port", Uint32, std::string(reinterpret_cast<const char*>(&port), 4), &range);
+    auto word = [](const uint32_t& v) { return std::string(reinterpret_cast<const char*>(&v), 4); };
+    const uint32_t portKey = leaf(s, p, net, 0, "/port", Uint32, word(port), &range);
     ASSERT_NE(leaf(s, p, net, portKey, "/host", String, std::string("dev", 3) + std::string(13, '\0'), nullptr), 0u);
-    ASSERT_NE(leaf(s, p, root.comp.key, net, "mode", Uint32, std::string(reinterpret_cast<const char*>(&mode), 4), nullptr), 0u);
+    ASSERT_NE(leaf(s, p, root.comp.key, net, "mode", Uint32, word(mode), nullptr), 0u);
     EXPECT_EQ(s->error, 0u);
 }
 
