@@ -14,6 +14,8 @@
 #include "common.hpp"
 #include "database.hpp"
 #include "description.hpp"
+#include "fast_media.hpp"
+#include "progress.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
 
@@ -118,9 +120,11 @@ private:
 }  // namespace
 
 int cmdCreate(const CreateOptions& o) {
+    Progress progress("create", 0);
     // Everything that can be checked is checked before anything is made.
     std::vector<Item> items;
     if (!o.from.empty()) items = parseDescription(o.from);
+    progress.setTotal(countItems(items));
     if (highestHook(items) > o.hooks.size())
         fail(o.from + ": the description uses hook " + std::to_string(highestHook(items)) + " but only " +
              std::to_string(o.hooks.size()) + " --hook lines are given");
@@ -155,9 +159,13 @@ int cmdCreate(const CreateOptions& o) {
         // Building needs no hook; the hooks of another machine are not loaded here.
         writeText(tmp + "/hook.conf", o.targetLibDir.empty() ? hooks : "");
         {
+            // Nobody sees the directory before it is complete, so it is built through the
+            // mapped driver and written to the device once, below.
             Database db(tmp);
+            FastMedia fast(db, FastMedia::Access::Exclusive);
             makeRoot(db);
-            importInto(db, items, static_cast<uint32_t>(o.hooks.size()));
+            importInto(db, items, static_cast<uint32_t>(o.hooks.size()), &progress);
+            fast.flush();
         }
         // The configuration names the media files and libraries at their final place, and
         // the tables used while building (they name the temporary directory) go.
@@ -166,9 +174,16 @@ int cmdCreate(const CreateOptions& o) {
         writeText(tmp + "/hook.conf", hooks);
         for (const char* t : {"db.tbl", "session.tbl", "lock.tbl"})
             for (const char* suffix : {"", ".sem"}) unlink((tmp + "/" + t + suffix).c_str());
+        // Every file and the directory reach the device before the directory takes its name.
+        for (const char* m : o.fourFiles ? std::vector<const char*>(kMediaFiles, kMediaFiles + 4)
+                                         : std::vector<const char*>(single, single + 1))
+            syncPath(tmp + "/" + m);
+        for (const char* f : {kDescriptorFile, "media.conf", "hook.conf"}) syncPath(tmp + "/" + f);
+        syncPath(tmp);
         checkInterrupted();
         if (rename(tmp.c_str(), finalDir.c_str()) != 0)
             fail("cannot rename " + tmp + " to " + finalDir + ": " + std::strerror(errno));
+        syncPath(parentOf(finalDir));
     } catch (...) {
         fs::remove_all(tmp, ec);
         throw;
@@ -184,7 +199,9 @@ int cmdCreate(const CreateOptions& o) {
 }
 
 int cmdImport(const std::string& dir, const std::string& file) {
+    Progress progress("import", 0);
     const std::vector<Item> items = parseDescription(file);  // checked before the database is touched
+    progress.setTotal(countItems(items));
     Database db(dir);
     const uint32_t root = db.root();
     if (kesDBMGetFirstChild(&db.s, root) != 0) fail("the database is not empty (its root has children)");
@@ -212,7 +229,12 @@ int cmdImport(const std::string& dir, const std::string& file) {
                 fail("cannot copy " + m + " aside: " + ec.message());
             saved.push_back(copy);
         }
-        importInto(db, items, hooks);
+        // Through the mapped driver, which other processes using the database see as well;
+        // the media reach the device once, at the end.
+        FastMedia fast(db, FastMedia::Access::Shared);
+        importInto(db, items, hooks, &progress);
+        fast.flush();
+        for (const std::string& m : media) syncPath(m);
     } catch (...) {
         for (size_t i = 0; i < saved.size(); ++i) fs::rename(saved[i], media[i], ec);
         throw;
@@ -225,7 +247,9 @@ int cmdExport(const std::string& dir, const std::string& file) {
     std::string text;
     {
         Database db(dir);
-        text = exportText(db);
+        FastMedia fast(db, FastMedia::Access::Shared);  // reads only: nothing to write back
+        Progress progress("export", 0);
+        text = exportText(db, &progress);
     }
     if (file.empty()) {
         std::fputs(text.c_str(), data());

@@ -20,6 +20,7 @@
 
 #include "database.hpp"
 #include "description.hpp"
+#include "progress.hpp"
 
 namespace kesdb {
 
@@ -29,11 +30,16 @@ void makeRoot(Database& db);
 // Builds `items` below the root, in description order. The root must have no children
 // and no hook index may exceed `hooks`, the number of hooks the database will have;
 // otherwise nothing is written. A failure on the way leaves what was built so far:
-// callers that need all or nothing build in a copy.
-void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks);
+// callers that need all or nothing build in a copy. Each component built is a step of
+// `progress` when one is given.
+void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks, Progress* progress = nullptr);
 
-// The tree below the root as a description, ending with a newline.
-std::string exportText(Database& db);
+// The tree below the root as a description, ending with a newline; each component read
+// is a step of `progress` when one is given.
+std::string exportText(Database& db, Progress* progress = nullptr);
+
+// Number of components in `items`, their descendants included.
+uint64_t countItems(const std::vector<Item>& items);
 
 // A stored leaf read back as an Item (name = its path; size = its longest value).
 Item readLeaf(Session& s, uint32_t key, const std::string& path);
