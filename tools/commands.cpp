@@ -14,6 +14,7 @@
 #include "common.hpp"
 #include "database.hpp"
 #include "description.hpp"
+#include "lock_wait.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
 
@@ -88,21 +89,28 @@ uint32_t leafType(Database& db, uint32_t key, const std::string& path) {
     return static_cast<uint32_t>(type);
 }
 
-// An exclusive lock on a component for the length of a scope (try once).
-class ScopedLock {
-public:
-    ScopedLock(Database& db, uint32_t key, const std::string& what) : db_(db), key_(key) {
-        const int32_t rc = kesDBMLock(&db.s, key, 1);
-        if (rc != 0) fail(what + ": " + codeText(rc) + " (the component is locked)");
+// Runs `change` on every leaf at or below `key`, depth first in list order, each while
+// holding its exclusive lock (the one of `held`, already taken, is not taken again); stops
+// at the first result that is not 0 and returns it.
+template <class Change>
+int32_t forEachLeafLocked(Database& db, uint32_t key, uint32_t held, double wait, const std::string& what,
+                          Change change) {
+    CompRecord c{};
+    if (!comp_getComponent(&db.s, key, &c)) return static_cast<int32_t>(db.s.error);
+    if (c.kind == KESDB_KIND_LEAF) {
+        if (key == held) return change(key);
+        ScopedLock lock(db, key, wait, what + " " + db.pathOf(key));
+        return change(key);
     }
-    ~ScopedLock() { kesDBMUnlock(&db_.s, key_); }
-    ScopedLock(const ScopedLock&) = delete;
-    ScopedLock& operator=(const ScopedLock&) = delete;
+    for (uint32_t child = kesDBMGetFirstChild(&db.s, key); child != 0; child = comp_getNextSibling(&db.s, child)) {
+        checkInterrupted();
+        if (int32_t rc = forEachLeafLocked(db, child, held, wait, what, change); rc != 0) return rc;
+    }
+    return 0;
+}
 
-private:
-    Database& db_;
-    uint32_t key_;
-};
+// Reads leave nothing in the directory they read: their tables are private.
+Access readAccess(bool noHooks) { return noHooks ? Access::PrivateNoHooks : Access::Private; }
 
 }  // namespace
 
@@ -140,21 +148,18 @@ int cmdCreate(const CreateOptions& o) {
             if (int32_t e = kesdb_layMedium((tmp + "/" + m).c_str(), o.size, 0); e != 0)
                 fail(std::string("cannot lay down ") + m + ": " + std::strerror(e));
         writeText(tmp + "/" + kDescriptorFile, descriptorText(o.fourFiles));
-        writeText(tmp + "/media.conf", mediaConfigText(tmp, o.fourFiles, libDir()));
+        // Media files are named relative to the directory, so it works wherever it is moved;
+        // the drivers of another machine are stood in for by the tool's own while building.
+        writeText(tmp + "/media.conf", mediaConfigText(o.fourFiles, libs));
         // Building needs no hook; the hooks of another machine are not loaded here.
         writeText(tmp + "/hook.conf", o.targetLibDir.empty() ? hooks : "");
         {
-            Database db(tmp);
+            // Tables of the build in a private directory: the new one is left without any.
+            Database db(tmp, Access::Private);
             makeRoot(db);
             importInto(db, items, static_cast<uint32_t>(o.hooks.size()));
         }
-        // The configuration names the media files and libraries at their final place, and
-        // the tables used while building (they name the temporary directory) go.
-        writeText(tmp + "/media.conf",
-                  mediaConfigText(o.installDir.empty() ? finalDir : o.installDir, o.fourFiles, libs));
         writeText(tmp + "/hook.conf", hooks);
-        for (const char* t : {"db.tbl", "session.tbl", "lock.tbl"})
-            for (const char* suffix : {"", ".sem"}) unlink((tmp + "/" + t + suffix).c_str());
         checkInterrupted();
         if (rename(tmp.c_str(), finalDir.c_str()) != 0)
             fail("cannot rename " + tmp + " to " + finalDir + ": " + std::strerror(errno));
@@ -162,17 +167,11 @@ int cmdCreate(const CreateOptions& o) {
         fs::remove_all(tmp, ec);
         throw;
     }
-    if (elsewhere) return kExitOk;  // started where it is installed
-    // Database ids come from a shared table that hands a released slot out again only
-    // after the others, and a lock is named by the id: one registration kept from here on
-    // gives the database the same id in every later process, so a lock taken by one
-    // "kesdb lock" is seen by the next command.
-    Database pin(finalDir);
-    pin.keepRegistered();
+    (void)elsewhere;  // started where it is installed; its first start-up there keeps its id
     return kExitOk;
 }
 
-int cmdImport(const std::string& dir, const std::string& file) {
+int cmdImport(const std::string& dir, const std::string& file, double wait) {
     const std::vector<Item> items = parseDescription(file);  // checked before the database is touched
     Database db(dir);
     const uint32_t root = db.root();
@@ -181,7 +180,7 @@ int cmdImport(const std::string& dir, const std::string& file) {
     if (highestHook(items) > hooks)
         fail(file + ": the description uses hook " + std::to_string(highestHook(items)) + " but only " +
              std::to_string(hooks) + " hooks are configured");
-    ScopedLock lock(db, root, "import");
+    ScopedLock lock(db, root, wait, "import");
 
     // All or nothing: the media files are copied aside first and put back when the import
     // fails half-way.
@@ -210,10 +209,10 @@ int cmdImport(const std::string& dir, const std::string& file) {
     return kExitOk;
 }
 
-int cmdExport(const std::string& dir, const std::string& file) {
+int cmdExport(const std::string& dir, const std::string& file, bool noHooks) {
     std::string text;
     {
-        Database db(dir);
+        Database db(dir, readAccess(noHooks));
         text = exportText(db);
     }
     if (file.empty()) {
@@ -225,8 +224,8 @@ int cmdExport(const std::string& dir, const std::string& file) {
     return kExitOk;
 }
 
-int cmdGet(const std::string& dir, const std::string& path, ValueSet which) {
-    Database db(dir);
+int cmdGet(const std::string& dir, const std::string& path, ValueSet which, bool noHooks) {
+    Database db(dir, readAccess(noHooks));
     const uint32_t key = db.find(path);
     const uint32_t type = leafType(db, key, path);
     const int32_t len = kesDBMGetLength(&db.s, key);
@@ -250,7 +249,7 @@ int cmdGet(const std::string& dir, const std::string& path, ValueSet which) {
     return kExitOk;
 }
 
-int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which) {
+int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which, double wait) {
     Database db(dir);
     const uint32_t key = db.find(path);
     const uint32_t type = leafType(db, key, path);
@@ -274,46 +273,46 @@ int cmdSet(const std::string& dir, const std::string& path, const std::string& t
         fail("value '" + text + "' " + why);
     }
     const int32_t size = static_cast<int32_t>(data.size());
+    ScopedLock lock(db, key, wait, "set " + path);
     const int32_t rc = which == ValueSet::Default ? kesDBMSetDefaultGeneric(&db.s, key, data.data(), size)
                                                   : kesDBMSetGeneric(&db.s, key, data.data(), size);
     if (rc != 0) refused("set " + path, db.s, rc);
     return kExitOk;
 }
 
-int cmdReset(const std::string& dir, const std::string& path) {
+// The named component is locked for the whole command, and each leaf below it while it is
+// copied (a lock covers its own component only).
+int cmdReset(const std::string& dir, const std::string& path, double wait) {
     Database db(dir);
     const uint32_t key = db.find(path);
-    if (int32_t rc = kesDBMDefaultToCurrent(&db.s, key); rc != 0) refused("reset " + path, db.s, rc);
+    ScopedLock lock(db, key, wait, "reset " + path);
+    const int32_t rc = forEachLeafLocked(db, key, key, wait, "reset", [&](uint32_t k) {
+        return kesDBMDefaultToCurrent(&db.s, k);
+    });
+    if (rc != 0) refused("reset " + path, db.s, rc);
     return kExitOk;
 }
 
-int cmdFactoryToDefault(const std::string& dir, const std::string& path) {
+int cmdFactoryToDefault(const std::string& dir, const std::string& path, double wait) {
     Database db(dir);
     const uint32_t key = db.find(path);
-    if (int32_t rc = kesDBMFactoryToDefault(&db.s, key); rc != 0) refused("factory-to-default " + path, db.s, rc);
+    ScopedLock lock(db, key, wait, "factory-to-default " + path);
+    const int32_t rc =
+        forEachLeafLocked(db, key, key, wait, "factory-to-default", [&](uint32_t k) { return kesDBMFactoryToDefault(&db.s, k); });
+    if (rc != 0) refused("factory-to-default " + path, db.s, rc);
     return kExitOk;
 }
 
-int cmdPrint(const std::string& dir, const std::string& path) {
-    Database db(dir);
+int cmdPrint(const std::string& dir, const std::string& path, bool noHooks) {
+    Database db(dir, readAccess(noHooks));
     kesDBMtraverseAndPrint(&db.s, db.find(path));
     std::fflush(stdout);
     return kExitOk;
 }
 
-int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce) {
+int cmdLock(const std::string& dir, const std::string& path, bool shared, double wait) {
     Database db(dir);
-    const uint32_t key = db.find(path);
-    const uint32_t kind = shared ? KESDB_LOCK_SHARED : 0u;
-    // Waiting is a try repeated every 20 ms rather than the library's own wait, so that
-    // an interrupted wait gives its session back before the tool leaves.
-    int32_t rc = kesDBMLock(&db.s, key, kind | 1u);
-    while (!tryOnce && rc == KESDB_ERR_LOCK_BUSY) {
-        if (interrupted()) failInterrupted();
-        usleep(20 * 1000);
-        rc = kesDBMLock(&db.s, key, kind | 1u);
-    }
-    if (rc != 0) fail("lock " + path + ": " + codeText(rc));
+    lockWithin(db, db.find(path), shared, wait, "lock " + path);
     return kExitOk;
 }
 

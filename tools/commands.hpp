@@ -24,14 +24,17 @@ struct CreateOptions {
 enum class ValueSet { Current, Default, Factory };
 
 int cmdCreate(const CreateOptions& options);
-int cmdImport(const std::string& dir, const std::string& file);
-int cmdExport(const std::string& dir, const std::string& file);  // "" for standard output
-int cmdGet(const std::string& dir, const std::string& path, ValueSet which);
-int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which);
-int cmdReset(const std::string& dir, const std::string& path);
-int cmdFactoryToDefault(const std::string& dir, const std::string& path);
-int cmdPrint(const std::string& dir, const std::string& path);  // "" for the whole tree
-int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce);
+// Commands that change values hold the exclusive lock of what they change, waiting up to
+// `wait` seconds for another holder (lock: negative waits without limit, 0 tries once).
+// Reads (`noHooks`: without the hooks) use private tables and leave nothing in DIR.
+int cmdImport(const std::string& dir, const std::string& file, double wait);
+int cmdExport(const std::string& dir, const std::string& file, bool noHooks);  // "" for standard output
+int cmdGet(const std::string& dir, const std::string& path, ValueSet which, bool noHooks);
+int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which, double wait);
+int cmdReset(const std::string& dir, const std::string& path, double wait);
+int cmdFactoryToDefault(const std::string& dir, const std::string& path, double wait);
+int cmdPrint(const std::string& dir, const std::string& path, bool noHooks);  // "" for the whole tree
+int cmdLock(const std::string& dir, const std::string& path, bool shared, double wait);
 int cmdUnlock(const std::string& dir, const std::string& path);
 int cmdLocks(const std::string& dir);
 

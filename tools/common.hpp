@@ -10,10 +10,12 @@ namespace kesdb {
 // Descriptions keep their keys in the order written, so an export reads like its source.
 using json = nlohmann::ordered_json;
 
-// Exit status: 0 success, 1 usage error, 2 data or library error, 130 interrupted.
+// Exit status: 0 success, 1 usage error, 2 data or library error, 5 a lock is held by
+// another session (after waiting), 130 interrupted.
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 1;
 constexpr int kExitData = 2;
+constexpr int kExitBusy = 5;
 constexpr int kExitInterrupted = 130;
 
 // An error that ends the command: the message for standard error (without "kesdb: ")

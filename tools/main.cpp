@@ -18,6 +18,7 @@
 #include "commands.hpp"
 #include "common.hpp"
 #include "database.hpp"
+#include "lock_wait.hpp"
 
 namespace kesdb {
 namespace {
@@ -130,14 +131,14 @@ const std::vector<CommandSpec> kCommands = {
       {"--target-lib-dir", true}},
      0,
      1},
-    {"import", {}, 1, 1},
-    {"export", {}, 0, 1},
-    {"get", {{"--default", false}, {"--factory", false}}, 1, 1},
-    {"set", {{"--default", false}}, 2, 2},
-    {"reset", {}, 0, 1},
-    {"factory-to-default", {}, 0, 1},
-    {"print", {}, 0, 1},
-    {"lock", {{"--shared", false}, {"--try", false}}, 1, 1},
+    {"import", {{"--wait", true}}, 1, 1},
+    {"export", {{"--no-hooks", false}}, 0, 1},
+    {"get", {{"--default", false}, {"--factory", false}, {"--no-hooks", false}}, 1, 1},
+    {"set", {{"--default", false}, {"--wait", true}}, 2, 2},
+    {"reset", {{"--wait", true}}, 0, 1},
+    {"factory-to-default", {{"--wait", true}}, 0, 1},
+    {"print", {{"--no-hooks", false}}, 0, 1},
+    {"lock", {{"--shared", false}, {"--try", false}, {"--wait", true}}, 1, 1},
     {"unlock", {}, 1, 1},
     {"locks", {}, 0, 0},
     {"orphans", {{"--clear", false}, {"--closed", false}, {"--session-table", true}, {"--lock-table", true}}, 0, 0},
@@ -218,6 +219,19 @@ uint32_t sizeOption(const std::string& text) {
     return static_cast<uint32_t>(n);
 }
 
+// --wait SECONDS, or `otherwise` when it is not given.
+double waitOption(const CommandLine& cl, double otherwise) {
+    auto it = cl.options.find("--wait");
+    if (it == cl.options.end()) return otherwise;
+    const std::string& text = it->second.back();
+    char* end = nullptr;
+    errno = 0;
+    const double n = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || errno != 0 || !(n >= 0) || n > 1e9)
+        usageError("--wait " + text + " is not a number of seconds (0 or more)");
+    return n;
+}
+
 int run(const std::vector<std::string>& argv) {
     CommandLine cl = parse(argv);
     if (cl.help || (cl.command && std::string(cl.command->name) == "help")) {
@@ -248,7 +262,8 @@ int run(const std::vector<std::string>& argv) {
         o.clear = cl.has("--clear");
         o.closedLocks = cl.has("--closed");
         if (o.closedLocks && !o.clear) usageError("orphans: --closed goes with --clear");
-        if (!cl.dir.empty()) {
+        cl.dir = defaultDir(cl.dir);
+        if (!cl.dir.empty() && !(cl.has("--session-table") && cl.has("--lock-table"))) {
             const TablePaths paths = tablePaths(cl.dir);
             o.sessionTable = paths.session;
             o.lockTable = paths.lock;
@@ -259,22 +274,29 @@ int run(const std::vector<std::string>& argv) {
             usageError("orphans needs the database directory (-d DIR) or --session-table and --lock-table");
         return cmdOrphans(o);
     }
-    if (cl.dir.empty()) usageError(cmd + " needs the database directory: -d DIR");
-    if (cmd == "import") return cmdImport(cl.dir, arg0);
-    if (cmd == "export") return cmdExport(cl.dir, arg0);
+    cl.dir = defaultDir(cl.dir);
+    if (cl.dir.empty()) usageError(cmd + " needs the database directory: -d DIR (or KESDB_DIR)");
+    const double wait = waitOption(cl, kDefaultWait);
+    const bool noHooks = cl.has("--no-hooks");
+    if (cmd == "import") return cmdImport(cl.dir, arg0, wait);
+    if (cmd == "export") return cmdExport(cl.dir, arg0, noHooks);
     if (cmd == "get") {
         if (cl.has("--default") && cl.has("--factory")) usageError("get: --default and --factory exclude each other");
         return cmdGet(cl.dir, arg0,
                       cl.has("--default")   ? ValueSet::Default
                       : cl.has("--factory") ? ValueSet::Factory
-                                            : ValueSet::Current);
+                                            : ValueSet::Current,
+                      noHooks);
     }
     if (cmd == "set")
-        return cmdSet(cl.dir, arg0, cl.args[1], cl.has("--default") ? ValueSet::Default : ValueSet::Current);
-    if (cmd == "reset") return cmdReset(cl.dir, arg0);
-    if (cmd == "factory-to-default") return cmdFactoryToDefault(cl.dir, arg0);
-    if (cmd == "print") return cmdPrint(cl.dir, arg0);
-    if (cmd == "lock") return cmdLock(cl.dir, arg0, cl.has("--shared"), cl.has("--try"));
+        return cmdSet(cl.dir, arg0, cl.args[1], cl.has("--default") ? ValueSet::Default : ValueSet::Current, wait);
+    if (cmd == "reset") return cmdReset(cl.dir, arg0, wait);
+    if (cmd == "factory-to-default") return cmdFactoryToDefault(cl.dir, arg0, wait);
+    if (cmd == "print") return cmdPrint(cl.dir, arg0, noHooks);
+    if (cmd == "lock") {
+        if (cl.has("--try") && cl.has("--wait")) usageError("lock: --try and --wait exclude each other");
+        return cmdLock(cl.dir, arg0, cl.has("--shared"), cl.has("--try") ? 0 : waitOption(cl, -1));
+    }
     if (cmd == "unlock") return cmdUnlock(cl.dir, arg0);
     return cmdLocks(cl.dir);
 }
