@@ -24,9 +24,10 @@ std::string parentDir(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// A failed start-up or descriptor read: the library's own account of it.
-[[noreturn]] void failStart(const std::string& what, int32_t code) {
-    const std::string cause = kesDBMInitDirFailure();
+// A failed start-up or descriptor read of DIR: the library's own account of it.
+[[noreturn]] void failStart(const std::string& what, const std::string& dir, int32_t code) {
+    std::string cause = kesDBMInitDirFailure();
+    if (cause.rfind(dir + ": ", 0) == 0) cause.erase(0, dir.size() + 2);
     fail(what + ": " + (cause.empty() ? codeText(code) : cause + " (" + codeText(code) + ")"));
 }
 
@@ -77,7 +78,7 @@ std::string mediaConfigText(bool fourFiles, const std::string& libDirectory) {
 TablePaths tablePaths(const std::string& dir) {
     DBMInitParam p{};
     if (int32_t rc = quietly([&] { return kesdb_dirParam(dir.c_str(), nullptr, &p); }); rc != 0)
-        failStart("cannot read the database in " + dir, rc);
+        failStart("cannot read the database in " + dir, absolutePath(dir), rc);
     return {p.sessionTablePath, p.lockTablePath};
 }
 
@@ -113,7 +114,7 @@ Database::Database(const std::string& dirIn, Access access) {
     id_ = quietly([&] { return kesDBMInitDirEx(dir_.c_str(), &o, &err); });
     if (id_ < 0) {
         removeTables();
-        failStart("cannot start the database in " + dir_, err);
+        failStart("cannot start the database in " + dir_, dir_, err);
     }
     if (const DBMInitParam* p = db_getDb(static_cast<uint32_t>(id_))) param_ = *p;
     const int32_t rc = kesDBMInitSession(&s, static_cast<uint32_t>(id_));
