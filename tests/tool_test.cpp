@@ -470,13 +470,14 @@ TEST_F(Tool, HelpAndManualPageListEveryCommand) {
     for (const char* c : {"create", "--files", "--size", "--hook", "--from", "import", "export", "get", "--default",
                           "--factory", "set", "reset", "factory-to-default", "print", "lock", "--shared", "--try",
                           "unlock", "locks", "--lib-dir", "--install-dir", "--target-lib-dir", "KESDB_DBTABLE",
-                          "SIM_BYTE_ORDER", "KESDB_LIB_DIR"}) {
+                          "SIM_BYTE_ORDER", "KESDB_LIB_DIR", "KESDB_DIR", "--wait", "--no-hooks"}) {
         EXPECT_NE(r.out.find(c), std::string::npos) << c;
         std::string escaped;
         for (char ch : std::string(c)) escaped += ch == '-' ? std::string("\\-") : std::string(1, ch);
         EXPECT_TRUE(manual.find(escaped) != std::string::npos || manual.find(c) != std::string::npos) << c;
     }
-    EXPECT_NE(r.out.find("Exit status: 0 success, 1 usage error, 2 data or library error, 130 interrupted.\n"),
+    EXPECT_NE(r.out.find("Exit status: 0 success, 1 usage error, 2 data or library error, 5 lock held by another\n"
+                         "session, 130 interrupted.\n"),
               std::string::npos);
     EXPECT_EQ(kesdb(dir, {"help"}).out, r.out);
     EXPECT_EQ(kesdb(dir, {"set", "--help"}).out, r.out);

@@ -44,29 +44,30 @@ const char kHelp[] =
     "      PATH, where the driver and hook libraries are there; media.conf and hook.conf\n"
     "      then name those, hooks of --target-lib-dir are not loaded here, and no table\n"
     "      is left in DIR.\n"
-    "  import FILE\n"
+    "  import FILE [--wait SECONDS]\n"
     "      Build the tree of a description below the root of an empty database. All or\n"
     "      nothing: when it fails half-way the media are put back as they were.\n"
-    "  export [FILE]\n"
+    "  export [FILE] [--no-hooks]\n"
     "      Write the tree as a description to FILE or standard output; importing it\n"
     "      again and exporting gives the same bytes.\n"
-    "  get PATH [--default | --factory]\n"
+    "  get PATH [--default | --factory] [--no-hooks]\n"
     "      Print a leaf's current (default, factory) value by its type: numbers in decimal,\n"
     "      String as text, Generic as hex digit pairs.\n"
-    "  set PATH VALUE [--default]\n"
+    "  set PATH VALUE [--default] [--wait SECONDS]\n"
     "      Write a leaf's current (default) value. The text must parse for the leaf's type\n"
     "      (integers in decimal or 0x hex; nan, inf, -inf for floating point) and lie in\n"
     "      its range; the library then applies the constraint and the hooks.\n"
-    "  reset [PATH]\n"
+    "  reset [PATH] [--wait SECONDS]\n"
     "      Copy default values to current values below PATH (default: the whole tree),\n"
     "      through the leaves' hooks.\n"
-    "  factory-to-default [PATH]\n"
+    "  factory-to-default [PATH] [--wait SECONDS]\n"
     "      Copy factory values to default values below PATH (default: the whole tree).\n"
-    "  print [PATH]\n"
+    "  print [PATH] [--no-hooks]\n"
     "      Print the tree, or the subtree at PATH, as the library prints it.\n"
-    "  lock PATH [--shared] [--try]\n"
+    "  lock PATH [--shared] [--try | --wait SECONDS]\n"
     "      Lock a component: exclusive unless --shared; wait until the lock is free unless\n"
-    "      --try. The lock stays in the lock table after the tool ends, until unlocked.\n"
+    "      --try (fail at once) or --wait. The lock stays in the lock table after the tool\n"
+    "      ends, until unlocked.\n"
     "  unlock PATH\n"
     "      Release a lock on a component.\n"
     "  locks\n"
@@ -81,8 +82,15 @@ const char kHelp[] =
     "  help\n"
     "      This text (also -h, --help).\n"
     "\n"
+    "Commands that change values (set, reset, factory-to-default, import) hold the exclusive\n"
+    "lock of each component they change, waiting up to --wait SECONDS (default 10) for\n"
+    "another holder; then they fail with status 5, naming the holder. Reads (get, export,\n"
+    "print) leave nothing in DIR; --no-hooks starts the database without hooks (a device\n"
+    "image's, whose hooks are built for the target).\n"
+    "\n"
     "Options for every command:\n"
-    "  -d DIR, --dir DIR   the database directory (create also takes it as its argument)\n"
+    "  -d DIR, --dir DIR   the database directory (default $KESDB_DIR; create also takes it\n"
+    "                      as its argument)\n"
     "  --lib-dir DIR       directory of the driver and hook libraries (default: $KESDB_LIB_DIR,\n"
     "                      else the installed ../lib/kesdbm beside the kesdb program, else\n"
     "                      ../lib beside it)\n"
@@ -102,12 +110,14 @@ const char kHelp[] =
     "  a later sibling's name (the path search would stop at the node).\n"
     "\n"
     "Environment:\n"
-    "  KESDB_DBTABLE   database table (default DIR/db.tbl)\n"
-    "  SIM_BYTE_ORDER  byte-order rule of the library (default here BIG_ENDIAN, the order in\n"
-    "                  which the free lists are read back on this host and on the target)\n"
+    "  KESDB_DIR       database directory (see -d)\n"
     "  KESDB_LIB_DIR   library directory (see --lib-dir)\n"
+    "The database is started from its directory as applications start it (kesDBMInitDir):\n"
+    "its table is DIR/db.tbl, its files are named relative to DIR, and KESDB_DBTABLE,\n"
+    "KESDB_DEFMEDIA and SIM_BYTE_ORDER are not read.\n"
     "\n"
-    "Exit status: 0 success, 1 usage error, 2 data or library error, 130 interrupted.\n"
+    "Exit status: 0 success, 1 usage error, 2 data or library error, 5 lock held by another\n"
+    "session, 130 interrupted.\n"
     "Library errors are shown with their code and name, as \"66 KESDB_ERR_CSTRT_BELOWMIN\".\n";
 
 struct OptionSpec {
@@ -306,10 +316,6 @@ int run(const std::vector<std::string>& argv) {
 
 int main(int argc, char** argv) {
     kesdb::installSignalHandlers();
-    // The free-list allocator writes its elements byte-reversed under "LITTLE_ENDIAN" (and,
-    // when this is unset, on a little-endian host) but reads them back unconverted; in
-    // BIG_ENDIAN they are written as read, which is right on this host and on the target.
-    setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 0);
     try {
         return kesdb::run(std::vector<std::string>(argv + 1, argv + argc));
     } catch (const kesdb::Failure& f) {
