@@ -139,9 +139,15 @@ void Database::removeTables() {
 }
 
 uint32_t Database::root() {
-    uint32_t r = kesDBMGetRoot(&s);
-    if (r == 0) fail(dir_ + ": the database has no root node");
-    return r;
+    const uint32_t r = quietly([&] { return kesDBMGetRoot(&s); });
+    if (r != 0) return r;
+    // The root word could not be read: name the component medium and what is wrong with it.
+    const std::vector<std::string> files = mediaFiles();
+    const std::string medium = files.empty() ? std::string() : files[0];
+    if (s.error != 0 && !medium.empty() && access(medium.c_str(), R_OK | W_OK) != 0)
+        fail(dir_ + ": cannot open the component medium " + medium + ": " + std::strerror(errno));
+    if (s.error != 0) fail(dir_ + ": cannot read the root node from " + medium + ": " + codeText(s.error));
+    fail(dir_ + ": the database has no root node");
 }
 
 std::string Database::name(uint32_t key) {
