@@ -86,6 +86,9 @@ enum class Access {
     PrivateNoHooks,  // as Private, and without hooks (hook libraries built for another machine)
 };
 
+// Reads leave nothing in the directory they read: their tables are private.
+inline Access readAccess(bool noHooks) { return noHooks ? Access::PrivateNoHooks : Access::Private; }
+
 // A started database with one open session, closed again in the destructor. It is started
 // as applications start it (kesDBMInitDir), with the tool's own drivers standing in for the
 // drivers media.conf names where the tool has one of the same name.

@@ -93,7 +93,7 @@ void lockWithin(Database& db, uint32_t key, bool shared, double wait, const std:
         fail(what + ": locked by " + lockHolders(db, key) + (wait > 0 ? std::string(" (waited ") + waited + ")" : ""),
              kExitBusy);
     }
-    if (rc != 0) fail(what + ": " + codeText(rc));
+    if (rc != 0) failCode(what, rc);
 }
 
 }  // namespace kesdb

@@ -129,9 +129,9 @@ typedef struct DBMDirOptions {
 KESDB_API int32_t kesDBMInitDirEx(const char *dir, const DBMDirOptions *options, int32_t *errorWord);
 
 /**
- * Extension: what made the last kesDBMInitDir() or kesDBMInitDirEx() of this process fail,
- * as one line of text naming the file, library or directory ("cannot load the driver
- * /usr/lib/kesdbm/libkesdrv_file.so: ..."); the empty string after a success.
+ * Extension: what made the last kesDBMInitDir() or kesDBMInitDirEx() of this process fail.
+ * @return One line of text naming the file, library or directory ("cannot load the driver
+ *         /usr/lib/kesdbm/libkesdrv_file.so: ..."); the empty string after a success.
  */
 KESDB_API const char *kesDBMInitDirFailure(void);
 /** @} */
@@ -423,11 +423,15 @@ KESDB_API int32_t kesDBMGetLength(Session *s, uint32_t key);
 /**
  * Copies the current value of one leaf to another, with the hooks of both: the destination
  * receives exactly its own length of bytes, the source's cut short or followed by zeros.
- * Types are not compared; the destination's constraint applies.
+ * Types are not compared; the destination's constraint applies. Only a non-zero result of
+ * the source read ends the copy: a source whose value record cannot be read gives the
+ * destination zeros, and the read's code stays in the session while the call returns the
+ * write's result.
  * @param s The session.
  * @param source Component key of the leaf read.
  * @param destination Component key of the leaf written.
- * @return 0, #KESDB_ERR_NOMEM (recorded with errno), or a code of the read or the write.
+ * @return 0, #KESDB_ERR_NOMEM (recorded with errno; also for a destination whose value record
+ *         cannot be read, as its length -1 cannot be allocated), or a code of the read or the write.
  */
 KESDB_API int32_t kesDBMCopy(Session *s, uint32_t source, uint32_t destination);
 /** @} */

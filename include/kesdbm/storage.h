@@ -483,9 +483,9 @@ KESDB_API int32_t flst_m_setRoot(Session *s, uint32_t medium, uint32_t root);
 KESDB_API int32_t kesdb_layMedium(const char *path, uint32_t size, uint32_t root);
 
 /**
- * Extension, for tools: the file the built-in medium opens now: the descriptor's file of a
- * database started from its directory (kesDBMInitDir()), else $KESDB_DEFMEDIA; NULL when
- * neither names one.
+ * Extension, for tools: the file the built-in medium opens now.
+ * @return The descriptor's file of a database started from its directory (kesDBMInitDir()),
+ *         else $KESDB_DEFMEDIA; NULL when neither names one.
  */
 KESDB_API const char *kesdb_defMediaFile(void);
 
