@@ -4,6 +4,7 @@
 #include "kesdbm/kesdbm.h"
 #include "storage/medium_io.hpp"
 #include "tree/walk_guard.hpp"
+#include "value/changes.hpp"
 
 namespace {
 
@@ -17,11 +18,39 @@ bool rootOf(Session* s, uint32_t* root) {
     return kes::recordedBy(s, [&] { *root = comp_getRoot(s); }) == 0;
 }
 
+// Changes for watchers (value/changes.cpp). A call that changes one component enters it when
+// it succeeds; a call that walks a subtree enters its start whatever its result, since it may
+// have changed part of the subtree before it failed.
+int32_t entered(Session* s, int32_t result, uint32_t key, uint32_t parent = 0) {
+    if (result == 0) kes::changes::record(s, key, parent);
+    return result;
+}
+int32_t walked(Session* s, int32_t result, uint32_t key, uint32_t parent = 0) {
+    kes::changes::record(s, key, parent);
+    return result;
+}
+uint32_t created(Session* s, uint32_t key) {
+    kes::changes::record(s, key, 0);
+    return key;
+}
+
+// The parent a component has before it moves or goes: read only when changes are entered, and
+// without a trace in the session (the call itself reports on the component).
+uint32_t parentBefore(Session* s, uint32_t key) {
+    if (!kes::changes::recording() || !s) return 0;
+    const uint32_t error = s->error, detail = s->errorDetail;
+    CompRecord comp;
+    const uint32_t parent = comp_getComponent(s, key, &comp) ? comp.parent : 0u;
+    session_setError(s, static_cast<int32_t>(error), detail);
+    return parent;
+}
+
 }  // namespace
 
 extern "C" {
 
-// Calls that hand their arguments to one operation and return its result unchanged.
+// Calls that hand their arguments to one operation and return its result unchanged; those that
+// change the tree also enter the change for watchers.
 uint32_t kesDBMGetRoot(Session* s) { return comp_getRoot(s); }
 uint32_t kesDBMGetParent(Session* s, uint32_t key) { return comp_getParent(s, key); }
 uint32_t kesDBMGetFirstChild(Session* s, uint32_t key) { return comp_getFirstChild(s, key); }
@@ -31,42 +60,53 @@ uint32_t kesDBMGetChildByIndex(Session* s, uint32_t key, int32_t index) {
     return comp_getChildByIndex(s, key, index);
 }
 uint32_t kesDBMCreateNode(Session* s, uint32_t stringKey, uint32_t parent, uint32_t previous, uint32_t child) {
-    return node_create(s, stringKey, parent, previous, child);
+    return created(s, node_create(s, stringKey, parent, previous, child));
 }
 uint32_t kesDBMCreateLeaf(Session* s, uint32_t stringKey, uint32_t parent, uint32_t previous, uint32_t currentValue,
                           uint32_t defaultValue, uint32_t factoryValue, uint32_t hookIndex) {
-    return leaf_create(s, stringKey, parent, previous, currentValue, defaultValue, factoryValue, hookIndex);
+    return created(s, leaf_create(s, stringKey, parent, previous, currentValue, defaultValue, factoryValue, hookIndex));
 }
 int32_t kesDBMMoveLeaf(Session* s, uint32_t leaf, uint32_t newParent, uint32_t newPrevious) {
-    return leaf_move(s, leaf, newParent, newPrevious);
+    const uint32_t before = parentBefore(s, leaf);
+    return entered(s, leaf_move(s, leaf, newParent, newPrevious), leaf, before);
 }
 int32_t kesDBMMoveNode(Session* s, uint32_t node, uint32_t newParent, uint32_t newPrevious, uint32_t child) {
-    return node_move(s, node, newParent, newPrevious, child);
+    const uint32_t before = parentBefore(s, node);
+    return walked(s, node_move(s, node, newParent, newPrevious, child), node, before);
 }
 int32_t kesDBMMoveSubTree(Session* s, uint32_t node, uint32_t newParent, uint32_t newPrevious) {
-    return node_moveWithSub(s, node, newParent, newPrevious);
+    const uint32_t before = parentBefore(s, node);
+    return walked(s, node_moveWithSub(s, node, newParent, newPrevious), node, before);
 }
-int32_t kesDBMDeleteComponent(Session* s, uint32_t key) { return comp_delete(s, key); }
-int32_t kesDBMDeleteComponentWithSub(Session* s, uint32_t key) { return comp_deleteWithSub(s, key, 1); }
-int32_t kesDBMCurrentToDefault(Session* s, uint32_t key) { return comp_currentToDefault(s, key); }
-int32_t kesDBMFactoryToDefault(Session* s, uint32_t key) { return comp_factoryToDefault(s, key); }
-int32_t kesDBMDefaultToCurrent(Session* s, uint32_t key) { return comp_defaultToCurrent(s, key); }
+int32_t kesDBMDeleteComponent(Session* s, uint32_t key) {
+    const uint32_t before = parentBefore(s, key);
+    return entered(s, comp_delete(s, key), key, before);
+}
+int32_t kesDBMDeleteComponentWithSub(Session* s, uint32_t key) {
+    const uint32_t before = parentBefore(s, key);
+    return walked(s, comp_deleteWithSub(s, key, 1), key, before);
+}
+int32_t kesDBMCurrentToDefault(Session* s, uint32_t key) { return walked(s, comp_currentToDefault(s, key), key); }
+int32_t kesDBMFactoryToDefault(Session* s, uint32_t key) { return walked(s, comp_factoryToDefault(s, key), key); }
+int32_t kesDBMDefaultToCurrent(Session* s, uint32_t key) { return walked(s, comp_defaultToCurrent(s, key), key); }
 int32_t kesDBMLock(Session* s, uint32_t key, uint32_t mode) { return comp_lock(s, key, mode); }
 int32_t kesDBMUnlock(Session* s, uint32_t key) { return comp_unlock(s, key); }
 uint32_t kesDBMGetCurrentValueKey(Session* s, uint32_t leaf) { return leaf_getCurrentValueKey(s, leaf); }
 uint32_t kesDBMGetDefaultValueKey(Session* s, uint32_t leaf) { return leaf_getDefaultValueKey(s, leaf); }
 uint32_t kesDBMGetFactoryValueKey(Session* s, uint32_t leaf) { return leaf_getFactoryValueKey(s, leaf); }
 int32_t kesDBMSetCurrentValueKey(Session* s, uint32_t leaf, uint32_t valueKey) {
-    return leaf_setCurrentValueKey(s, leaf, valueKey);
+    return entered(s, leaf_setCurrentValueKey(s, leaf, valueKey), leaf);
 }
 int32_t kesDBMSetDefaultValueKey(Session* s, uint32_t leaf, uint32_t valueKey) {
-    return leaf_setDefaultValueKey(s, leaf, valueKey);
+    return entered(s, leaf_setDefaultValueKey(s, leaf, valueKey), leaf);
 }
 int32_t kesDBMSetFactoryValueKey(Session* s, uint32_t leaf, uint32_t valueKey) {
-    return leaf_setFactoryValueKey(s, leaf, valueKey);
+    return entered(s, leaf_setFactoryValueKey(s, leaf, valueKey), leaf);
 }
 uint32_t kesDBMGetStringKey(Session* s, uint32_t key) { return comp_getStringKey(s, key); }
-int32_t kesDBMSetStringKey(Session* s, uint32_t key, uint32_t stringKey) { return comp_setStringKey(s, key, stringKey); }
+int32_t kesDBMSetStringKey(Session* s, uint32_t key, uint32_t stringKey) {
+    return entered(s, comp_setStringKey(s, key, stringKey), key);
+}
 uint32_t kesDBMCreateValue(Session* s, uint32_t type, uint32_t creatorWord, const void* data, int32_t size,
                            uint32_t dataMedium) {
     return value_create(s, type, creatorWord, data, size, dataMedium);
