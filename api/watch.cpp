@@ -78,7 +78,10 @@ extern "C" int32_t kesDBMWatch(Session* s, uint32_t key, uint32_t* sequence, int
     if (!r) return session_setError(s, KESDB_ERR_MMAP, 0);
     const int32_t room = *count > 0 ? *count : 0;
     *count = 0;
-    if (*sequence == 0) *sequence = changes::head(r);
+    // Callers see positions plus one, so that 0 can mean "now" (it comes round again only
+    // after 2^32 changes).
+    uint32_t next = *sequence == 0 ? changes::head(r) : *sequence - 1u;
+    kes::ScopeExit handBack([&] { *sequence = next + 1u; });
     const int64_t deadline = timeoutMs < 0 ? -1 : nowNs() + static_cast<int64_t>(timeoutMs) * 1000000;
     // The walks may record read failures; the call leaves the session's error as it found it.
     const uint32_t savedError = s ? s->error : 0u;
@@ -88,7 +91,7 @@ extern "C" int32_t kesDBMWatch(Session* s, uint32_t key, uint32_t* sequence, int
     for (;;) {
         const uint32_t seen = changes::event(r);
         const uint32_t head = changes::head(r);
-        uint32_t position = *sequence;
+        uint32_t position = next;
         int32_t n = 0;
         bool missed = head - position > KESDB_WATCH_RING;
         for (; !missed && position != head; ++position) {
@@ -107,11 +110,11 @@ extern "C" int32_t kesDBMWatch(Session* s, uint32_t key, uint32_t* sequence, int
             changed[n++] = c.key;
         }
         if (missed) {
-            *sequence = head;
+            next = head;
             *count = -1;
             return 0;
         }
-        *sequence = position;
+        next = position;
         if (n > 0) {
             *count = n;
             return 0;

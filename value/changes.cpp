@@ -122,4 +122,4 @@ bool wait(const Record* r, uint32_t seen, int64_t timeoutNs) {
 
 }  // namespace kes::changes
 
-extern "C" void changes_setRecording(int32_t on) { kes::changes::g_changes.on = on != 0; }
+extern "C" void kesdb_recordChanges(int32_t on) { kes::changes::g_changes.on = on != 0; }

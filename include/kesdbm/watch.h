@@ -74,7 +74,7 @@ KESDB_API int32_t kesDBMWatch(Session *s, uint32_t key, uint32_t *sequence, int3
  * on (any other value; the default). Watchers learn nothing of changes made while it is off.
  * @param on 0 to stop entering changes, non-zero to enter them again.
  */
-KESDB_API void changes_setRecording(int32_t on);
+KESDB_API void kesdb_recordChanges(int32_t on);
 
 #ifdef __cplusplus
 }
