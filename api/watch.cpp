@@ -23,10 +23,11 @@ int64_t nowNs() {
     return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
-// The parent of a component, 0 when it has none or cannot be read.
+// The parent of a component, 0 when it has none or cannot be read (a deleted component's
+// space no longer carries its key and ends the walk).
 uint32_t parentOf(Session* s, uint32_t key) {
     CompRecord comp;
-    return key != 0 && comp_getComponent(s, key, &comp) ? comp.parent : 0u;
+    return key != 0 && kes::tree::readCommon(s, key, &comp) ? comp.parent : 0u;
 }
 
 struct Watch {

@@ -154,7 +154,7 @@ int cmdCreate(const CreateOptions& o) {
                   mediaConfigText(o.installDir.empty() ? finalDir : o.installDir, o.fourFiles, libs));
         writeText(tmp + "/hook.conf", hooks);
         for (const char* t : {"db.tbl", "session.tbl", "lock.tbl"})
-            for (const char* suffix : {"", ".sem"}) unlink((tmp + "/" + t + suffix).c_str());
+            for (const char* suffix : {"", ".sem", KESDB_WATCH_SUFFIX}) unlink((tmp + "/" + t + suffix).c_str());
         checkInterrupted();
         if (rename(tmp.c_str(), finalDir.c_str()) != 0)
             fail("cannot rename " + tmp + " to " + finalDir + ": " + std::strerror(errno));

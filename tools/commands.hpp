@@ -34,6 +34,9 @@ int cmdPrint(const std::string& dir, const std::string& path);  // "" for the wh
 int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce);
 int cmdUnlock(const std::string& dir, const std::string& path);
 int cmdLocks(const std::string& dir);
+// watch: prints PATH=VALUE (or JSON lines) for each leaf below `path` as it changes, until
+// interrupted ("" for the whole tree).
+int cmdWatch(const std::string& dir, const std::string& path, bool asJson);
 
 // orphans: the sessions and locks of ended processes, removed with `clear`.
 struct OrphanOptions {

@@ -68,6 +68,11 @@ const char kHelp[] =
     "      --try. The lock stays in the lock table after the tool ends, until unlocked.\n"
     "  unlock PATH\n"
     "      Release a lock on a component.\n"
+    "  watch [PATH] [--json]\n"
+    "      Print each leaf below PATH (default: the whole tree) as it changes, in this or any\n"
+    "      other process, one PATH=VALUE line each (a deleted leaf: its path alone), until\n"
+    "      interrupted. --json: one JSON object a line, {\"path\": P, \"value\": V} or\n"
+    "      {\"path\": P, \"deleted\": true}.\n"
     "  locks\n"
     "      Show the component locks of the lock table (entry:key, in hexadecimal).\n"
     "  orphans [--clear [--closed]] [--session-table FILE] [--lock-table FILE]\n"
@@ -140,6 +145,7 @@ const std::vector<CommandSpec> kCommands = {
     {"lock", {{"--shared", false}, {"--try", false}}, 1, 1},
     {"unlock", {}, 1, 1},
     {"locks", {}, 0, 0},
+    {"watch", {{"--json", false}}, 0, 1},
     {"orphans", {{"--clear", false}, {"--closed", false}, {"--session-table", true}, {"--lock-table", true}}, 0, 0},
     {"help", {}, 0, 1},
 };
@@ -276,6 +282,7 @@ int run(const std::vector<std::string>& argv) {
     if (cmd == "print") return cmdPrint(cl.dir, arg0);
     if (cmd == "lock") return cmdLock(cl.dir, arg0, cl.has("--shared"), cl.has("--try"));
     if (cmd == "unlock") return cmdUnlock(cl.dir, arg0);
+    if (cmd == "watch") return cmdWatch(cl.dir, arg0, cl.has("--json"));
     return cmdLocks(cl.dir);
 }
 
