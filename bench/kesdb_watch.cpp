@@ -25,8 +25,8 @@
 
 namespace {
 
-constexpr int kCostRounds = 21;
-constexpr double kBatchNs = 50e6;
+constexpr int kCostRounds = 61;
+constexpr double kBatchNs = 20e6;
 
 [[noreturn]] void die(const char* what) {
     std::fprintf(stderr, "kesdb_watch: %s\n", what);
