@@ -18,31 +18,16 @@ bool rootOf(Session* s, uint32_t* root) {
     return kes::recordedBy(s, [&] { *root = comp_getRoot(s); }) == 0;
 }
 
-// Changes for watchers (value/changes.cpp). A call that changes one component enters it when
-// it succeeds; a call that walks a subtree enters its start whatever its result, since it may
-// have changed part of the subtree before it failed.
-int32_t entered(Session* s, int32_t result, uint32_t key, uint32_t parent = 0) {
-    if (result == 0) kes::changes::record(s, key, parent);
+// Changes for watchers (value/changes.cpp); the tree operations enter their own. A field setter
+// enters its component when it succeeds; a transfer enters where it started whatever its
+// result, since it may have changed part of the subtree before it failed.
+int32_t entered(Session* s, int32_t result, uint32_t key) {
+    if (result == 0) kes::changes::record(s, key, 0);
     return result;
 }
-int32_t walked(Session* s, int32_t result, uint32_t key, uint32_t parent = 0) {
-    kes::changes::record(s, key, parent);
-    return result;
-}
-uint32_t created(Session* s, uint32_t key) {
+int32_t walked(Session* s, int32_t result, uint32_t key) {
     kes::changes::record(s, key, 0);
-    return key;
-}
-
-// The parent a component has before it moves or goes: read only when changes are entered, and
-// without a trace in the session (the call itself reports on the component).
-uint32_t parentBefore(Session* s, uint32_t key) {
-    if (!kes::changes::recording() || !s) return 0;
-    const uint32_t error = s->error, detail = s->errorDetail;
-    CompRecord comp;
-    const uint32_t parent = comp_getComponent(s, key, &comp) ? comp.parent : 0u;
-    session_setError(s, static_cast<int32_t>(error), detail);
-    return parent;
+    return result;
 }
 
 }  // namespace
@@ -60,32 +45,23 @@ uint32_t kesDBMGetChildByIndex(Session* s, uint32_t key, int32_t index) {
     return comp_getChildByIndex(s, key, index);
 }
 uint32_t kesDBMCreateNode(Session* s, uint32_t stringKey, uint32_t parent, uint32_t previous, uint32_t child) {
-    return created(s, node_create(s, stringKey, parent, previous, child));
+    return node_create(s, stringKey, parent, previous, child);
 }
 uint32_t kesDBMCreateLeaf(Session* s, uint32_t stringKey, uint32_t parent, uint32_t previous, uint32_t currentValue,
                           uint32_t defaultValue, uint32_t factoryValue, uint32_t hookIndex) {
-    return created(s, leaf_create(s, stringKey, parent, previous, currentValue, defaultValue, factoryValue, hookIndex));
+    return leaf_create(s, stringKey, parent, previous, currentValue, defaultValue, factoryValue, hookIndex);
 }
 int32_t kesDBMMoveLeaf(Session* s, uint32_t leaf, uint32_t newParent, uint32_t newPrevious) {
-    const uint32_t before = parentBefore(s, leaf);
-    return entered(s, leaf_move(s, leaf, newParent, newPrevious), leaf, before);
+    return leaf_move(s, leaf, newParent, newPrevious);
 }
 int32_t kesDBMMoveNode(Session* s, uint32_t node, uint32_t newParent, uint32_t newPrevious, uint32_t child) {
-    const uint32_t before = parentBefore(s, node);
-    return walked(s, node_move(s, node, newParent, newPrevious, child), node, before);
+    return node_move(s, node, newParent, newPrevious, child);
 }
 int32_t kesDBMMoveSubTree(Session* s, uint32_t node, uint32_t newParent, uint32_t newPrevious) {
-    const uint32_t before = parentBefore(s, node);
-    return walked(s, node_moveWithSub(s, node, newParent, newPrevious), node, before);
+    return node_moveWithSub(s, node, newParent, newPrevious);
 }
-int32_t kesDBMDeleteComponent(Session* s, uint32_t key) {
-    const uint32_t before = parentBefore(s, key);
-    return entered(s, comp_delete(s, key), key, before);
-}
-int32_t kesDBMDeleteComponentWithSub(Session* s, uint32_t key) {
-    const uint32_t before = parentBefore(s, key);
-    return walked(s, comp_deleteWithSub(s, key, 1), key, before);
-}
+int32_t kesDBMDeleteComponent(Session* s, uint32_t key) { return comp_delete(s, key); }
+int32_t kesDBMDeleteComponentWithSub(Session* s, uint32_t key) { return comp_deleteWithSub(s, key, 1); }
 int32_t kesDBMCurrentToDefault(Session* s, uint32_t key) { return walked(s, comp_currentToDefault(s, key), key); }
 int32_t kesDBMFactoryToDefault(Session* s, uint32_t key) { return walked(s, comp_factoryToDefault(s, key), key); }
 int32_t kesDBMDefaultToCurrent(Session* s, uint32_t key) { return walked(s, comp_defaultToCurrent(s, key), key); }

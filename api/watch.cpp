@@ -6,6 +6,7 @@
 
 #include "kesdbm/kesdbm.h"
 #include "kesdbm/watch.h"
+#include "storage/medium_io.hpp"
 #include "tree/walk_guard.hpp"
 #include "value/changes.hpp"
 
@@ -24,10 +25,10 @@ int64_t nowNs() {
 }
 
 // The parent of a component, 0 when it has none or cannot be read (a deleted component's
-// space no longer carries its key and ends the walk).
+// space no longer carries its key and ends the walk). Read as a node, which prints nothing.
 uint32_t parentOf(Session* s, uint32_t key) {
-    CompRecord comp;
-    return key != 0 && kes::tree::readCommon(s, key, &comp) ? comp.parent : 0u;
+    NodeRecord node;
+    return key != 0 && comp_getNode(s, key, &node) && node.comp.key == key ? node.comp.parent : 0u;
 }
 
 struct Watch {
