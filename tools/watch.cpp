@@ -78,12 +78,12 @@ Snapshot leavesBelow(Database& db, uint32_t top, bool asJson) {
 
 void print(const Leaf& leaf, bool asJson, bool deleted = false) {
     if (asJson)
-        std::printf("{\"path\":%s,%s}\n", json(leaf.path).dump().c_str(),
+        std::fprintf(data(), "{\"path\":%s,%s}\n", json(leaf.path).dump().c_str(),
                     deleted ? "\"deleted\":true" : ("\"value\":" + leaf.value).c_str());
     else if (deleted)
-        std::printf("%s\n", leaf.path.c_str());
+        std::fprintf(data(), "%s\n", leaf.path.c_str());
     else
-        std::printf("%s=%s\n", leaf.path.c_str(), leaf.value.c_str());
+        std::fprintf(data(), "%s=%s\n", leaf.path.c_str(), leaf.value.c_str());
 }
 
 }  // namespace
@@ -123,7 +123,7 @@ int cmdWatch(const std::string& dir, const std::string& path, bool asJson) {
             }
             known.swap(now);
         }
-        std::fflush(stdout);
+        std::fflush(data());
     }
     failInterrupted();
 }
