@@ -3,12 +3,13 @@
 
 #include "api/start_up.hpp"
 #include "kesdbm/kesdbm.h"
+#include "value/changes.hpp"
 
 namespace {
 
 // Runs one set-up step while the running status is 0; afterwards prints the step's message
 // whenever the status is non-zero (so every later step's message follows a failure). The
-// steps that ran (and so raised their counts) are marked in `ran`.
+// steps that ran (and so raised their counts) are marked in `ran` (bit 0: the change record).
 template <class Step>
 void runStep(int32_t& status, unsigned& ran, int step, Step run) {
     if (status == 0) {
@@ -35,6 +36,12 @@ int32_t kes::startUp(const DBMInitParam* param, int32_t* errorWord, bool undoOnF
         runStep(status, ran, 3, [param] { return media_init(param->mediaConfigPath); });
         runStep(status, ran, 4, [param] { return hook_init(param->hookConfigPath); });
         runStep(status, ran, 5, [param] { return session_init(param->sessionTablePath); });
+        // The change record beside the session table: a start-up that cannot make it goes on
+        // without it (watching then fails in this process).
+        if (status == 0) {
+            kes::changes::init(param->sessionTablePath);
+            ran |= 1u << 0;
+        }
         runStep(status, ran, 6, [] { return constraint_init(); });
         runStep(status, ran, 7, [] { return value_init(); });
         if (status == 0) status = comp_init();
@@ -46,6 +53,7 @@ int32_t kes::startUp(const DBMInitParam* param, int32_t* errorWord, bool undoOnF
         // step always ran (an id of 0 releases no registration but lowers the count).
         if (ran & (1u << 7)) value_term();
         if (ran & (1u << 6)) constraint_term();
+        if (ran & (1u << 0)) kes::changes::term();
         if (ran & (1u << 5)) session_term();
         if (ran & (1u << 3)) media_term();
         if (ran & (1u << 4)) hook_term();
@@ -60,6 +68,7 @@ extern "C" {
 int32_t kesDBMInit(const DBMInitParam* param, int32_t* errorWord) { return kes::startUp(param, errorWord, false); }
 
 int32_t kesDBMTerm(uint32_t dbId) {
+    kes::changes::term();
     const int32_t results[] = {comp_term(),  value_term(), constraint_term(), session_term(),
                                media_term(), hook_term(),  lock_term(),       db_term(dbId)};
     for (int32_t r : results) {
