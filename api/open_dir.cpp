@@ -81,14 +81,14 @@ int32_t readDescriptor(kes::DirState* st, const char* tableDir, DBMInitParam* pa
             while (f < sizeof kFields / sizeof kFields[0] && strcmp(kFields[f].key, line) != 0) ++f;
         }
         char* end = nullptr;
-        unsigned long number32 = 0;
+        unsigned long long number32 = 0;
         bool ok = value && f < sizeof kFields / sizeof kFields[0];
         if (ok && kFields[f].path) {
             char* to = kFields[f].offset == kDefMedia ? st->defMedia : reinterpret_cast<char*>(param) + kFields[f].offset;
             ok = joinPath(to, kFields[f].table ? tableDir : st->dir, value);
         } else if (ok) {
-            number32 = strtoul(value, &end, 10);
-            ok = value[0] >= '0' && value[0] <= '9' && *end == '\0' && number32 <= 0xFFFFFFFFul;
+            number32 = strtoull(value, &end, 10);
+            ok = value[0] >= '0' && value[0] <= '9' && *end == '\0' && number32 <= 0xFFFFFFFFull;
             if (ok) {
                 uint32_t word = static_cast<uint32_t>(number32);
                 memcpy(reinterpret_cast<char*>(param) + kFields[f].offset, &word, sizeof word);
@@ -137,20 +137,21 @@ kes::DirState* makeState(const char* dir, const DBMDirOptions* o, DBMInitParam* 
     return nullptr;
 }
 
-// The cause of a failed start-up: the library or configuration file when a step names one.
-const char* startUpFailure(int32_t code, const DBMInitParam* param) {
-    static char what[KESDB_PATH_MAX + 128];
+// The cause of a failed start-up, into `what` (`size` bytes): the library or configuration
+// file when a step names one.
+void startUpFailure(int32_t code, const DBMInitParam* param, char* what, size_t size) {
     const bool loading = (code >= KESDB_ERR_MEDIA_SYMOPEN && code <= KESDB_ERR_MEDIA_LOAD) ||
                          (code >= KESDB_ERR_HOOK_LOAD && code <= KESDB_ERR_HOOK_SYMPOSTGET);
-    if (loading && kes::dirNoted()[0]) return kes::dirNoted();
-    if (code == KESDB_ERR_MEDIA_CONFOPEN || code == KESDB_ERR_HOOK_CONFOPEN)
-        snprintf(what, sizeof what, "cannot open %s", code == KESDB_ERR_MEDIA_CONFOPEN ? param->mediaConfigPath : param->hookConfigPath);
+    if (loading && kes::dirNoted()[0])
+        snprintf(what, size, "%s", kes::dirNoted());
+    else if (code == KESDB_ERR_MEDIA_CONFOPEN || code == KESDB_ERR_HOOK_CONFOPEN)
+        snprintf(what, size, "cannot open %.600s",
+                 code == KESDB_ERR_MEDIA_CONFOPEN ? param->mediaConfigPath : param->hookConfigPath);
     else if (code == KESDB_ERR_HOOK_LINE)
-        snprintf(what, sizeof what, "%s: a line without its five tokens (or a blank or comment line after the last hook)",
+        snprintf(what, size, "%.500s: a line without its five tokens (or a blank or comment line after the last hook)",
                  param->hookConfigPath);
     else
-        snprintf(what, sizeof what, "start-up failed with %d %s", code, kesdb_errorName(code));
-    return what;
+        snprintf(what, size, "start-up failed with %d %s", code, kesdb_errorName(code));
 }
 
 }  // namespace
@@ -185,7 +186,11 @@ int32_t kesDBMInitDirEx(const char* dir, const DBMDirOptions* options, int32_t* 
     int32_t id = -1;
     if (code == 0) {
         id = kes::startUp(param, &code, true);
-        if (id < 0) failed(code, dir, startUpFailure(code, param));
+        if (id < 0) {
+            char what[700];
+            startUpFailure(code, param, what, sizeof what);
+            failed(code, dir, what);
+        }
     }
     free(param);
     if (id < 0 && errorWord) *errorWord = code;
