@@ -124,10 +124,11 @@ kes::DirState* makeState(const char* dir, const DBMDirOptions* o, DBMInitParam* 
     const char* tableDir = o && o->tableDir ? o->tableDir : dir;
     if (!realpath(dir, st->dir) || !realpath(tableDir, tables)) {
         *code = failed(KESDB_ERR_DIR_BAD, dir, "no such directory");
-    } else if (!joinPath(st->dbTable, tables, "db.tbl") ||
-               (o && o->driverDir && !joinPath(st->driverDir, "", o->driverDir))) {
+    } else if (!joinPath(st->dbTable, tables, "db.tbl")) {
         *code = failed(KESDB_ERR_DIR_BAD, dir, "a name is too long");
     } else {
+        // A driver directory that does not exist replaces nothing.
+        if (o && o->driverDir && !realpath(o->driverDir, st->driverDir)) st->driverDir[0] = '\0';
         st->flags = o ? o->flags : 0;
         *code = readDescriptor(st, tables, param);
         if (*code == 0 && (st->flags & KESDB_DIR_NO_HOOKS)) snprintf(param->hookConfigPath, KESDB_PATH_MAX, "/dev/null");
