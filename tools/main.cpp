@@ -6,7 +6,8 @@
 // in the shared tables (orphans.cpp). "kesdb --help" and the manual page kesdb(1) describe every command.
 //
 // This file: the command line. Options may stand before or after the command; "--" ends
-// them (so a value such as "--x" can be set). Numbers such as "-5" are arguments.
+// them (so a value such as "--x" can be set). Numbers such as "-5" are arguments, and so
+// is "-" (standard input or output).
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,8 @@
 #include "commands.hpp"
 #include "common.hpp"
 #include "database.hpp"
+#include "edit.hpp"
+#include "migrate.hpp"
 
 namespace kesdb {
 namespace {
@@ -111,7 +114,7 @@ const char kHelp[] =
 
 struct OptionSpec {
     const char* name;
-    bool takesValue;
+    int takesValue;  // how many values follow the option (0 for a flag)
 };
 
 struct CommandSpec {
@@ -130,10 +133,10 @@ const std::vector<CommandSpec> kCommands = {
       {"--target-lib-dir", true}},
      0,
      1},
-    {"import", {}, 1, 1},
-    {"export", {}, 0, 1},
+    {"import", {{"--merge", false}}, 1, 1},
+    {"export", {{"--path", true}}, 0, 1},
     {"get", {{"--default", false}, {"--factory", false}}, 1, 1},
-    {"set", {{"--default", false}}, 2, 2},
+    {"set", {{"--default", false}, {"--factory", false}}, 2, 2},
     {"reset", {}, 0, 1},
     {"factory-to-default", {}, 0, 1},
     {"print", {}, 0, 1},
@@ -141,6 +144,10 @@ const std::vector<CommandSpec> kCommands = {
     {"unlock", {}, 1, 1},
     {"locks", {}, 0, 0},
     {"orphans", {{"--clear", false}, {"--closed", false}, {"--session-table", true}, {"--lock-table", true}}, 0, 0},
+    {"migrate", {{"--check", false}, {"--size", true}}, 1, 1},
+    {"add", {{"--type", true}, {"--size", true}, {"--value", true}, {"--range", 3}, {"--enum", true}}, 1, 1},
+    {"delete", {}, 1, 1},
+    {"factory-reset", {}, 0, 1},
     {"help", {}, 0, 1},
 };
 
@@ -174,7 +181,7 @@ CommandLine parse(const std::vector<std::string>& argv) {
             if (i + 1 >= argv.size()) usageError(option + " needs a value");
             return argv[++i];
         };
-        if (optionsEnded || a.empty() || a[0] != '-' || (a.size() > 1 && a[1] != '-' && a != "-d" && a != "-h")) {
+        if (optionsEnded || a.empty() || a == "-" || a[0] != '-' || (a.size() > 1 && a[1] != '-' && a != "-d" && a != "-h")) {
             // An argument ("-5" too): the command first, then its arguments.
             if (!cl.command) {
                 cl.command = findCommand(a);
@@ -204,6 +211,10 @@ CommandLine parse(const std::vector<std::string>& argv) {
             if (!option) usageError((cl.command ? std::string(cl.command->name) + ": " : "") + "unknown option " + name);
             if (!option->takesValue && eq != std::string::npos) usageError(name + " takes no value");
             cl.options[name].push_back(option->takesValue ? value(name, eq) : "");
+            for (int more = 1; more < option->takesValue; ++more) {
+                if (i + 1 >= argv.size()) usageError(name + " needs " + std::to_string(option->takesValue) + " values");
+                cl.options[name].push_back(argv[++i]);
+            }
         }
     }
     return cl;
@@ -260,8 +271,19 @@ int run(const std::vector<std::string>& argv) {
         return cmdOrphans(o);
     }
     if (cl.dir.empty()) usageError(cmd + " needs the database directory: -d DIR");
-    if (cmd == "import") return cmdImport(cl.dir, arg0);
-    if (cmd == "export") return cmdExport(cl.dir, arg0);
+    if (cmd == "migrate")
+        return cmdMigrate(cl.dir, arg0, cl.has("--check"), cl.has("--size") ? sizeOption(cl.options["--size"].back()) : 0);
+    if (cmd == "import") return cl.has("--merge") ? cmdMerge(cl.dir, arg0) : cmdImport(cl.dir, arg0);
+    if (cmd == "export") return cmdExport(cl.dir, arg0, cl.has("--path") ? cl.options["--path"].back() : "");
+    if (cmd == "add") {
+        if (cl.has("--range") && cl.has("--enum")) usageError("add: --range and --enum exclude each other");
+        auto last = [&](const char* o) { return cl.has(o) ? cl.options[o].back() : std::string(); };
+        AddOptions o{arg0, last("--type"), last("--size"), last("--value"), {}, last("--enum")};
+        if (cl.has("--range")) o.range.assign(cl.options["--range"].end() - 3, cl.options["--range"].end());
+        return cmdAdd(cl.dir, o);
+    }
+    if (cmd == "delete") return cmdDelete(cl.dir, arg0);
+    if (cmd == "factory-reset") return cmdFactoryReset(cl.dir, arg0);
     if (cmd == "get") {
         if (cl.has("--default") && cl.has("--factory")) usageError("get: --default and --factory exclude each other");
         return cmdGet(cl.dir, arg0,
@@ -269,8 +291,13 @@ int run(const std::vector<std::string>& argv) {
                       : cl.has("--factory") ? ValueSet::Factory
                                             : ValueSet::Current);
     }
-    if (cmd == "set")
-        return cmdSet(cl.dir, arg0, cl.args[1], cl.has("--default") ? ValueSet::Default : ValueSet::Current);
+    if (cmd == "set") {
+        if (cl.has("--default") && cl.has("--factory")) usageError("set: --default and --factory exclude each other");
+        return cmdSet(cl.dir, arg0, cl.args[1],
+                      cl.has("--default")   ? ValueSet::Default
+                      : cl.has("--factory") ? ValueSet::Factory
+                                            : ValueSet::Current);
+    }
     if (cmd == "reset") return cmdReset(cl.dir, arg0);
     if (cmd == "factory-to-default") return cmdFactoryToDefault(cl.dir, arg0);
     if (cmd == "print") return cmdPrint(cl.dir, arg0);

@@ -31,7 +31,16 @@ void makeRoot(Database& db);
 // callers that need all or nothing build in a copy.
 void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks);
 
+// Creates one component (a node with everything below it) under `parent`, behind the
+// sibling `previous` (0: at the head of the list), `depth` levels below the root (1 for
+// the root's children). Returns its key; fails as importInto does.
+uint32_t buildComponent(Database& db, const Item& it, uint32_t parent, uint32_t previous, const std::string& parentPath,
+                        int depth);
+
 // The tree below the root as a description, ending with a newline.
 std::string exportText(Database& db);
+// Of such a description, only the component at `path` with its ancestors (each with that
+// one child), so that it can be merged back (import --merge).
+std::string subtreeText(const std::string& description, const std::string& path);
 
 }  // namespace kesdb
