@@ -183,7 +183,7 @@ TEST_F(Migrate, SingleComponentsAndFactoryValues) {
     EXPECT_EQ(run({"add", "/nosuch/x", "--type", "Uint8"}).code, 3);
     expectValues({{"/net/port", "80"}});
     ASSERT_EQ(run({"set", "/net/mode", "2", "--factory"}).code, 0);
-    EXPECT_EQ(run({"set", "/net/mode", "5", "--factory"}).code, 2);
+    EXPECT_EQ(run({"set", "/net/mode", "5", "--factory"}).code, 4);
     ASSERT_EQ(run({"factory-reset", "/net"}).code, 0);
     EXPECT_EQ(run({"get", "/net/mode", "--default"}).out, "2\n");
     expectValues({{"/net/mode", "2"}});

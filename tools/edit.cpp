@@ -36,18 +36,16 @@ uint32_t findOrNoPath(Database& db, const std::string& path) {
     try {
         return db.find(path);
     } catch (const Failure& f) {
-        fail(f.what, kStatusNoPath);
+        fail(f.what, kExitNoPath);
     }
 }
 
-// The library's code as the exit status: refused by a constraint or a hook, or a failure.
+// A write the library refused: its code with the hook's result, and the code's exit status.
 [[noreturn]] void writeFailed(const std::string& what, const Session& s, int32_t rc) {
-    const bool refused = (rc >= KESDB_ERR_CSTRT_BELOWMIN && rc <= KESDB_ERR_CSTRT_NOTMEMBER) ||
-                         (rc >= KESDB_ERR_HOOK_PREGET && rc <= KESDB_ERR_HOOK_POSTSET);
     std::string detail;
     if (rc >= KESDB_ERR_HOOK_PREGET && rc <= KESDB_ERR_HOOK_POSTSET)
         detail = " (hook result " + std::to_string(static_cast<int32_t>(s.errorDetail)) + ")";
-    fail(what + ": " + codeText(rc) + detail + "; nothing was changed", refused ? kStatusRefused : kExitData);
+    fail(what + ": " + codeText(rc) + detail + "; nothing was changed", exitFor(rc));
 }
 
 // The leaves of the database by path, as export describes them.
@@ -105,7 +103,7 @@ void collectMerge(const json& children, const std::string& parent, const std::ma
             continue;
         }
         auto found = leaves.find(path);
-        if (found == leaves.end()) fail(file + ": " + path + ": no such leaf in the database", kStatusNoPath);
+        if (found == leaves.end()) fail(file + ": " + path + ": no such leaf in the database", kExitNoPath);
         const Item& leaf = found->second;
         if (c.contains("type") && c["type"] != typeName(leaf.type))
             fail(file + ": " + path + ": the leaf is a " + typeName(leaf.type) + " in the database, not " +
@@ -118,7 +116,7 @@ void collectMerge(const json& children, const std::string& parent, const std::ma
             const std::string where = file + ": " + path + " " + keys[k];
             Write w{path, k, leafValue(leaf, c[keys[k]], where)};
             if (isNumeric(leaf.type))
-                if (std::string why = constraintReason(leaf, w.bytes); !why.empty()) fail(where + ": " + why, kStatusRefused);
+                if (std::string why = constraintReason(leaf, w.bytes); !why.empty()) fail(where + ": " + why, kExitRefused);
             out.push_back(std::move(w));
         }
         if (!any) fail(file + ": " + path + ": a leaf needs \"current\", \"default\" or \"factory\"");

@@ -34,7 +34,7 @@ void removeStrayCopies(const std::string& dir) {
 
 }  // namespace
 
-bool syncPath(const std::string& path) {
+bool syncQuietly(const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return false;
     const bool ok = fsync(fd) == 0;
@@ -53,9 +53,9 @@ void recoverHeld(const std::string& dir) {
         std::getline(in, line);  // the process id, for whoever reads the file
         while (std::getline(in, line))
             if (!line.empty() && access(copyOf(line).c_str(), F_OK) == 0) rename(copyOf(line).c_str(), line.c_str());
-        syncPath(dir);
+        syncQuietly(dir);
         unlink(journal.c_str());
-        syncPath(dir);
+        syncQuietly(dir);
     }
     removeStrayCopies(dir);
 }
@@ -88,7 +88,7 @@ DirectoryGuard::DirectoryGuard(const std::string& dir) {
         fd_ = -1;
         fail(dir + " is being changed by another kesdb command (migrate, import, add, delete or factory-reset); "
                    "try again when it has ended",
-             kStatusBusy);
+             kExitBusy);
     }
 }
 
@@ -107,7 +107,7 @@ MediaJournal::MediaJournal(const std::string& dir, const std::vector<std::string
     for (const std::string& m : media_) {
         if (!fs::copy_file(m, copyOf(m), fs::copy_options::overwrite_existing, ec))
             fail("cannot copy " + m + " aside: " + ec.message());
-        if (!syncPath(copyOf(m))) fail("cannot sync the copy of " + m + ": " + std::strerror(errno));
+        if (!syncQuietly(copyOf(m))) fail("cannot sync the copy of " + m + ": " + std::strerror(errno));
         text << m << "\n";
     }
     const std::string journal = dir_ + "/" + kJournal, tmp = journal + ".tmp";
@@ -117,15 +117,15 @@ MediaJournal::MediaJournal(const std::string& dir, const std::vector<std::string
         out.close();
         if (!out) fail("cannot write " + tmp + ": " + std::strerror(errno));
     }
-    if (!syncPath(tmp) || rename(tmp.c_str(), journal.c_str()) != 0 || !syncPath(dir_))
+    if (!syncQuietly(tmp) || rename(tmp.c_str(), journal.c_str()) != 0 || !syncQuietly(dir_))
         fail("cannot write " + journal + ": " + std::strerror(errno));
     open_ = true;
 }
 
 void MediaJournal::commit() {
-    for (const std::string& m : media_) syncPath(m);
+    for (const std::string& m : media_) syncQuietly(m);
     unlink((dir_ + "/" + kJournal).c_str());
-    syncPath(dir_);
+    syncQuietly(dir_);
     for (const std::string& m : media_) unlink(copyOf(m).c_str());
     open_ = false;
 }

@@ -15,11 +15,6 @@
 
 namespace kesdb {
 
-// Exit statuses of the commands in migrate.cpp and edit.cpp beyond those of common.hpp.
-constexpr int kStatusNoPath = 3;   // no component at the path given
-constexpr int kStatusRefused = 4;  // a value refused by its constraint or hook
-constexpr int kStatusBusy = 5;     // another command holds the database
-
 // Undoes the change of a journal whose command ended without finishing, and removes
 // copies no journal names. Nothing happens while that command still runs (it holds the
 // directory, see DirectoryGuard).
@@ -54,7 +49,8 @@ private:
     bool open_ = false;
 };
 
-// fsync of a file or directory; false when it cannot be opened or synced.
-bool syncPath(const std::string& path);
+// fsync of a file or directory; false when it cannot be opened or synced (no failure:
+// also used while undoing).
+bool syncQuietly(const std::string& path);
 
 }  // namespace kesdb

@@ -294,7 +294,7 @@ void requireIdle(const std::string& dir) {
             if (pid != getpid() && (kill(pid, 0) == 0 || errno != ESRCH))
                 fail("process " + std::to_string(pid) + " has a session of " + dir +
                          " open; migrate needs every process of the database stopped",
-                     kStatusBusy);
+                     kExitBusy);
             e = sessions.entry[e].next;
         }
     }
@@ -304,7 +304,7 @@ void requireIdle(const std::string& dir) {
         if (in && locks.compHead != 0)
             fail(dir + " has component locks; release them (\"kesdb unlock\", or \"kesdb orphans --clear --closed\" "
                        "for those of ended processes) before migrate",
-                 kStatusBusy);
+                 kExitBusy);
     }
 }
 
@@ -312,9 +312,9 @@ void requireIdle(const std::string& dir) {
 void syncTree(const std::string& dir) {
     std::error_code ec;
     for (const auto& e : fs::directory_iterator(dir, ec))
-        if (e.is_regular_file(ec) && !syncPath(e.path().string()))
+        if (e.is_regular_file(ec) && !syncQuietly(e.path().string()))
             fail("cannot sync " + e.path().string() + ": " + std::strerror(errno));
-    if (!syncPath(dir)) fail("cannot sync " + dir + ": " + std::strerror(errno));
+    if (!syncQuietly(dir)) fail("cannot sync " + dir + ": " + std::strerror(errno));
 }
 
 // `fresh` takes the place of `dir`; the old database is removed afterwards.
@@ -322,7 +322,7 @@ void swapInto(const std::string& fresh, const std::string& dir) {
     const std::string parent = fs::path(dir).parent_path().string();
     checkInterrupted();
     if (renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, dir.c_str(), RENAME_EXCHANGE) == 0) {
-        syncPath(parent);
+        syncQuietly(parent);
     } else if (errno == EINVAL || errno == ENOSYS || errno == ENOTSUP) {
         // No exchange on this file system: two renames, undone by the next migrate when a
         // kill falls between them.
@@ -333,7 +333,7 @@ void swapInto(const std::string& fresh, const std::string& dir) {
             rename(old.c_str(), dir.c_str());
             fail("cannot rename " + fresh + " to " + dir + ": " + std::strerror(e));
         }
-        syncPath(parent);
+        syncQuietly(parent);
         std::error_code ec;
         fs::remove_all(old, ec);
         return;
@@ -385,8 +385,7 @@ int cmdMigrate(const std::string& dirIn, const std::string& file, bool check, ui
     indexTree(items, "/", m.fresh);
     m.fill(items, "/");
     m.drop(oldItems, "/");
-    for (const std::string& line : m.report) std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
+    for (const std::string& line : m.report) std::fprintf(data(), "%s\n", line.c_str());
     if (check) return kExitOk;
 
     CreateOptions o;

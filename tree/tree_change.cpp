@@ -326,17 +326,19 @@ private:
     GrowArray<uint32_t> keys_;
 };
 
-// The walk a deletion will make, made first without changing anything: every record of the
-// subtree must be readable and of a known kind, and the subtree must keep the walk bounds
-// (no looped list, no cycle, not too deep). `next` receives the component's next sibling.
+// The walk a deletion will make, made first without changing anything: the subtree must keep
+// the walk bounds (no looped list, no cycle, not too deep) and every record read must begin
+// with its own key. Below the component itself, a record that cannot be read ends its list
+// there (the deletion skips it and goes on, as the walk below does); a leaf or a record of
+// another kind has nothing below it. `next` receives the component's next sibling.
 bool checkSubtree(Session* s, uint32_t key, WalkBudget& budget, int64_t level, uint32_t* next) {
     *next = 0;
     if (!budget.enter(s, key, level)) return false;
     NodeRecord record;
-    if (!comp_getNode(s, key, &record) || !ownKey(s, key, record.comp.key)) return false;
+    if (!comp_getNode(s, key, &record)) return level != 0;
+    if (!ownKey(s, key, record.comp.key)) return false;
     *next = record.comp.nextSibling;
-    if (record.comp.kind == KESDB_KIND_LEAF) return true;
-    if (record.comp.kind != KESDB_KIND_NODE) return session_setError(s, KESDB_ERR_COMP_BADKIND, 0), false;
+    if (record.comp.kind != KESDB_KIND_NODE) return true;
     LoopGuard guard;
     for (uint32_t child = record.firstChild; child != 0;) {
         if (!guard.visit(child)) return budget.stop(s, child);
@@ -353,8 +355,6 @@ int32_t deleteSubtree(Session* s, uint32_t key, uint32_t unlinkFirst, WalkBudget
     {
         Change change(s);
         if (!change.readNode(key, comp)) return failureCode(s);
-        if (comp.comp.kind != KESDB_KIND_NODE && comp.comp.kind != KESDB_KIND_LEAF)
-            return session_setError(s, KESDB_ERR_COMP_BADKIND, 0);
         if (unlinkFirst != 0) {
             if (!unlink(change, comp.comp, comp.firstChild, false)) return failureCode(s);
             change.commit(0);
@@ -385,9 +385,8 @@ int32_t deleteSubtree(Session* s, uint32_t key, uint32_t unlinkFirst, WalkBudget
 
 extern "C" {
 
-// The leaf's block goes back to the allocator when the place cannot be read or cannot take
-// the leaf (nothing names the block then). When the neighbour's write fails the block stays
-// allocated: the neighbour may already name it.
+// When the place cannot be read or cannot take the leaf, or the neighbour's write fails, the
+// leaf is not written and its block stays allocated.
 uint32_t leaf_create(Session* s, uint32_t stringKey, uint32_t parent, uint32_t previous, uint32_t currentValue,
                      uint32_t defaultValue, uint32_t factoryValue, uint32_t hookIndex) {
     LeafRecord leaf{};
@@ -402,10 +401,7 @@ uint32_t leaf_create(Session* s, uint32_t stringKey, uint32_t parent, uint32_t p
     leaf.factoryValue = factoryValue;
     leaf.hookIndex = hookIndex;
     Change change(s);
-    if (!insert(change, leaf.comp, parent, previous)) {
-        comp_setDeleted(s, &leaf.comp);
-        return 0;
-    }
+    if (!insert(change, leaf.comp, parent, previous)) return 0;
     if (change.commit(previous != 0 ? previous : parent) != 0) return 0;
     return comp_setLeaf(s, &leaf) == 0 ? leaf.comp.key : 0;
 }
@@ -456,13 +452,12 @@ int32_t node_move(Session* s, uint32_t node, uint32_t newParent, uint32_t newPre
     return change.commit(node);
 }
 
-// A deleted node's children take its place under its parent.
+// A deleted node's children take its place under its parent. A record of another kind leaves
+// its parent's list too, but is not released (error 3).
 int32_t comp_delete(Session* s, uint32_t key) {
     Change change(s);
     NodeRecord record;
     if (!change.readNode(key, record)) return failureCode(s);
-    if (record.comp.kind != KESDB_KIND_NODE && record.comp.kind != KESDB_KIND_LEAF)
-        return session_setError(s, KESDB_ERR_COMP_BADKIND, 0);
     if (!unlink(change, record.comp, record.firstChild, true)) return failureCode(s);
     change.commit(0);
     CompRecord again;
@@ -471,10 +466,13 @@ int32_t comp_delete(Session* s, uint32_t key) {
 }
 
 // Releases the component and everything below it: children from the last to the first, each
-// subtree before its own root. The subtree is walked once before anything is unlinked or
-// released; when a record cannot be read or has an unknown kind, or the walk runs into a
-// looped list, a cycle or the depth limit (error 55), nothing is changed and the code that
-// walk recorded is returned.
+// subtree before its own root. A component below it that cannot be read, or whose kind is
+// neither node nor leaf, is skipped (not released) and the deletion goes on; the result is
+// the release of the component itself (error 3 for an unknown kind, after it was unlinked).
+// The subtree is walked once before anything is unlinked or released; when the component
+// cannot be read, a record does not begin with its own key, or the walk runs into a looped
+// list, a cycle or the depth limit (error 55), nothing is changed and the code that walk
+// recorded is returned.
 int32_t comp_deleteWithSub(Session* s, uint32_t key, uint32_t unlinkFirst) {
     WalkBudget check;
     uint32_t next = 0;
