@@ -12,6 +12,7 @@
 #include "common.hpp"
 #include "database.hpp"
 #include "description.hpp"
+#include "fast_media.hpp"
 #include "journal.hpp"
 #include "migrate.hpp"
 #include "treeio.hpp"
@@ -131,6 +132,7 @@ int cmdMerge(const std::string& dirIn, const std::string& file) {
     const std::string dir = absolutePath(dirIn);
     DirectoryGuard guard(dir);
     Database db(dir);
+    FastMedia fast(db, FastMedia::Access::Shared);  // other processes see every write at once
     std::vector<Write> writes;
     collectMerge(j["children"], "/", leavesOf(db), file, writes);
     MediaJournal journal(dir, db.mediaFiles());
@@ -143,6 +145,7 @@ int cmdMerge(const std::string& dirIn, const std::string& file) {
                                           : value_setGeneric(&db.s, kesDBMGetFactoryValueKey(&db.s, key), w.bytes.data(), size);
         if (rc != 0) writeFailed("import --merge: " + w.path, db.s, rc);
     }
+    fast.flush();
     journal.commit();
     return kExitOk;
 }

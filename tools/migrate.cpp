@@ -33,6 +33,7 @@
 
 #include "database.hpp"
 #include "description.hpp"
+#include "fast_media.hpp"
 #include "journal.hpp"
 #include "migrate.hpp"
 #include "treeio.hpp"
@@ -378,6 +379,7 @@ int cmdMigrate(const std::string& dirIn, const std::string& file, bool check, ui
     std::vector<Item> oldItems;
     {
         Database db(dir);
+        FastMedia fast(db, FastMedia::Access::Shared);  // read through
         oldItems = parseDescriptionText(exportText(db), dir);
     }
     Merge m;
