@@ -95,7 +95,7 @@ TEST_F(Tool, CreateImportGetSetAndTransfers) {
     makeDevice();
     EXPECT_EQ(entries(dir.file("db")),
               (std::vector<std::string>{"db.tbl", "db.tbl.sem", "hook.conf", "kesdb.conf", "lock.tbl", "lock.tbl.sem",
-                                        "media.conf", "medium.bin", "session.tbl", "session.tbl.sem"}));
+                                        "media.conf", "medium.bin", "session.tbl", "session.tbl.changes", "session.tbl.sem"}));
     std::string conf = kt::readFile(dir.file("db/kesdb.conf"));
     EXPECT_NE(conf.find("\nsession=session.tbl\nlock=lock.tbl\nmedia=media.conf\nhook=hook.conf\n"
                         "component=0\nvalue=0\nconstraint=0\nstring=0\nreserved=0\ndefmedia=medium.bin\n"),
@@ -232,7 +232,7 @@ TEST_F(Tool, ExportImportRoundTripIsByteIdentical) {
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(entries(dir.file("db2")),
               (std::vector<std::string>{"components.med", "constraints.med", "hook.conf", "kesdb.conf", "lock.tbl",
-                                        "lock.tbl.sem", "media.conf", "session.tbl", "session.tbl.sem", "strings.med",
+                                        "lock.tbl.sem", "media.conf", "session.tbl", "session.tbl.changes", "session.tbl.sem", "strings.med",
                                         "values.med"}));
     std::string media = kt::readFile(dir.file("db2/media.conf"));
     EXPECT_NE(media.find("libkesdrv_file.so fileMedia_open fileMedia_close fileMedia_read fileMedia_write "

@@ -173,7 +173,7 @@ int cmdCreate(const CreateOptions& o) {
                   mediaConfigText(o.installDir.empty() ? finalDir : o.installDir, o.fourFiles, libs));
         writeText(tmp + "/hook.conf", hooks);
         for (const char* t : {"db.tbl", "session.tbl", "lock.tbl"})
-            for (const char* suffix : {"", ".sem"}) unlink((tmp + "/" + t + suffix).c_str());
+            for (const char* suffix : {"", ".sem", KESDB_WATCH_SUFFIX}) unlink((tmp + "/" + t + suffix).c_str());
         // Every file and the directory reach the device before the directory takes its name.
         for (const char* m : o.fourFiles ? std::vector<const char*>(kMediaFiles, kMediaFiles + 4)
                                          : std::vector<const char*>(single, single + 1))

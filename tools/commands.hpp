@@ -48,6 +48,9 @@ std::string refusalText(Database& db, uint32_t key, const std::string& path, int
 int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce);
 int cmdUnlock(const std::string& dir, const std::string& path);
 int cmdLocks(const std::string& dir, bool asJson);
+// watch: prints PATH=VALUE (or JSON lines) for each leaf below `path` as it changes, until
+// interrupted ("" for the whole tree).
+int cmdWatch(const std::string& dir, const std::string& path, bool asJson);
 
 // orphans: the sessions and locks of ended processes, removed with `clear`.
 struct OrphanOptions {

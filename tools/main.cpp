@@ -241,6 +241,12 @@ const std::vector<CommandSpec> kCommands = {
      "session holding it and its process id, and whether that process is running,\n"
      "has ended, or the session is closed (as a \"lock\" leaves it).",
      {{"--json", false}}, 0, 0, [](CommandLine& cl) { return cmdLocks(dirOf(cl), cl.has("--json")); }},
+    {"watch", "[PATH] [--json]",
+     "Print each leaf below PATH (default: the whole tree) as it changes, in this or any\n"
+     "other process, one PATH=VALUE line each (a deleted leaf: its path alone), until\n"
+     "interrupted. --json: one JSON object a line, {\"path\": P, \"value\": V} or\n"
+     "{\"path\": P, \"deleted\": true}.",
+     {{"--json", false}}, 0, 1, [](CommandLine& cl) { return cmdWatch(dirOf(cl), cl.arg(0), cl.has("--json")); }},
     {"orphans", "[--clear [--closed]] [--session-table FILE] [--lock-table FILE]",
      "List the sessions whose process ended without closing them (killed, crashed)\n"
      "with the locks they hold, and the locks whose session is closed (such as those\n"

@@ -10,8 +10,8 @@
 // "DIR.kesdb-old" where the exchange is not available), which the next migrate removes or,
 // when the directory itself is missing, puts back.
 //
-// Running processes: the shared tables (db.tbl, session.tbl, lock.tbl and their .sem
-// files) are carried over as the same files, so the database keeps its registration and
+// Running processes: the shared tables (db.tbl, session.tbl, lock.tbl and the files
+// beside them: .sem, the change record) are carried over as the same files, so the database keeps its registration and
 // id; but component keys change, so migrate refuses while a session of a running process
 // is open or a lock is held.
 #include <fcntl.h>
@@ -403,11 +403,15 @@ int cmdMigrate(const std::string& dirIn, const std::string& file, bool check, ui
         for (const char* f : {"media.conf", "hook.conf"})
             if (!fs::copy_file(dir + "/" + f, o.dir + "/" + f, fs::copy_options::overwrite_existing))
                 fail("cannot copy " + dir + "/" + f);
-        for (const char* t : kTables)
-            for (const std::string& name : {std::string(t), std::string(t) + ".sem"})
-                if (access((dir + "/" + name).c_str(), F_OK) == 0 &&
-                    link((dir + "/" + name).c_str(), (o.dir + "/" + name).c_str()) != 0)
-                    fail("cannot link " + dir + "/" + name + ": " + std::strerror(errno));
+        // (each table with the files beside it: ".sem", the change record ".changes", ...)
+        std::error_code ec;
+        for (const auto& e : fs::directory_iterator(dir, ec)) {
+            const std::string name = e.path().filename().string();
+            bool table = false;
+            for (const char* t : kTables) table = table || name.rfind(t, 0) == 0;
+            if (table && link((dir + "/" + name).c_str(), (o.dir + "/" + name).c_str()) != 0)
+                fail("cannot link " + dir + "/" + name + ": " + std::strerror(errno));
+        }
         syncTree(o.dir);
         swapInto(o.dir, dir);
     } catch (...) {
