@@ -62,7 +62,8 @@ TEST_F(Migrate, KeepsWhatTheNewStructureAcceptsAndReportsTheRest) {
          leaf("mode", "Uint8", "\"current\": 0, \"default\": 1, \"enum\": [0, 1]"),
          "/mode: reset to 1 (2 is not one of 0, 1)\n", {{"/mode", "1"}}},
         {"String shorter than its value", leaf("host", "String", "\"size\": 16, \"current\": \"longhostname\""),
-         leaf("host", "String", "\"size\": 8, \"current\": \"h\"") + "," + leaf("id", "String", "\"size\": 4, \"current\": \"x\""),
+         leaf("host", "String", "\"size\": 8, \"current\": \"h\"") + "," +
+             leaf("id", "String", "\"size\": 4, \"current\": \"x\""),
          "/host: reset to \"h\" (text of 12 bytes does not fit size 8)\n/id: added with \"x\"\n", {{"/host", "h"}}},
         {"exact numeric conversions only",
          leaf("a", "Uint32", "\"current\": 300") + "," + leaf("b", "Uint32", "\"current\": 200") + "," +
@@ -80,11 +81,13 @@ TEST_F(Migrate, KeepsWhatTheNewStructureAcceptsAndReportsTheRest) {
         {"leaf becomes a node and a node a leaf",
          leaf("a", "Uint8", "\"current\": 5") + "," + node("b", leaf("x", "Uint8", "\"current\": 6")),
          node("a", leaf("y", "Uint8", "\"current\": 7")) + "," + leaf("b", "Uint8", "\"current\": 8"),
-         "/a/y: added with 7\n/b: added with 8 (was a node)\n/a: dropped (now a node)\n/b/x: dropped (/b is now a leaf)\n",
+         "/a/y: added with 7\n/b: added with 8 (was a node)\n"
+         "/a: dropped (now a node)\n/b/x: dropped (/b is now a leaf)\n",
          {{"/a/y", "7"}, {"/b", "8"}}},
         {"hook goes away, siblings swapped, prefix names",
-         leaf("eth10", "Uint32", "\"current\": 1, \"hook\": 1") + "," + node("eth1", leaf("ip", "Uint32", "\"current\": 2")) +
-             "," + leaf("x", "Uint8", "\"current\": 3") + "," + leaf("y", "Sint8", "\"current\": -4"),
+         leaf("eth10", "Uint32", "\"current\": 1, \"hook\": 1") + "," +
+             node("eth1", leaf("ip", "Uint32", "\"current\": 2")) + "," + leaf("x", "Uint8", "\"current\": 3") + "," +
+             leaf("y", "Sint8", "\"current\": -4"),
          leaf("eth10", "Uint32", "\"current\": 0") + "," + node("eth1", leaf("ip", "Uint32", "\"current\": 0")) + "," +
              leaf("y", "Sint8", "\"current\": 0") + "," + leaf("x", "Uint8", "\"current\": 0"),
          "", {{"/eth10", "1"}, {"/eth1/ip", "2"}, {"/x", "3"}, {"/y", "-4"}}},
@@ -148,8 +151,9 @@ TEST_F(Migrate, LeftoversOfAKilledCommandAreRecovered) {
 TEST_F(Migrate, AKillAtAnyMomentLeavesOldOrNew) {
     std::string before, after;
     for (int n = 0; n < 40; ++n) {
-        before += std::string(n ? "," : "") + leaf("v" + std::to_string(n), "Uint32", "\"current\": " + std::to_string(n));
-        after += std::string(n ? "," : "") + leaf("v" + std::to_string(n), "Uint16", "\"current\": 0");
+        const std::string name = "v" + std::to_string(n), sep = n ? "," : "";
+        before += sep + leaf(name, "Uint32", "\"current\": " + std::to_string(n));
+        after += sep + leaf(name, "Uint16", "\"current\": 0");
     }
     create(before);
     ASSERT_EQ(std::system(("cp -a " + dir.file("db") + " " + dir.file("pristine")).c_str()), 0);

@@ -116,8 +116,8 @@ void collectMerge(const json& children, const std::string& parent, const std::ma
             any = true;
             const std::string where = file + ": " + path + " " + keys[k];
             Write w{path, k, leafValue(leaf, c[keys[k]], where)};
-            if (isNumeric(leaf.type))
-                if (std::string why = constraintReason(leaf, w.bytes); !why.empty()) fail(where + ": " + why, kExitRefused);
+            if (std::string why = isNumeric(leaf.type) ? constraintReason(leaf, w.bytes) : ""; !why.empty())
+                fail(where + ": " + why, kExitRefused);
             out.push_back(std::move(w));
         }
         if (!any) fail(file + ": " + path + ": a leaf needs \"current\", \"default\" or \"factory\"");
@@ -140,9 +140,10 @@ int cmdMerge(const std::string& dirIn, const std::string& file) {
         checkInterrupted();
         const uint32_t key = db.find(w.path);
         const int32_t size = static_cast<int32_t>(w.bytes.size());
-        const int32_t rc = w.which == 0   ? kesDBMSetGeneric(&db.s, key, w.bytes.data(), size)
-                           : w.which == 1 ? kesDBMSetDefaultGeneric(&db.s, key, w.bytes.data(), size)
-                                          : value_setGeneric(&db.s, kesDBMGetFactoryValueKey(&db.s, key), w.bytes.data(), size);
+        const char* bytes = w.bytes.data();
+        const int32_t rc = w.which == 0   ? kesDBMSetGeneric(&db.s, key, bytes, size)
+                           : w.which == 1 ? kesDBMSetDefaultGeneric(&db.s, key, bytes, size)
+                                          : value_setGeneric(&db.s, kesDBMGetFactoryValueKey(&db.s, key), bytes, size);
         if (rc != 0) writeFailed("import --merge: " + w.path, db.s, rc);
     }
     fast.flush();
@@ -265,15 +266,17 @@ int cmdDelete(const std::string& dirIn, const std::string& pathIn) {
         if (rec.kind == KESDB_KIND_LEAF && comp_getLeaf(&db.s, k, &leaf)) {
             values.insert(values.end(), {leaf.currentValue, leaf.defaultValue, leaf.factoryValue});
         } else {
-            for (uint32_t c = kesDBMGetFirstChild(&db.s, k); c != 0; c = kesDBMGetNextChild(&db.s, c)) todo.push_back(c);
+            for (uint32_t c = kesDBMGetFirstChild(&db.s, k); c != 0; c = kesDBMGetNextChild(&db.s, c))
+                todo.push_back(c);
         }
     }
     MediaJournal journal(dir, db.mediaFiles());
     if (int32_t rc = kesDBMDeleteComponentWithSub(&db.s, key); rc != 0) writeFailed("delete " + path, db.s, rc);
+    auto error = [&] { return static_cast<int32_t>(db.s.error); };
     for (uint32_t v : values)
-        if (v != 0 && kesDBMDeleteValue(&db.s, v) != 0) writeFailed("delete " + path + ": its values", db.s, static_cast<int32_t>(db.s.error));
+        if (v != 0 && kesDBMDeleteValue(&db.s, v) != 0) writeFailed("delete " + path + ": its values", db.s, error());
     for (uint32_t sk : strings)
-        if (sk != 0 && str_delete(&db.s, sk) != 0) writeFailed("delete " + path + ": its names", db.s, static_cast<int32_t>(db.s.error));
+        if (sk != 0 && str_delete(&db.s, sk) != 0) writeFailed("delete " + path + ": its names", db.s, error());
     journal.commit();
     return kExitOk;
 }

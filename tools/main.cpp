@@ -151,7 +151,9 @@ const std::vector<CommandSpec> kCommands = {
      "description names (an export --path gives one) into an existing database; every\n"
      "path and value is checked first, then all are written through the hooks, or none.",
      {{"--merge", false}}, 1, 1,
-     [](CommandLine& cl) { return cl.has("--merge") ? cmdMerge(dirOf(cl), cl.arg(0)) : cmdImport(dirOf(cl), cl.arg(0)); }},
+     [](CommandLine& cl) {
+         return cl.has("--merge") ? cmdMerge(dirOf(cl), cl.arg(0)) : cmdImport(dirOf(cl), cl.arg(0));
+     }},
     {"export", "[--path PATH] [FILE|-]",
      "Write the tree (or the component at PATH inside its ancestors) as a description\n"
      "to FILE or standard output; importing it again and exporting gives the same\n"
@@ -167,7 +169,8 @@ const std::vector<CommandSpec> kCommands = {
      "bytes of each new medium file (default: as the old ones).",
      {{"--check", false}, {"--size", true}}, 1, 1,
      [](CommandLine& cl) {
-         return cmdMigrate(dirOf(cl), cl.arg(0), cl.has("--check"), cl.has("--size") ? sizeOption(cl.last("--size")) : 0);
+         const uint32_t size = cl.has("--size") ? sizeOption(cl.last("--size")) : 0;
+         return cmdMigrate(dirOf(cl), cl.arg(0), cl.has("--check"), size);
      }},
     {"add", "PATH [--type T [--size N] [--value V] [--range MIN MAX STEP | --enum A,B,...]]",
      "Add a leaf of type T (without --type: an empty node) below an existing node;\n"
@@ -383,7 +386,8 @@ CommandLine parse(const std::vector<std::string>& argv) {
             if (!option->takesValue && eq != std::string::npos) usageError(name + " takes no value", cmd);
             cl.options[name].push_back(option->takesValue ? value(name, eq) : "");
             for (int more = 1; more < option->takesValue; ++more) {
-                if (i + 1 >= argv.size()) usageError(name + " needs " + std::to_string(option->takesValue) + " values", cmd);
+                if (i + 1 >= argv.size())
+                    usageError(name + " needs " + std::to_string(option->takesValue) + " values", cmd);
                 cl.options[name].push_back(argv[++i]);
             }
         }

@@ -53,6 +53,11 @@ std::string childPath(const std::string& parent, const std::string& name) {
     return (parent == "/" ? "" : parent) + "/" + name;
 }
 
+std::string parentPath(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
 std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream buf;
@@ -159,10 +164,11 @@ std::string carryValue(const Item& old, const Item& leaf, std::string& out) {
             return "text of " + std::to_string(text.size()) + " bytes does not fit size " + std::to_string(leaf.size);
         out = text;
     } else {
-        // Generic: bytes cut off must be zero.
-        if (v.find_first_not_of('\0', static_cast<size_t>(leaf.size)) != std::string::npos && v.size() > static_cast<size_t>(leaf.size))
+        // Generic: only zero bytes may be cut off.
+        const size_t size = static_cast<size_t>(leaf.size);
+        if (v.size() > size && v.find_first_not_of('\0', size) != std::string::npos)
             return std::to_string(v.size()) + " bytes do not fit size " + std::to_string(leaf.size);
-        out = v.substr(0, std::min(v.size(), static_cast<size_t>(leaf.size)));
+        out = v.substr(0, std::min(v.size(), size));
     }
     out.resize(static_cast<size_t>(leaf.size), '\0');
     return "";
@@ -183,7 +189,6 @@ void indexTree(const std::vector<Item>& items, const std::string& parent, std::m
 struct Merge {
     std::map<std::string, const Item*> old, fresh;
     std::vector<std::string> report;
-    size_t kept = 0;
 
     // The new tree's leaves, with their current values taken from the old ones.
     void fill(std::vector<Item>& items, const std::string& parent) {
@@ -203,7 +208,6 @@ struct Merge {
             const std::string why = carryValue(*found->second, it, value);
             if (why.empty()) {
                 it.current = value;
-                ++kept;
             } else {
                 it.current = it.defaults;
                 report.push_back(path + ": reset to " + valueText(it.type, it.current) + " (" + why + ")");
@@ -221,9 +225,9 @@ struct Merge {
             }
             auto found = fresh.find(path);
             if (found != fresh.end() && found->second->leaf) continue;
-            std::string why = "not in the new description";
-            if (found != fresh.end()) why = "now a node";
-            for (std::string up = parent; up != "/" && found == fresh.end(); up = up.substr(0, std::max<size_t>(1, up.rfind('/')))) {
+            std::string why = found != fresh.end() ? "now a node" : "not in the new description";
+            // Or an ancestor became a leaf.
+            for (std::string up = parent; found == fresh.end() && up != "/"; up = parentPath(up)) {
                 auto a = fresh.find(up);
                 if (a != fresh.end() && a->second->leaf) {
                     why = up + " is now a leaf";
@@ -271,7 +275,8 @@ Layout layoutOf(const std::string& dir) {
     if (descriptor == descriptorText(true))
         l.fourFiles = true;
     else if (descriptor != descriptorText(false))
-        fail(dir + "/" + kDescriptorFile + " is not one that \"kesdb create\" writes; migrate rebuilds only such databases");
+        fail(dir + "/" + kDescriptorFile +
+             " is not one that \"kesdb create\" writes; migrate rebuilds only such databases");
     for (const char* m : l.fourFiles ? std::vector<const char*>(kMediaFiles, kMediaFiles + 4)
                                      : std::vector<const char*>{kSingleMedium})
         l.size = std::max(l.size, laidSize(dir + "/" + m));
@@ -353,7 +358,8 @@ void migrateRecover(const std::string& dirIn) {
     std::error_code ec;
     const std::string old = dir + kOldSuffix;
     if (!fs::exists(dir, ec) && fs::exists(old + "/" + kDescriptorFile, ec)) {
-        if (rename(old.c_str(), dir.c_str()) != 0) fail("cannot put " + old + " back to " + dir + ": " + std::strerror(errno));
+        if (rename(old.c_str(), dir.c_str()) != 0)
+            fail("cannot put " + old + " back to " + dir + ": " + std::strerror(errno));
         std::fprintf(stderr, "kesdb: %s: put back the database an interrupted migrate had moved aside\n", dir.c_str());
     }
     const fs::path p(dir);
