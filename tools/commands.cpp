@@ -102,32 +102,12 @@ uint32_t leafType(Database& db, uint32_t key, const std::string& path) {
     return static_cast<uint32_t>(type);
 }
 
-// Runs `change` on every leaf at or below `key`, depth first in list order, each while
-// holding its exclusive lock (the one of `held`, already taken, is not taken again); stops
-// at the first result that is not 0 and returns it.
-template <class Change>
-int32_t forEachLeafLocked(Database& db, uint32_t key, uint32_t held, double wait, const std::string& what,
-                          Change change) {
-    CompRecord c{};
-    if (!comp_getComponent(&db.s, key, &c)) return static_cast<int32_t>(db.s.error);
-    if (c.kind == KESDB_KIND_LEAF) {
-        if (key == held) return change(key);
-        ScopedLock lock(db, key, wait, what + " " + db.pathOf(key));
-        return change(key);
-    }
-    for (uint32_t child = kesDBMGetFirstChild(&db.s, key); child != 0; child = comp_getNextSibling(&db.s, child)) {
-        checkInterrupted();
-        if (int32_t rc = forEachLeafLocked(db, child, held, wait, what, change); rc != 0) return rc;
-    }
-    return 0;
-}
-
 }  // namespace
 
 int cmdCreate(const CreateOptions& o) {
     Progress progress("create", 0);
     // Everything that can be checked is checked before anything is made.
-    std::vector<Item> items;
+    std::vector<Item> items = o.items;
     if (!o.from.empty()) items = parseDescription(o.from);
     progress.setTotal(countItems(items));
     if (highestHook(items) > o.hooks.size())
@@ -239,15 +219,22 @@ int cmdImport(const std::string& dir, const std::string& file, double wait) {
     return kExitOk;
 }
 
-int cmdExport(const std::string& dir, const std::string& file, bool noHooks) {
-    std::string text;
+int cmdExport(const std::string& dir, const std::string& fileIn, const std::string& pathIn, bool noHooks) {
+    std::string text, file = fileIn, path = pathIn;
     {
         Database db(dir, readAccess(noHooks));
         FastMedia fast(db, FastMedia::Access::Shared);  // reads only: nothing to write back
+        // An argument that names a component of the tree is that path, never a file name.
+        if (path.empty() && !file.empty() && file[0] == '/') {
+            const uint32_t key = quietly([&] { return kesDBMSearchByName(&db.s, file.c_str()); });
+            if (key != 0 && db.pathOf(key) == file) path.swap(file);
+        }
+        if (!path.empty()) db.find(path);  // an unknown path fails here
         Progress progress("export", 0);
         text = exportText(db, &progress);
     }
-    if (file.empty()) {
+    if (!path.empty()) text = subtreeText(text, path);
+    if (file.empty() || file == "-") {
         std::fputs(text.c_str(), data());
     } else {
         writeText(file, text);
@@ -299,7 +286,9 @@ int cmdSet(const std::string& dir, const std::string& path, const std::string& t
     const int32_t size = static_cast<int32_t>(data.size());
     ScopedLock lock(db, key, wait, "set " + path);
     const int32_t rc = which == ValueSet::Default ? kesDBMSetDefaultGeneric(&db.s, key, data.data(), size)
-                                                  : kesDBMSetGeneric(&db.s, key, data.data(), size);
+                       : which == ValueSet::Factory
+                           ? value_setGeneric(&db.s, kesDBMGetFactoryValueKey(&db.s, key), data.data(), size)
+                           : kesDBMSetGeneric(&db.s, key, data.data(), size);
     if (rc != 0) refused(db, key, path, rc, data);
     return kExitOk;
 }

@@ -1,4 +1,5 @@
 #include "database.hpp"
+#include "journal.hpp"
 
 #include <cerrno>
 #include <climits>
@@ -98,6 +99,7 @@ std::string absolutePath(const std::string& path) {
 
 Database::Database(const std::string& dirIn, Access access) {
     dir_ = absolutePath(dirIn);
+    journalRecover(dir_);  // the change of a command killed half-way is undone first
     const std::string drivers = libDir();
     DBMDirOptions o{};
     o.driverDir = drivers.c_str();

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "common.hpp"
 #include "database.hpp"
 
 namespace kesdb {
@@ -34,5 +35,25 @@ private:
     Database& db_;
     uint32_t key_;
 };
+
+// Runs `change` on every leaf at or below `key`, depth first in list order, each while
+// holding its exclusive lock (the one of `held`, already taken, is not taken again); stops
+// at the first result that is not 0 and returns it.
+template <class Change>
+int32_t forEachLeafLocked(Database& db, uint32_t key, uint32_t held, double wait, const std::string& what,
+                          Change change) {
+    CompRecord c{};
+    if (!comp_getComponent(&db.s, key, &c)) return static_cast<int32_t>(db.s.error);
+    if (c.kind == KESDB_KIND_LEAF) {
+        if (key == held) return change(key);
+        ScopedLock lock(db, key, wait, what + " " + db.pathOf(key));
+        return change(key);
+    }
+    for (uint32_t child = kesDBMGetFirstChild(&db.s, key); child != 0; child = comp_getNextSibling(&db.s, child)) {
+        checkInterrupted();
+        if (int32_t rc = forEachLeafLocked(db, child, held, wait, what, change); rc != 0) return rc;
+    }
+    return 0;
+}
 
 }  // namespace kesdb
