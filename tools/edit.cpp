@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <sstream>
 
 #include "common.hpp"
@@ -14,6 +15,7 @@
 #include "description.hpp"
 #include "fast_media.hpp"
 #include "journal.hpp"
+#include "lock_wait.hpp"
 #include "migrate.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
@@ -126,7 +128,7 @@ void collectMerge(const json& children, const std::string& parent, const std::ma
 
 }  // namespace
 
-int cmdMerge(const std::string& dirIn, const std::string& file) {
+int cmdMerge(const std::string& dirIn, const std::string& file, double wait) {
     const json j = readJson(file);  // read before the database is touched
     if (!j.is_object() || !j.contains("children")) fail(file + ": the top level must be an object with \"children\"");
     const std::string dir = absolutePath(dirIn);
@@ -139,6 +141,7 @@ int cmdMerge(const std::string& dirIn, const std::string& file) {
     for (const Write& w : writes) {
         checkInterrupted();
         const uint32_t key = db.find(w.path);
+        ScopedLock lock(db, key, wait, "import --merge " + w.path);
         const int32_t size = static_cast<int32_t>(w.bytes.size());
         const char* bytes = w.bytes.data();
         const int32_t rc = w.which == 0   ? kesDBMSetGeneric(&db.s, key, bytes, size)
@@ -151,7 +154,7 @@ int cmdMerge(const std::string& dirIn, const std::string& file) {
     return kExitOk;
 }
 
-int cmdAdd(const std::string& dirIn, const AddOptions& o) {
+int cmdAdd(const std::string& dirIn, const AddOptions& o, double wait) {
     const std::string path = normalPath(o.path);
     if (path == "/") fail("add: the root exists already", kExitUsage);
     const size_t slash = path.rfind('/');
@@ -221,6 +224,7 @@ int cmdAdd(const std::string& dirIn, const AddOptions& o) {
     CompRecord rec{};
     if (!comp_getComponent(&db.s, parent, &rec) || rec.kind != KESDB_KIND_NODE)
         fail("add: " + parentPath + " is not a node");
+    ScopedLock lock(db, parent, wait, "add " + path);
     // The path search takes a node whose name begins the name searched for: the new
     // component goes before the first such node, and a new node must stand behind every
     // sibling whose name it begins.
@@ -247,18 +251,22 @@ int cmdAdd(const std::string& dirIn, const AddOptions& o) {
     return kExitOk;
 }
 
-int cmdDelete(const std::string& dirIn, const std::string& pathIn) {
+int cmdDelete(const std::string& dirIn, const std::string& pathIn, double wait) {
     const std::string path = normalPath(pathIn);
     if (path == "/") fail("delete: the root cannot be deleted (delete its children)", kExitUsage);
     const std::string dir = absolutePath(dirIn);
     DirectoryGuard guard(dir);
     Database db(dir);
     const uint32_t key = findOrNoPath(db, path);
-    // What the component and everything below it hold: names and values.
+    // What the component and everything below it hold: names and values; each of them is
+    // locked while it goes, and so is the parent whose child list changes.
     std::vector<uint32_t> strings, values, todo{key};
+    std::vector<std::unique_ptr<ScopedLock>> locks;
+    locks.push_back(std::make_unique<ScopedLock>(db, kesDBMGetParent(&db.s, key), wait, "delete " + path));
     while (!todo.empty()) {
         const uint32_t k = todo.back();
         todo.pop_back();
+        locks.push_back(std::make_unique<ScopedLock>(db, k, wait, "delete " + path));
         strings.push_back(kesDBMGetStringKey(&db.s, k));
         LeafRecord leaf{};
         CompRecord rec{};
@@ -281,14 +289,18 @@ int cmdDelete(const std::string& dirIn, const std::string& pathIn) {
     return kExitOk;
 }
 
-int cmdFactoryReset(const std::string& dirIn, const std::string& path) {
+int cmdFactoryReset(const std::string& dirIn, const std::string& path, double wait) {
     const std::string dir = absolutePath(dirIn);
     DirectoryGuard guard(dir);
     Database db(dir);
     const uint32_t key = path.empty() ? db.root() : findOrNoPath(db, path);
     MediaJournal journal(dir, db.mediaFiles());
-    if (int32_t rc = kesDBMFactoryToDefault(&db.s, key); rc != 0) writeFailed("factory-reset", db.s, rc);
-    if (int32_t rc = kesDBMDefaultToCurrent(&db.s, key); rc != 0) writeFailed("factory-reset", db.s, rc);
+    ScopedLock lock(db, key, wait, "factory-reset " + path);
+    const int32_t rc = forEachLeafLocked(db, key, key, wait, "factory-reset", [&](uint32_t k) {
+        const int32_t r = kesDBMFactoryToDefault(&db.s, k);
+        return r != 0 ? r : kesDBMDefaultToCurrent(&db.s, k);
+    });
+    if (rc != 0) writeFailed("factory-reset", db.s, rc);
     journal.commit();
     return kExitOk;
 }

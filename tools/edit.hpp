@@ -17,9 +17,11 @@ struct AddOptions {
     std::string members;              // A,B,... or ""
 };
 
-int cmdMerge(const std::string& dir, const std::string& file);
-int cmdAdd(const std::string& dir, const AddOptions& options);
-int cmdDelete(const std::string& dir, const std::string& path);
-int cmdFactoryReset(const std::string& dir, const std::string& path);
+// Each holds the exclusive lock of what it changes (the leaves written, the parent of what is
+// added, everything deleted), waiting up to `wait` seconds for another holder.
+int cmdMerge(const std::string& dir, const std::string& file, double wait);
+int cmdAdd(const std::string& dir, const AddOptions& options, double wait);
+int cmdDelete(const std::string& dir, const std::string& path, double wait);
+int cmdFactoryReset(const std::string& dir, const std::string& path, double wait);
 
 }  // namespace kesdb
