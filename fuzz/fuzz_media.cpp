@@ -62,11 +62,6 @@ struct Pool {
     }
 };
 
-const char* const kPaths[] = {
-    "/",    "/net",  "/net/port", "/net/mode", "/net/dns/x", "/time/zone", "/sys/s64",     "net", "port",      "/port",
-    "/nope", "",     "/net/xy",   "/times",    "flag",       "/sys/f64",   "/net/dns/", "net/hostname", "//", "/sys/blob",
-};
-constexpr size_t kPathCount = sizeof kPaths / sizeof kPaths[0];
 
 Session* g_s = nullptr;
 
@@ -85,8 +80,8 @@ void run(Session* s, Pool& comp, Pool& value, Pool& str, Pool& cstrt, const Op& 
         case 0: kesDBMtraverseAndPrint(s, k); break;
         case 1:
             if (op.b & 1) kesDBMSetCurrentComponent(s, k);
-            kesDBMSearchByName(s, kPaths[op.c % kPathCount]);
-            if (op.b & 2) comp_searchByName(s, k, kPaths[op.d % kPathCount]);
+            kesDBMSearchByName(s, kf::kPaths[op.c % kf::kPathCount]);
+            if (op.b & 2) comp_searchByName(s, k, kf::kPaths[op.d % kf::kPathCount]);
             break;
         case 2: {
             int32_t len = op.c % 65;

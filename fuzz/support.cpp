@@ -379,6 +379,14 @@ std::vector<Item> seedItems(Seed which) {
 
 }  // namespace
 
+const char* const kPaths[] = {
+    "/",          "/net",          "/net/port", "/net/hostname", "/net/dns",  "/net/dns/x", "/net/dns/", "/net/mode",
+    "/time/zone", "/time/interval", "/sys/s8",  "/sys/s64",      "/sys/f64",  "/sys/blob",  "/flag",     "flag",
+    "net",        "net/mode",       "net/hostname", "port",      "/port",     "/net/xy",    "/times",    "",
+    "//",         "/net//port",     "/sys/u64/x", "time/zone/",  "/nope/net", "/nope",
+};
+const size_t kPathCount = sizeof kPaths / sizeof kPaths[0];
+
 SeedTree buildSeedDatabase(Session* s, Seed which) {
     // Room for the records with some to spare for creations; data areas and texts are
     // appended behind.
