@@ -122,7 +122,7 @@ private:
 int cmdCreate(const CreateOptions& o) {
     Progress progress("create", 0);
     // Everything that can be checked is checked before anything is made.
-    std::vector<Item> items;
+    std::vector<Item> items = o.items;
     if (!o.from.empty()) items = parseDescription(o.from);
     progress.setTotal(countItems(items));
     if (highestHook(items) > o.hooks.size())
@@ -243,15 +243,22 @@ int cmdImport(const std::string& dir, const std::string& file) {
     return kExitOk;
 }
 
-int cmdExport(const std::string& dir, const std::string& file) {
-    std::string text;
+int cmdExport(const std::string& dir, const std::string& fileIn, const std::string& pathIn) {
+    std::string text, file = fileIn, path = pathIn;
     {
         Database db(dir);
         FastMedia fast(db, FastMedia::Access::Shared);  // reads only: nothing to write back
+        // An argument that names a component of the tree is that path, never a file name.
+        if (path.empty() && !file.empty() && file[0] == '/') {
+            const uint32_t key = quietly([&] { return kesDBMSearchByName(&db.s, file.c_str()); });
+            if (key != 0 && db.pathOf(key) == file) path.swap(file);
+        }
+        if (!path.empty()) db.find(path);  // an unknown path fails here
         Progress progress("export", 0);
         text = exportText(db, &progress);
     }
-    if (file.empty()) {
+    if (!path.empty()) text = subtreeText(text, path);
+    if (file.empty() || file == "-") {
         std::fputs(text.c_str(), data());
     } else {
         writeText(file, text);
@@ -301,8 +308,12 @@ int cmdSet(const std::string& dir, const std::string& path, const std::string& t
         fail("value '" + text + "' " + why);
     }
     const int32_t size = static_cast<int32_t>(data.size());
+    // The factory value has no call of its own: its record is written as the others are,
+    // through the constraint check.
     const int32_t rc = which == ValueSet::Default ? kesDBMSetDefaultGeneric(&db.s, key, data.data(), size)
-                                                  : kesDBMSetGeneric(&db.s, key, data.data(), size);
+                       : which == ValueSet::Factory
+                           ? value_setGeneric(&db.s, kesDBMGetFactoryValueKey(&db.s, key), data.data(), size)
+                           : kesDBMSetGeneric(&db.s, key, data.data(), size);
     if (rc != 0) refused(db, key, path, rc, data);
     return kExitOk;
 }

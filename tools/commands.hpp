@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "description.hpp"
+
 namespace kesdb {
 
 class Database;
@@ -15,6 +17,7 @@ struct CreateOptions {
     uint32_t size = 1024 * 1024;     // --size: bytes of each medium file
     std::vector<std::string> hooks;  // --hook lines, hook indexes 1, 2, ...
     std::string from;                // --from: description to import
+    std::vector<Item> items;         // or a tree already read and checked (migrate)
     // A database prepared for another place or machine: the directory it will have there
     // (--install-dir) and the directory of the driver and hook libraries there
     // (--target-lib-dir). The configuration files name those; the tool builds with its
@@ -27,7 +30,8 @@ enum class ValueSet { Current, Default, Factory };
 
 int cmdCreate(const CreateOptions& options);
 int cmdImport(const std::string& dir, const std::string& file);
-int cmdExport(const std::string& dir, const std::string& file);  // "" for standard output
+// "" or "-" for standard output; `path`: the subtree at that path, with its ancestors.
+int cmdExport(const std::string& dir, const std::string& file, const std::string& path = "");
 int cmdGet(const std::string& dir, const std::string& path, ValueSet which);
 int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which);
 int cmdReset(const std::string& dir, const std::string& path);

@@ -1,4 +1,5 @@
 #include "database.hpp"
+#include "journal.hpp"
 
 #include <cerrno>
 #include <climits>
@@ -133,6 +134,7 @@ std::string absolutePath(const std::string& path) {
 
 Database::Database(const std::string& dirIn) {
     dir_ = absolutePath(dirIn);
+    journalRecover(dir_);  // the change of a command killed half-way is undone first
     Descriptor d = readDescriptor(dir_);
     if (!g_callerDbTable) setenv("KESDB_DBTABLE", (dir_ + "/db.tbl").c_str(), 1);
     setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 0);

@@ -9,7 +9,7 @@
 // description, options, handler), from which the parser, "kesdb --help", "kesdb help CMD"
 // and "kesdb CMD --help" are made, so they cannot disagree. Options may stand before or
 // after the command; "--" ends them (so a value such as "--x" can be set). Numbers such as
-// "-5" are arguments.
+// "-5" are arguments, and so is "-" (standard input or output).
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +22,8 @@
 #include "commands.hpp"
 #include "common.hpp"
 #include "database.hpp"
+#include "edit.hpp"
+#include "migrate.hpp"
 
 namespace kesdb {
 namespace {
@@ -31,7 +33,7 @@ using Handler = int (*)(CommandLine&);
 
 struct OptionSpec {
     const char* name;
-    bool takesValue;
+    int takesValue;  // how many values follow the option (0 for a flag)
 };
 
 struct CommandSpec {
@@ -142,29 +144,64 @@ const std::vector<CommandSpec> kCommands = {
       {"--install-dir", true},
       {"--target-lib-dir", true}},
      0, 1, runCreate},
-    {"import", "FILE",
+    {"import", "[--merge] FILE|-",
      "Build the tree of a description below the root of an empty database. All or\n"
-     "nothing: when it fails half-way the media are put back as they were.",
-     {}, 1, 1, [](CommandLine& cl) { return cmdImport(dirOf(cl), cl.arg(0)); }},
-    {"export", "[FILE]",
-     "Write the tree as a description to FILE or standard output; importing it\n"
-     "again and exporting gives the same bytes.",
-     {}, 0, 1, [](CommandLine& cl) { return cmdExport(dirOf(cl), cl.arg(0)); }},
+     "nothing: when it fails half-way the media are put back as they were. --merge:\n"
+     "write the current, default or factory values of the leaves a partial\n"
+     "description names (an export --path gives one) into an existing database; every\n"
+     "path and value is checked first, then all are written through the hooks, or none.",
+     {{"--merge", false}}, 1, 1,
+     [](CommandLine& cl) {
+         return cl.has("--merge") ? cmdMerge(dirOf(cl), cl.arg(0)) : cmdImport(dirOf(cl), cl.arg(0));
+     }},
+    {"export", "[--path PATH] [FILE|-]",
+     "Write the tree (or the component at PATH inside its ancestors) as a description\n"
+     "to FILE or standard output; importing it again and exporting gives the same\n"
+     "bytes. An argument that names a component of the tree is taken as the PATH.",
+     {{"--path", true}}, 0, 1, [](CommandLine& cl) { return cmdExport(dirOf(cl), cl.arg(0), cl.last("--path")); }},
+    {"migrate", "FILE [--check] [--size BYTES]",
+     "Bring the database to the structure of the description FILE (a new firmware's),\n"
+     "keeping each current value the new leaf accepts (same or exactly convertible\n"
+     "type, fitting size, passing range or enumeration), else its new default. One\n"
+     "line per leaf reset, added or dropped, with the reason. --check: the report\n"
+     "only. Built beside DIR and exchanged with it: all or nothing, also when killed.\n"
+     "Refused (5) while a process has the database open or a lock is held. --size:\n"
+     "bytes of each new medium file (default: as the old ones).",
+     {{"--check", false}, {"--size", true}}, 1, 1,
+     [](CommandLine& cl) {
+         const uint32_t size = cl.has("--size") ? sizeOption(cl.last("--size")) : 0;
+         return cmdMigrate(dirOf(cl), cl.arg(0), cl.has("--check"), size);
+     }},
+    {"add", "PATH [--type T [--size N] [--value V] [--range MIN MAX STEP | --enum A,B,...]]",
+     "Add a leaf of type T (without --type: an empty node) below an existing node;\n"
+     "--value sets all three values (default 0, the range minimum, the first member\n"
+     "or empty).",
+     {{"--type", 1}, {"--size", 1}, {"--value", 1}, {"--range", 3}, {"--enum", 1}}, 1, 1,
+     [](CommandLine& cl) {
+         if (cl.has("--range") && cl.has("--enum")) usageError("add: --range and --enum exclude each other", "add");
+         AddOptions o{cl.arg(0), cl.last("--type"), cl.last("--size"), cl.last("--value"), {}, cl.last("--enum")};
+         if (cl.has("--range")) o.range.assign(cl.options["--range"].end() - 3, cl.options["--range"].end());
+         return cmdAdd(dirOf(cl), o);
+     }},
+    {"delete", "PATH", "Delete a leaf, or a node with everything below it.", {}, 1, 1,
+     [](CommandLine& cl) { return cmdDelete(dirOf(cl), cl.arg(0)); }},
+    {"factory-reset", "[PATH]",
+     "Copy factory values to default values and default values to current values\n"
+     "below PATH (default: the whole tree), in one step.",
+     {}, 0, 1, [](CommandLine& cl) { return cmdFactoryReset(dirOf(cl), cl.arg(0)); }},
     {"get", "PATH [--default | --factory]",
      "Print a leaf's current (default, factory) value by its type: numbers in decimal\n"
      "(floating point in the shortest form that reads back the same), String as\n"
      "text, Generic as hex digit pairs.",
      {{"--default", false}, {"--factory", false}}, 1, 1,
      [](CommandLine& cl) { return cmdGet(dirOf(cl), cl.arg(0), valueSet(cl)); }},
-    {"set", "PATH VALUE [--default]",
-     "Write a leaf's current (default) value. The text must parse for the leaf's type\n"
+    {"set", "PATH VALUE [--default | --factory]",
+     "Write a leaf's current (default, factory) value. The text must parse for the leaf's type\n"
      "(integers in decimal or 0x hex; nan, inf, -inf for floating point) and fit it;\n"
      "the library then applies the constraint and the hooks. A refusal names the\n"
      "rule (\"0 is below the minimum 1 (range 1..65535)\") and exits with 4.",
-     {{"--default", false}}, 2, 2,
-     [](CommandLine& cl) {
-         return cmdSet(dirOf(cl), cl.arg(0), cl.arg(1), cl.has("--default") ? ValueSet::Default : ValueSet::Current);
-     }},
+     {{"--default", false}, {"--factory", false}}, 2, 2,
+     [](CommandLine& cl) { return cmdSet(dirOf(cl), cl.arg(0), cl.arg(1), valueSet(cl)); }},
     {"show", "[PATH] [--default | --factory] [--json]",
      "Print every leaf at or below PATH (default: the whole tree) as PATH=VALUE, one\n"
      "line each, values as get prints them; the default or factory values with\n"
@@ -312,7 +349,7 @@ CommandLine parse(const std::vector<std::string>& argv) {
             if (i + 1 >= argv.size()) usageError(option + " needs a value", cl.command ? cl.command->name : "");
             return argv[++i];
         };
-        if (optionsEnded || a.empty() || a[0] != '-' ||
+        if (optionsEnded || a.empty() || a == "-" || a[0] != '-' ||
             (a.size() > 1 && a[1] != '-' && a != "-d" && a != "-h" && a != "-q")) {
             // An argument ("-5" too): the command first, then its arguments.
             if (!cl.command) {
@@ -348,6 +385,11 @@ CommandLine parse(const std::vector<std::string>& argv) {
             if (!option) usageError((cmd.empty() ? "" : cmd + ": ") + "unknown option " + name, cmd);
             if (!option->takesValue && eq != std::string::npos) usageError(name + " takes no value", cmd);
             cl.options[name].push_back(option->takesValue ? value(name, eq) : "");
+            for (int more = 1; more < option->takesValue; ++more) {
+                if (i + 1 >= argv.size())
+                    usageError(name + " needs " + std::to_string(option->takesValue) + " values", cmd);
+                cl.options[name].push_back(argv[++i]);
+            }
         }
     }
     return cl;
