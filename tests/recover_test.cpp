@@ -280,15 +280,4 @@ TEST_F(Orphans, TablesGivenByPathRefusalsAndDamage) {
     EXPECT_EQ(kt::readFile(db.param.sessionTablePath), sessionsBefore);
 }
 
-TEST_F(Orphans, HelpAndManualPageDescribeTheCommand) {
-    const Outcome r = kesdb(db.dir, {"--help"});
-    const std::string manual = kt::readFile(std::string(KT_SOURCE_DIR) + "/tools/kesdb.1");
-    for (const char* word : {"orphans", "--clear", "--closed", "--session-table", "--lock-table"}) {
-        EXPECT_NE(r.out.find(word), std::string::npos) << word;
-        std::string escaped;
-        for (char ch : std::string(word)) escaped += ch == '-' ? std::string("\\-") : std::string(1, ch);
-        EXPECT_NE(manual.find(escaped), std::string::npos) << word;
-    }
-}
-
 }  // namespace
