@@ -11,6 +11,7 @@
 #include "kesdbm/tree.h"
 #include "kesdbm/value.h"
 #include "storage/medium_io.hpp"
+#include "value/changes.hpp"
 
 namespace {
 
@@ -72,6 +73,12 @@ int32_t getGeneric(Session* s, uint32_t key, Slot slot, void* buffer, int32_t* l
                          [&] { return value_getGeneric(s, valueKey, buffer, length); });
 }
 
+// Enters a change of the leaf for watchers once its value is written; gives the write's result.
+int32_t entered(Session* s, uint32_t key, int32_t written) {
+    if (written == 0) kes::changes::record(s, key, 0);
+    return written;
+}
+
 // The write sequence: preSet (which may change the length), value_setGeneric with that
 // length, postSet. The hooks get a pointer to the call's own copy of the length.
 int32_t setGeneric(Session* s, uint32_t key, Slot slot, const void* data, int32_t length) {
@@ -80,7 +87,7 @@ int32_t setGeneric(Session* s, uint32_t key, Slot slot, const void* data, int32_
     if (const int32_t code = resolveLeaf(s, key, leaf)) return code;
     const uint32_t valueKey = valueKeyOf(leaf, slot);
     const HookEntry* hook = hookOf(s, leaf);
-    if (!hook) return value_setGeneric(s, valueKey, data, length);
+    if (!hook) return entered(s, key, value_setGeneric(s, valueKey, data, length));
     // Hook functions take a non-const data pointer; they are handed the caller's bytes as
     // they are, and a hook that writes to them writes to the caller's memory.
     void* hookData = const_cast<void*>(data);
@@ -88,7 +95,7 @@ int32_t setGeneric(Session* s, uint32_t key, Slot slot, const void* data, int32_
         const int r = hook->preSet(valueKey, hookData, &length);
         if (r != 0) return session_setError(s, KESDB_ERR_HOOK_PRESET, static_cast<uint32_t>(r));
     }
-    const int32_t rc = value_setGeneric(s, valueKey, data, length);
+    const int32_t rc = entered(s, key, value_setGeneric(s, valueKey, data, length));
     if (rc != 0) return rc;
     if (hook->postSet) {
         const int r = hook->postSet(valueKey, hookData, &length);

@@ -274,8 +274,8 @@ TEST_F(Orphans, TablesGivenByPathRefusalsAndDamage) {
     const std::string sessionsBefore = kt::readFile(db.param.sessionTablePath);
     r = tool({"orphans", "--clear"});
     EXPECT_EQ(r.code, 2);
-    EXPECT_EQ(r.err, "kesdb: the lock table ./lock.tbl is damaged: lock list link 5000; "
-                     "nothing was changed\n");
+    EXPECT_EQ(r.err, "kesdb: the lock table " + db.dir.file("lock.tbl") +
+                         " is damaged: lock list link 5000; nothing was changed\n");
     EXPECT_EQ(kt::readFile(db.param.lockTablePath), locksBefore);
     EXPECT_EQ(kt::readFile(db.param.sessionTablePath), sessionsBefore);
 }

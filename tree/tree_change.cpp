@@ -35,6 +35,7 @@
 #include "kesdbm/tree.h"
 #include "storage/medium_io.hpp"
 #include "tree/walk_guard.hpp"
+#include "value/changes.hpp"
 
 namespace {
 
@@ -43,6 +44,12 @@ using kes::tree::LoopGuard;
 using kes::tree::ownKey;
 using kes::tree::readCommon;
 using kes::tree::WalkBudget;
+
+// Enters a change for watchers (value/changes.cpp) when `result` says it was made.
+int32_t entered(Session* s, int32_t result, uint32_t key, uint32_t parent) {
+    if (result == 0) kes::changes::record(s, key, parent);
+    return result;
+}
 
 int32_t refuse(Session* s) { return session_setError(s, KESDB_ERR_COMP_NOTNODE, 0); }
 
@@ -305,10 +312,11 @@ int32_t moveWhole(Session* s, uint32_t key, uint32_t newParent, uint32_t newPrev
     } else {
         if (record.comp.kind != KESDB_KIND_LEAF) return session_setError(s, KESDB_ERR_COMP_NOTLEAF, 0);
     }
+    const uint32_t oldParent = record.comp.parent;
     if (!unlink(change, record.comp, firstChild, false)) return failureCode(s);
     if (!insert(change, record.comp, newParent, newPrevious)) return failureCode(s);
     if (!change.stage(record)) return failureCode(s);
-    return change.commit(key);
+    return entered(s, change.commit(key), key, oldParent);
 }
 
 // Children's keys gathered before a subtree is deleted from the last child to the first.
@@ -352,9 +360,17 @@ bool checkSubtree(Session* s, uint32_t key, WalkBudget& budget, int64_t level, u
 int32_t deleteSubtree(Session* s, uint32_t key, uint32_t unlinkFirst, WalkBudget& budget, int64_t level) {
     if (!budget.enter(s, key, level)) return KESDB_ERR_COMP_READ;
     NodeRecord comp;
+    bool read = false;
+    uint32_t parent = 0;
+    // The deletion is entered for watchers once it is over, however it ended.
+    kes::ScopeExit enter([&] {
+        if (level == 0 && read) kes::changes::record(s, key, parent);
+    });
     {
         Change change(s);
         if (!change.readNode(key, comp)) return failureCode(s);
+        read = true;
+        parent = comp.comp.parent;
         if (unlinkFirst != 0) {
             if (!unlink(change, comp.comp, comp.firstChild, false)) return failureCode(s);
             change.commit(0);
@@ -403,7 +419,9 @@ uint32_t leaf_create(Session* s, uint32_t stringKey, uint32_t parent, uint32_t p
     Change change(s);
     if (!insert(change, leaf.comp, parent, previous)) return 0;
     if (change.commit(previous != 0 ? previous : parent) != 0) return 0;
-    return comp_setLeaf(s, &leaf) == 0 ? leaf.comp.key : 0;
+    if (comp_setLeaf(s, &leaf) != 0) return 0;
+    kes::changes::record(s, leaf.comp.key, parent);
+    return leaf.comp.key;
 }
 
 // When the place or the child to wrap cannot be read, or cannot take the node, the node's
@@ -426,6 +444,7 @@ uint32_t node_create(Session* s, uint32_t stringKey, uint32_t parent, uint32_t p
         return 0;
     }
     change.commit(node.comp.key);
+    kes::changes::record(s, node.comp.key, parent);
     return node.comp.key;
 }
 
@@ -444,12 +463,13 @@ int32_t node_move(Session* s, uint32_t node, uint32_t newParent, uint32_t newPre
     NodeRecord record;
     if (!change.readNode(node, record)) return failureCode(s);
     if (record.comp.kind != KESDB_KIND_NODE) return session_setError(s, KESDB_ERR_COMP_NOTNODE, 0);
+    const uint32_t oldParent = record.comp.parent;
     if (!unlink(change, record.comp, record.firstChild, true)) return failureCode(s);
     if (!insert(change, record.comp, newParent, newPrevious)) return failureCode(s);
     if (child != 0 && !wrap(change, record.comp, child)) return failureCode(s);
     record.firstChild = child;
     if (!change.stage(record)) return failureCode(s);
-    return change.commit(node);
+    return entered(s, change.commit(node), node, oldParent);
 }
 
 // A deleted node's children take its place under its parent. A record of another kind leaves
@@ -458,11 +478,14 @@ int32_t comp_delete(Session* s, uint32_t key) {
     Change change(s);
     NodeRecord record;
     if (!change.readNode(key, record)) return failureCode(s);
+    const uint32_t parent = record.comp.parent;
     if (!unlink(change, record.comp, record.firstChild, true)) return failureCode(s);
     change.commit(0);
     CompRecord again;
     if (!readCommon(s, key, &again) || !ownKey(s, key, again.key)) return failureCode(s);
-    return comp_setDeleted(s, &again);
+    const int32_t rc = comp_setDeleted(s, &again);
+    kes::changes::record(s, key, parent);  // unlinked already, whatever the release gave
+    return rc;
 }
 
 // Releases the component and everything below it: children from the last to the first, each
