@@ -205,6 +205,12 @@ TEST_F(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
         EXPECT_EQ(kt::readFile(db.mediumPath), beforeParent);
     }
     ASSERT_EQ(comp_setParent(s, t.X, t.B), 0);
+    // A node whose child list cannot be read to its end is not taken out: its children would be lost.
+    ASSERT_EQ(comp_setNextSibling(s, t.Y, garbage), 0);
+    const std::string beforeSplice = kt::readFile(db.mediumPath);
+    EXPECT_EQ(comp_delete(s, t.B), KESDB_ERR_COMP_READ);
+    EXPECT_EQ(kt::readFile(db.mediumPath), beforeSplice);
+    ASSERT_EQ(comp_setNextSibling(s, t.Y, 0), 0);
 
 }
 
