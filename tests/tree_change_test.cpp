@@ -290,6 +290,8 @@ TEST(TreeDepth, DeepChainsKeepTheDepthLimit) {
     EXPECT_EQ(search(1000).first, chain[1000]);
     EXPECT_EQ(search(1030), std::make_pair(0u, std::string()));
     EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_COMP_READ, chain[1025]));
+    // Whether a place lies below the moved node is not told beyond that depth: refused as well.
+    EXPECT_EQ(node_moveWithSub(s, chain[1], chain[1029], 0), KESDB_ERR_COMP_READ);
 
     const std::vector<tk::FreeBlock> before = tk::freeList(s, m);
     EXPECT_EQ(comp_deleteWithSub(s, chain[1], 1), KESDB_ERR_COMP_READ);
@@ -341,6 +343,18 @@ TEST(TreeChangeFaults, WritesComeInTheOrderThatKeepsAnInterruptedChangeKnown) {
         if (c.lists) {
             EXPECT_EQ(t.lists(), c.lists);
         }
+    }
+    // A neighbour that cannot be written keeps the leaf out even when the writes after it succeed.
+    for (const bool head : {false, true}) {
+        tk::FaultComponents o;
+        ASSERT_TRUE(o.ready());
+        Tree t(&o.db.s);
+        nameKey = tk::name(t.s, "N");
+        o.reset();
+        o.fail(KESDRV_FAULT_WRITE, 3, EIO);
+        EXPECT_EQ(leaf_create(t.s, nameKey, t.P, head ? 0 : t.A, 0, 0, 0, 0), 0u);
+        o.reset();
+        EXPECT_EQ(t.lists(), "A,B,C||X,Y");
     }
 }
 
