@@ -240,8 +240,7 @@ int cmdGet(const std::string& dir, const std::string& path, ValueSet which) {
     const uint32_t key = db.find(path);
     const uint32_t type = leafType(db, key, path);
     const int32_t len = kesDBMGetLength(&db.s, key);
-    if (len <= 0 || len > kValueMax)
-        fail("get " + path + ": cannot read the value's length: " + codeText(static_cast<int32_t>(db.s.error)));
+    if (len <= 0 || len > kValueMax) lengthFailure(db.s, len, "get " + path);
     std::string buf(static_cast<size_t>(len), '\0');
     int32_t n = len;
     const int32_t rc = which == ValueSet::Current   ? kesDBMGetGeneric(&db.s, key, buf.data(), &n)
@@ -258,8 +257,7 @@ int cmdSet(const std::string& dir, const std::string& path, const std::string& t
     const uint32_t key = db.find(path);
     const uint32_t type = leafType(db, key, path);
     const int32_t len = kesDBMGetLength(&db.s, key);
-    if (len <= 0 || len > kValueMax)
-        fail("set " + path + ": cannot read the value's length: " + codeText(static_cast<int32_t>(db.s.error)));
+    if (len <= 0 || len > kValueMax) lengthFailure(db.s, len, "set " + path);
     // The value is converted and checked by the leaf's type before the library sees it.
     std::string data;
     if (type == String) {
@@ -306,12 +304,18 @@ int cmdPrint(const std::string& dir, const std::string& path) {
     std::fflush(data());
     const int diagnostics = dup(1);
     dup2(fileno(data()), 1);
+    db.s.error = 0;
     kesDBMtraverseAndPrint(&db.s, key);
     std::fflush(stdout);
     if (diagnostics >= 0) {
         dup2(diagnostics, 1);
         close(diagnostics);
     }
+    // The library's walk stops at a component reached twice or too deep, and records it.
+    if (db.s.error != 0)
+        fail("print stopped at component " + std::to_string(static_cast<uint32_t>(db.s.errorDetail)) + ": " +
+                 codeText(static_cast<int32_t>(db.s.error)) + " (a damaged tree; 'kesdb check' lists what is wrong)",
+             exitFor(static_cast<int32_t>(db.s.error)));
     return kExitOk;
 }
 

@@ -4,13 +4,11 @@
 #include <cstring>
 
 #include "values.hpp"
+#include "walk.hpp"
 
 namespace kesdb {
 
 namespace {
-
-// Most components an export visits: a sibling list that loops ends the export.
-constexpr size_t kWalkMax = 4u << 20;
 
 std::string childPath(const std::string& parent, const std::string& name) {
     return (parent == "/" ? "" : parent) + "/" + name;
@@ -124,7 +122,7 @@ void build(Database& db, const std::vector<Item>& items, uint32_t parent, const 
 // The bytes of a value record's data.
 std::string readValue(Session& s, uint32_t valueKey, const std::string& what) {
     const int32_t len = value_getLength(&s, valueKey);
-    if (len < 0 || len > kValueMax) libraryFailure(s, "cannot read " + what);
+    if (len < 0 || len > kValueMax) lengthFailure(s, len, "cannot read " + what);
     std::string buf(static_cast<size_t>(len), '\0');
     int32_t n = len;
     if (len > 0 && (value_getGeneric(&s, valueKey, buf.data(), &n) != 0 || n != len))
@@ -145,7 +143,7 @@ std::string childName(Session& s, uint32_t key, const std::string& parentPath) {
     return name;
 }
 
-void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth, size_t& visited,
+void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth, WalkGuard& visited,
                  const std::function<void(const Item&)>& visit) {
     Session& s = db.s;
     CompRecord rec{};
@@ -156,17 +154,18 @@ void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth,
     }
     if (depth > kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
     for (uint32_t child = kesDBMGetFirstChild(&s, key); child != 0; child = kesDBMGetNextChild(&s, child)) {
-        if (++visited > kWalkMax) fail("the tree below " + path + " does not end (a sibling list loops?)");
-        leavesBelow(db, child, childPath(path, childName(s, child, path)), depth + 1, visited, visit);
+        const std::string below = childPath(path, childName(s, child, path));
+        visited.enter(child, below, path);
+        leavesBelow(db, child, below, depth + 1, visited, visit);
     }
 }
 
-json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, size_t& visited) {
+json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, WalkGuard& visited) {
     json children = json::array();
     for (uint32_t key = kesDBMGetFirstChild(&s, parent); key != 0; key = kesDBMGetNextChild(&s, key)) {
-        if (++visited > kWalkMax) fail("the tree below " + parentPath + " does not end (a sibling list loops?)");
         const std::string name = childName(s, key, parentPath);
         const std::string path = childPath(parentPath, name);
+        visited.enter(key, path, parentPath);
         if (!validUtf8(name)) fail(path + ": the name is not UTF-8, which a description cannot hold");
         CompRecord rec{};
         if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read " + path);
@@ -184,6 +183,12 @@ json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, 
 }
 
 }  // namespace
+
+void lengthFailure(const Session& s, int32_t length, const std::string& what) {
+    if (length < 0 && s.error != 0) libraryFailure(s, what);
+    fail(what + ": its length word says " + std::to_string(static_cast<uint32_t>(length)) +
+         " bytes, outside 1.." + std::to_string(kValueMax) + " (a damaged value record)");
+}
 
 void makeRoot(Database& db) {
     Session& s = db.s;
@@ -210,9 +215,11 @@ void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks) {
 }
 
 std::string exportText(Database& db) {
-    size_t visited = 0;
+    WalkGuard visited;
+    const uint32_t root = db.root();
+    visited.enter(root, "/", "/");
     json top;
-    top["children"] = exportChildren(db.s, db.root(), "/", 1, visited);
+    top["children"] = exportChildren(db.s, root, "/", 1, visited);
     return top.dump(2) + "\n";
 }
 
@@ -288,7 +295,8 @@ json leafJson(const Item& it) {
 }
 
 void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit) {
-    size_t visited = 0;
+    WalkGuard visited;
+    visited.enter(key, path, path);
     leavesBelow(db, key, path, 1, visited, visit);
 }
 

@@ -1,0 +1,96 @@
+// The kesdb tool on damaged databases: every command ends, in bounded time and memory, with a
+// message that names what is wrong, and "kesdb check" lists it.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "testkit.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using kt::Outcome;
+
+const char kDescription[] =
+    R"({"children": [{"name": "net", "children": [{"name": "host", "type": "String", "current": "dev"},)"
+    R"( {"name": "port", "type": "Uint16", "current": 80, "range": {"min": 1, "max": 65535}}]},)"
+    R"( {"name": "mode", "type": "Uint8", "current": 1}]})";
+
+constexpr uint32_t kSelf = 0xFFFFFFFFu;  // a word set to the key of its own record
+
+class Damage : public ::testing::Test {
+protected:
+    void SetUp() override {
+        setenv("KESDB_DBTABLE", dir.file("db.tbl").c_str(), 1);
+        kt::writeFile(dir.file("d.json"), kDescription);
+        ASSERT_EQ(kesdb({"create", "db", "--from", "d.json"}).code, 0);
+        // Keys from the printout: "leaf 204 [/host]" and the value lines below it.
+        std::istringstream lines(kesdb({"-d", "db", "print"}).out);
+        std::string kind, name, last;
+        for (uint32_t key; lines >> kind >> key && std::getline(lines, name);) {
+            if (kind == "value") {
+                keys[last + (keys.count(last + ".current") ? ".default" : ".current")] = key;
+            } else {
+                last = name.substr(2, name.find(']') - 2);
+                keys[last] = key;
+            }
+        }
+    }
+    Outcome kesdb(const std::vector<std::string>& args) {
+        return kt::finishProgram(dir, kt::spawnProgram(dir, "kesdb", args, ""), "");
+    }
+    // A copy of the database with the word at `offset` of the record `record` set to `value`.
+    std::string damaged(const std::string& record, uint32_t offset, uint32_t value) {
+        const std::string copy = "d" + std::to_string(++copies);
+        fs::copy(dir.file("db"), dir.file(copy));
+        const uint32_t key = keys.at(record);
+        if (value == kSelf) value = key;
+        kt::writeBytes(dir.file(copy + "/medium.bin"), key + offset, &value, 4);
+        return copy;
+    }
+    kt::TempDir dir;
+    std::map<std::string, uint32_t> keys;
+    int copies = 0;
+};
+
+// Each row damages one word of a fresh copy and runs one command on it.
+TEST_F(Damage, CommandsEndWithTheCause) {
+    // No command may take more than a small part of this (a damaged length word once made
+    // the printout allocate 2 GiB).
+    const rlimit limit{512u << 20, 512u << 20};
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &limit), 0);
+    struct Row {
+        std::string record;
+        uint32_t offset, value;
+        std::vector<std::string> args;
+        int code;
+        std::string err, out;
+    };
+    const Row rows[] = {
+        {"/host", 16, kSelf, {"export"}, 2, "component " + std::to_string(keys["/host"]) + " (/net/host) is reached a second time", ""},
+        {"/host", 16, kSelf, {"show"}, 2, "is reached a second time from /net", "/net/host=dev\n"},
+        {"/host", 16, kSelf, {"print"}, 2, "print stopped at component " + std::to_string(keys["/host"]) + ": 55", "str [dev]"},
+        {"net", 24, keys["/"], {"show"}, 2, "is reached a second time", ""},
+        {"/host.current", 16, 0x7FFFFFF0, {"print"}, 0, "", "value " + std::to_string(keys["/host.current"]) + " str [dev]\n"},
+        {"/host.current", 16, 0x7FFFFFF0, {"get", "/net/host"}, 2, "its length word says 2147483632 bytes, outside 1..65536", ""},
+        {"/host.current", 16, 0, {"get", "/net/host"}, 2, "length word says 0 bytes", ""},
+    };
+    for (const Row& row : rows) {
+        const std::string copy = damaged(row.record, row.offset, row.value);
+        std::vector<std::string> args = {"-d", copy};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        const Outcome r = kesdb(args);
+        const std::string label = row.record + "+" + std::to_string(row.offset) + " " + ::testing::PrintToString(row.args);
+        EXPECT_EQ(r.code, row.code) << label << "\n" << r.err;
+        EXPECT_NE(r.err.find(row.err), std::string::npos) << label << "\n" << r.err;
+        EXPECT_NE(r.out.find(row.out), std::string::npos) << label << "\n" << r.out;
+    }
+}
+
+}  // namespace
