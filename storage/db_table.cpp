@@ -177,6 +177,7 @@ int32_t db_term(uint32_t dbId) {
         releaseDatabase(dbId);
         misc_postMtx(&g_db.sems);
     }
+    if (g_db.count <= 0) return 0;  // more shut-downs than set-ups: nothing to undo
     if (--g_db.count != 0) return 0;
     if (g_db.table) {
         if (!kes::unmapSharedTable(g_db.table, KESDB_DBTABLE_SIZE)) return KESDB_ERR_MUNMAP;

@@ -2,6 +2,7 @@
 // message that names what is wrong, and "kesdb check" lists it.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -94,3 +95,49 @@ TEST_F(Damage, CommandsEndWithTheCause) {
 }
 
 }  // namespace
+
+// Files of the database replaced by what a start-up cannot use: the command ends at once
+// and names the file and its fault; nothing is made where a link points.
+TEST_F(Damage, StartUpNamesTheFileItCannotUse) {
+    struct Row {
+        std::string file, replacement;  // "fifo", "zero", "dangling" or "short"
+        std::vector<std::string> args;
+        std::string err;
+    };
+    const Row rows[] = {
+        {"media.conf", "fifo", {"show"}, "12 KESDB_ERR_MEDIA_CONFOPEN; " + dir.file("d1/media.conf") + ": not a regular file"},
+        {"hook.conf", "zero", {"show"}, "30 KESDB_ERR_HOOK_CONFOPEN; " + dir.file("d2/hook.conf") + ": not a regular file"},
+        {"session.tbl", "dangling", {"show"}, "session.tbl: a symbolic link, which is never followed"},
+        {"lock.tbl", "short", {"show"}, "lock.tbl: 100 bytes, shorter than the table's"},
+        {"lock.tbl", "dangling", {"lock", "/net", "--try"}, "87 KESDB_ERR_MMAP; " + dir.file("d5/lock.tbl") + ": a symbolic link"},
+    };
+    for (const Row& row : rows) {
+        const std::string copy = damaged("/", 0, keys["/"]), file = dir.file(copy + "/" + row.file);
+        fs::remove(file);
+        if (row.replacement == "fifo") {
+            ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+        }
+        if (row.replacement == "zero") fs::create_symlink("/dev/zero", file);
+        if (row.replacement == "dangling") fs::create_symlink(dir.file("planted"), file);
+        if (row.replacement == "short") kt::writeFile(file, std::string(100, '\0'));
+        std::vector<std::string> args = {"-d", copy};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        const Outcome r = kesdb(args);
+        EXPECT_EQ(r.code, 2) << row.file << " " << row.replacement;
+        EXPECT_NE(r.err.find(row.err), std::string::npos) << row.file << " " << row.replacement << "\n" << r.err;
+        EXPECT_FALSE(fs::exists(dir.file("planted"))) << row.file;
+    }
+}
+
+// Shut-downs without a matching start-up undo nothing, and the next start-up works.
+TEST(StartUp, ExtraShutDownsLeaveTheNextStartUpWorking) {
+    kt::DbOptions options;
+    options.start = false;
+    kt::Db db(options);
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_GT(db.start(), 0) << "round " << round << ": " << db.initError;
+        EXPECT_TRUE(db.sessionOpen) << "round " << round;
+        db.stop();
+        for (int extra = 0; extra < 3; ++extra) kesDBMTerm(static_cast<uint32_t>(db.id));
+    }
+}

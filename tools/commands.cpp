@@ -14,6 +14,7 @@
 #include "common.hpp"
 #include "database.hpp"
 #include "description.hpp"
+#include "diagnose.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
 
@@ -332,14 +333,15 @@ int cmdLock(const std::string& dir, const std::string& path, bool shared, bool t
         rc = kesDBMLock(&db.s, key, kind | 1u);
     }
     if (rc == KESDB_ERR_LOCK_BUSY) fail(path + ": locked by another session (" + codeText(rc) + ")", kExitBusy);
-    if (rc != 0) failCode("lock " + path, rc);
+    if (rc != 0) fail("lock " + path + ": " + codeText(rc) + startCause(db.param()), exitFor(rc));
     return kExitOk;
 }
 
 int cmdUnlock(const std::string& dir, const std::string& path) {
     Database db(dir);
     const uint32_t key = db.find(path);
-    if (int32_t rc = kesDBMUnlock(&db.s, key); rc != 0) failCode("unlock " + path, rc);
+    if (int32_t rc = kesDBMUnlock(&db.s, key); rc != 0)
+        fail("unlock " + path + ": " + codeText(rc) + startCause(db.param()), exitFor(rc));
     return kExitOk;
 }
 

@@ -8,6 +8,8 @@
 
 #include <unistd.h>
 
+#include "diagnose.hpp"
+
 namespace kesdb {
 
 const char* const kMediaFiles[4] = {"components.med", "values.med", "constraints.med", "strings.med"};
@@ -154,14 +156,14 @@ Database::Database(const std::string& dirIn) {
     // back its own registration after the start-up, and the start-up's too if it failed.
     int32_t err = 0;
     const int32_t own = db_init(&param_, &err);
-    if (own < 0) fail("cannot register the database in " + dir_ + ": " + codeText(err));
+    if (own < 0) fail("cannot register the database in " + dir_ + ": " + codeText(err) + startCause(param_));
     err = 0;
     // The start-up's own lines ("kesDBMInit err4" ...) are replaced by the tool's message.
     id_ = quietly([&] { return kesDBMInit(&param_, &err); });
     db_term(static_cast<uint32_t>(own));
     if (id_ < 0) {
         db_term(static_cast<uint32_t>(own));
-        fail("cannot start the database in " + dir_ + ": " + codeText(err));
+        fail("cannot start the database in " + dir_ + ": " + codeText(err) + startCause(param_));
     }
     const int32_t rc = kesDBMInitSession(&s, static_cast<uint32_t>(id_));
     if (rc != 0) {
