@@ -145,7 +145,10 @@ int cmdCreate(const CreateOptions& o) {
     if (!mkdtemp(tmpl.data())) fail("cannot make a directory next to " + finalDir + ": " + std::strerror(errno));
     const std::string tmp = tmpl;
     try {
-        chmod(tmp.c_str(), 0775);
+        // The directory gets what the umask allows, like the files in it (mkdtemp made it 0700).
+        const mode_t mask = umask(0);
+        umask(mask);
+        chmod(tmp.c_str(), 0777 & ~mask);
         const char* single[] = {kSingleMedium};
         for (const char* m : o.fourFiles ? std::vector<const char*>(kMediaFiles, kMediaFiles + 4)
                                          : std::vector<const char*>(single, single + 1))

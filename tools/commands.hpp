@@ -44,6 +44,8 @@ std::string refusalText(Database& db, uint32_t key, const std::string& path, int
 int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce);
 int cmdUnlock(const std::string& dir, const std::string& path);
 int cmdLocks(const std::string& dir, bool asJson);
+// check: the media verified read-only; the problems on standard output, exit 2 when any.
+int cmdCheck(const std::string& dir);
 
 // orphans: the sessions and locks of ended processes, removed with `clear`.
 struct OrphanOptions {

@@ -216,6 +216,19 @@ const std::vector<CommandSpec> kCommands = {
      "touched. The tables are those of DIR, or the files given (then -d is not needed).",
      {{"--clear", false}, {"--closed", false}, {"--session-table", true}, {"--lock-table", true}}, 0, 0,
      runOrphans},
+    {"check", "[DIR]",
+     "Verify the database in DIR (or -d DIR) without starting it, reading its media\n"
+     "files only: tree links, loops, kinds, keys inside their media, value and name\n"
+     "lengths inside their media, free lists ordered and apart from the records,\n"
+     "constraint records. Lists each problem, one line each, and exits 2 when there\n"
+     "is any, else prints one line and exits 0. Meant to run at boot before\n"
+     "applications start: it takes time and memory bounded by the media's size.",
+     {}, 0, 1,
+     [](CommandLine& cl) {
+         if (!cl.arg(0).empty() && !cl.dir.empty() && cl.arg(0) != cl.dir)
+             usageError("check: two directories given", "check");
+         return cmdCheck(cl.arg(0).empty() ? dirOf(cl) : cl.arg(0));
+     }},
     {"help", "[COMMAND]", "The usage of every command, or of COMMAND alone (also -h, --help, COMMAND --help).",
      {}, 0, 1, runHelp},
 };
