@@ -15,6 +15,8 @@
 #include "database.hpp"
 #include "description.hpp"
 #include "diagnose.hpp"
+#include "leftovers.hpp"
+#include "sizing.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
 
@@ -126,6 +128,7 @@ int cmdCreate(const CreateOptions& o) {
         fail(o.from + ": the description uses hook " + std::to_string(highestHook(items)) + " but only " +
              std::to_string(o.hooks.size()) + " --hook lines are given");
     if (o.size < 4096) fail("--size must be at least 4096 bytes", kExitUsage);
+    const uint32_t size = mediumSizeFor(items, o.size);
     const bool elsewhere = !o.installDir.empty() || !o.targetLibDir.empty();
     if (!o.installDir.empty() && o.installDir[0] != '/') fail("--install-dir must be an absolute path", kExitUsage);
     if (!o.targetLibDir.empty() && o.targetLibDir[0] != '/')
@@ -141,10 +144,12 @@ int cmdCreate(const CreateOptions& o) {
     const std::string finalDir = absolutePath(parentOf(target)) + "/" + baseName(target);
 
     // The database is made in a sibling directory and takes its place only when complete.
+    removeLeftovers(finalDir);
     std::string tmpl = finalDir + ".tmp-XXXXXX";
     if (!mkdtemp(tmpl.data())) fail("cannot make a directory next to " + finalDir + ": " + std::strerror(errno));
     const std::string tmp = tmpl;
     try {
+        BuildDir building(tmp);
         // The directory gets what the umask allows, like the files in it (mkdtemp made it 0700).
         const mode_t mask = umask(0);
         umask(mask);
@@ -152,7 +157,7 @@ int cmdCreate(const CreateOptions& o) {
         const char* single[] = {kSingleMedium};
         for (const char* m : o.fourFiles ? std::vector<const char*>(kMediaFiles, kMediaFiles + 4)
                                          : std::vector<const char*>(single, single + 1))
-            if (int32_t e = kesdb_layMedium((tmp + "/" + m).c_str(), o.size, 0); e != 0)
+            if (int32_t e = kesdb_layMedium((tmp + "/" + m).c_str(), size, 0); e != 0)
                 fail(std::string("cannot lay down ") + m + ": " + std::strerror(e));
         writeText(tmp + "/" + kDescriptorFile, descriptorText(o.fourFiles));
         writeText(tmp + "/media.conf", mediaConfigText(tmp, o.fourFiles, libDir()));
@@ -171,6 +176,7 @@ int cmdCreate(const CreateOptions& o) {
         for (const char* t : {"db.tbl", "session.tbl", "lock.tbl"})
             for (const char* suffix : {"", ".sem"}) unlink((tmp + "/" + t + suffix).c_str());
         checkInterrupted();
+        building.finish();
         if (rename(tmp.c_str(), finalDir.c_str()) != 0)
             fail("cannot rename " + tmp + " to " + finalDir + ": " + std::strerror(errno));
     } catch (...) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "sizing.hpp"
 #include "values.hpp"
 #include "walk.hpp"
 
@@ -77,14 +78,17 @@ void buildLeaf(Database& db, const Item& it, uint32_t parent, uint32_t previous,
     uint32_t constraint = 0;
     if (it.hasRange) constraint = makeRange(&s, it.type, it.range);
     if (it.hasEnum) constraint = makeEnum(&s, it);
-    if ((it.hasRange || it.hasEnum) && constraint == 0) libraryFailure(s, "cannot create the constraint of " + path);
+    if ((it.hasRange || it.hasEnum) && constraint == 0)
+        creationFailure(db, db.param().constraintMedium, "constraint", 8, "cannot create the constraint of " + path);
     const std::pair<const char*, const std::string*> data[3] = {
         {"current", &it.current}, {"default", &it.defaults}, {"factory", &it.factory}};
     uint32_t values[3] = {};
     for (int i = 0; i < 3; ++i) {
         const std::string& bytes = *data[i].second;
         values[i] = kesDBMCreateValue(&s, it.type, 0, bytes.data(), it.size, db.param().valueMedium);
-        if (values[i] == 0) libraryFailure(s, "cannot create the " + std::string(data[i].first) + " value of " + path);
+        if (values[i] == 0)
+            creationFailure(db, db.param().valueMedium, "value", 28,
+                            "cannot create the " + std::string(data[i].first) + " value of " + path);
         if (constraint == 0) continue;
         if (kesDBMSetConstraintKey(&s, values[i], constraint) != 0)
             libraryFailure(s, "cannot attach the constraint of " + path);
@@ -93,7 +97,7 @@ void buildLeaf(Database& db, const Item& it, uint32_t parent, uint32_t previous,
             fail(path + ": the " + data[i].first + " value is refused by its constraint: " + codeText(rc));
     }
     key = kesDBMCreateLeaf(&s, name, parent, previous, values[0], values[1], values[2], it.hook);
-    if (key == 0) libraryFailure(s, "cannot create leaf " + path);
+    if (key == 0) creationFailure(db, db.param().componentMedium, "component", 40, "cannot create leaf " + path);
 }
 
 // Creates the items below `parent`, each behind the sibling created before it, so the
@@ -106,13 +110,13 @@ void build(Database& db, const std::vector<Item>& items, uint32_t parent, const 
         const std::string path = childPath(parentPath, it.name);
         const std::string stored = depth == 1 ? it.name : "/" + it.name;
         const uint32_t name = kesDBMCreateString(&s, stored.c_str(), db.param().stringMedium);
-        if (name == 0) libraryFailure(s, "cannot store the name of " + path);
+        if (name == 0) creationFailure(db, db.param().stringMedium, "string", 16, "cannot store the name of " + path);
         uint32_t key = 0;
         if (it.leaf) {
             buildLeaf(db, it, parent, previous, name, path, key);
         } else {
             key = kesDBMCreateNode(&s, name, parent, previous, 0);
-            if (key == 0) libraryFailure(s, "cannot create node " + path);
+            if (key == 0) creationFailure(db, db.param().componentMedium, "component", 28, "cannot create node " + path);
             build(db, it.children, key, path, depth + 1);
         }
         previous = key;
