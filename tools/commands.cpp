@@ -16,6 +16,7 @@
 #include "description.hpp"
 #include "diagnose.hpp"
 #include "leftovers.hpp"
+#include "registration.hpp"
 #include "sizing.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
@@ -106,6 +107,7 @@ uint32_t leafType(Database& db, uint32_t key, const std::string& path) {
 class ScopedLock {
 public:
     ScopedLock(Database& db, uint32_t key, const std::string& what) : db_(db), key_(key) {
+        requireRegisteredLocks(db);
         const int32_t rc = kesDBMLock(&db.s, key, 1);
         if (rc != 0) fail(what + ": " + codeText(rc) + " (the component is locked)", exitFor(rc));
     }
@@ -332,6 +334,7 @@ int cmdPrint(const std::string& dir, const std::string& path) {
 int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce) {
     Database db(dir);
     const uint32_t key = db.find(path);
+    requireRegisteredLocks(db);
     const uint32_t kind = shared ? KESDB_LOCK_SHARED : 0u;
     // Waiting is a try repeated every 20 ms rather than the library's own wait, so that
     // an interrupted wait gives its session back before the tool leaves.
@@ -343,12 +346,16 @@ int cmdLock(const std::string& dir, const std::string& path, bool shared, bool t
     }
     if (rc == KESDB_ERR_LOCK_BUSY) fail(path + ": locked by another session (" + codeText(rc) + ")", kExitBusy);
     if (rc != 0) fail("lock " + path + ": " + codeText(rc) + startCause(db.param()), exitFor(rc));
+    // The lock outlives the tool and names the database by its id: the registration stays
+    // too, so later processes get the same id even when the one kept at creation was lost.
+    db.keepRegistered();
     return kExitOk;
 }
 
 int cmdUnlock(const std::string& dir, const std::string& path) {
     Database db(dir);
     const uint32_t key = db.find(path);
+    requireRegisteredLocks(db);
     if (int32_t rc = kesDBMUnlock(&db.s, key); rc != 0)
         fail("unlock " + path + ": " + codeText(rc) + startCause(db.param()), exitFor(rc));
     return kExitOk;

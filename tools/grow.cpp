@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "registration.hpp"
 #include "sizing.hpp"
 
 namespace kesdb {
@@ -51,6 +52,7 @@ void appendFree(Database& db, uint32_t medium, uint32_t key, uint32_t bytes, con
 int cmdGrow(const std::string& dir, uint32_t size) {
     Database db(dir);
     const uint32_t root = db.root();
+    requireRegisteredLocks(db);
     if (int32_t rc = kesDBMLock(&db.s, root, 1); rc != 0)
         fail("grow: " + codeText(rc) + " (the database is locked; try again when it is not)", exitFor(rc));
     struct Unlock {
