@@ -105,11 +105,11 @@ TEST_F(Damage, StartUpNamesTheFileItCannotUse) {
         std::string err;
     };
     const Row rows[] = {
-        {"media.conf", "fifo", {"show"}, "12 KESDB_ERR_MEDIA_CONFOPEN; " + dir.file("d1/media.conf") + ": not a regular file"},
-        {"hook.conf", "zero", {"show"}, "30 KESDB_ERR_HOOK_CONFOPEN; " + dir.file("d2/hook.conf") + ": not a regular file"},
-        {"session.tbl", "dangling", {"show"}, "session.tbl: a symbolic link, which is never followed"},
-        {"lock.tbl", "short", {"show"}, "lock.tbl: 100 bytes, shorter than the table's"},
-        {"lock.tbl", "dangling", {"lock", "/net", "--try"}, "87 KESDB_ERR_MMAP; " + dir.file("d5/lock.tbl") + ": a symbolic link"},
+        {"media.conf", "fifo", {"show"}, "12 KESDB_ERR_MEDIA_CONFOPEN); " + dir.file("d1/media.conf") + ": not a regular file"},
+        {"hook.conf", "zero", {"show"}, "30 KESDB_ERR_HOOK_CONFOPEN); " + dir.file("d2/hook.conf") + ": not a regular file"},
+        {"session.tbl", "dangling", {"lock", "/net", "--try"}, "session.tbl: a symbolic link, which is never followed"},
+        {"lock.tbl", "short", {"lock", "/net", "--try"}, "lock.tbl: 100 bytes, shorter than the table's"},
+        {"db.tbl", "dangling", {"lock", "/net", "--try"}, "db.tbl: a symbolic link"},
     };
     for (const Row& row : rows) {
         const std::string copy = damaged("/", 0, keys["/"]), file = dir.file(copy + "/" + row.file);

@@ -38,14 +38,13 @@ std::string configFault(const std::string& path) {
 
 }  // namespace
 
-std::string startCause(const DBMInitParam& p) {
-    const char* dbTable = std::getenv("KESDB_DBTABLE");
+std::string startCause(const std::string& dir) {
     const std::pair<std::string, std::string> faults[] = {
-        {dbTable ? dbTable : "", dbTable ? tableFault(dbTable, KESDB_DBTABLE_SIZE) : ""},
-        {p.lockTablePath, tableFault(p.lockTablePath, KESDB_LOCK_TABLE_SIZE)},
-        {p.mediaConfigPath, configFault(p.mediaConfigPath)},
-        {p.hookConfigPath, configFault(p.hookConfigPath)},
-        {p.sessionTablePath, tableFault(p.sessionTablePath, KESDB_SESSION_TABLE_SIZE)},
+        {dir + "/db.tbl", tableFault(dir + "/db.tbl", KESDB_DBTABLE_SIZE)},
+        {dir + "/lock.tbl", tableFault(dir + "/lock.tbl", KESDB_LOCK_TABLE_SIZE)},
+        {dir + "/media.conf", configFault(dir + "/media.conf")},
+        {dir + "/hook.conf", configFault(dir + "/hook.conf")},
+        {dir + "/session.tbl", tableFault(dir + "/session.tbl", KESDB_SESSION_TABLE_SIZE)},
     };
     std::string out;
     for (const auto& [file, fault] : faults)

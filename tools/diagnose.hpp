@@ -10,8 +10,8 @@
 
 namespace kesdb {
 
-// "; FILE: CAUSE" for each table or configuration file of `param` (and the database table
-// named by KESDB_DBTABLE) that the start-up could not use; "" when none shows a fault.
-std::string startCause(const DBMInitParam& param);
+// "; FILE: CAUSE" for each table or configuration file of the database directory `dir`
+// that a start-up could not use; "" when none shows a fault.
+std::string startCause(const std::string& dir);
 
 }  // namespace kesdb

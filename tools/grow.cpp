@@ -66,7 +66,7 @@ int cmdGrow(const std::string& dir, uint32_t size) {
     for (uint32_t index : {p.componentMedium, p.valueMedium, p.constraintMedium, p.stringMedium}) {
         if (std::find(done.begin(), done.end(), index) != done.end()) continue;
         done.push_back(index);
-        const char* defmedia = std::getenv("KESDB_DEFMEDIA");
+        const char* defmedia = kesdb_defMediaFile();
         const std::string file = index == 0 ? (defmedia ? defmedia : "")
                                  : static_cast<int32_t>(index) < media_getCount() && media_table[index].name
                                      ? media_table[index].name

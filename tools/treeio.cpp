@@ -1,7 +1,9 @@
 #include "treeio.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
+#include <string_view>
 
 #include "sizing.hpp"
 #include "values.hpp"
@@ -102,49 +104,35 @@ void buildLeaf(Database& db, const Item& it, uint32_t parent, uint32_t previous,
 
 // Creates the items below `parent`, each behind the sibling created before it, so the
 // children keep the description's order.
-void build(Database& db, const std::vector<Item>& items, uint32_t parent, const std::string& parentPath, int depth) {
-    Session& s = db.s;
+void build(Database& db, const std::vector<Item>& items, uint32_t parent, const std::string& parentPath, int depth,
+           Progress* progress) {
     uint32_t previous = 0;
-    for (const Item& it : items) {
-        checkInterrupted();
-        const std::string path = childPath(parentPath, it.name);
-        const std::string stored = depth == 1 ? it.name : "/" + it.name;
-        const uint32_t name = kesDBMCreateString(&s, stored.c_str(), db.param().stringMedium);
-        if (name == 0) creationFailure(db, db.param().stringMedium, "string", 16, "cannot store the name of " + path);
-        uint32_t key = 0;
-        if (it.leaf) {
-            buildLeaf(db, it, parent, previous, name, path, key);
-        } else {
-            key = kesDBMCreateNode(&s, name, parent, previous, 0);
-            if (key == 0) creationFailure(db, db.param().componentMedium, "component", 28, "cannot create node " + path);
-            build(db, it.children, key, path, depth + 1);
-        }
-        previous = key;
-    }
+    for (const Item& it : items) previous = buildComponent(db, it, parent, previous, parentPath, depth, progress);
 }
 
-// The bytes of a value record's data.
-std::string readValue(Session& s, uint32_t valueKey, const std::string& what) {
-    const int32_t len = value_getLength(&s, valueKey);
-    if (len < 0 || len > kValueMax) lengthFailure(s, len, "cannot read " + what);
-    std::string buf(static_cast<size_t>(len), '\0');
-    int32_t n = len;
-    if (len > 0 && (value_getGeneric(&s, valueKey, buf.data(), &n) != 0 || n != len))
-        libraryFailure(s, "cannot read " + what);
-    return buf;
+// The record and the data of the `which` value of the leaf at `path`.
+std::string readValue(Session& s, uint32_t valueKey, ValueRecord& rec, const char* which, const std::string& path) {
+    const std::string what = std::string("cannot read the ") + which + " value of " + path;
+    if (!value_get(&s, valueKey, &rec)) libraryFailure(s, what);
+    if (rec.length > static_cast<uint32_t>(kValueMax)) lengthFailure(s, static_cast<int32_t>(rec.length), what);
+    std::string buf(rec.length, '\0');
+    int32_t n = static_cast<int32_t>(rec.length);
+    if (n == 0 || (value_getGeneric(&s, valueKey, buf.data(), &n) == 0 && n == static_cast<int32_t>(rec.length)))
+        return buf;
+    libraryFailure(s, what);
 }
-
-json exportLeaf(Session& s, uint32_t key, const std::string& path) { return leafJson(readLeaf(s, key, path)); }
 
 // The name of a child as written in paths (stored below the first level with a leading '/').
-std::string childName(Session& s, uint32_t key, const std::string& parentPath) {
+std::string nameText(Session& s, uint32_t nameKey, const std::string& parentPath) {
     char buf[KESDB_NAME_BUFFER] = {};
-    const uint32_t nameKey = kesDBMGetStringKey(&s, key);
     if (nameKey == 0 || !kesdb_getString(&s, nameKey, buf, sizeof buf - 1))
         libraryFailure(s, "cannot read a name below " + parentPath);
     std::string name(buf);
     if (!name.empty() && name[0] == '/') name.erase(0, 1);
     return name;
+}
+std::string childName(Session& s, uint32_t key, const std::string& parentPath) {
+    return nameText(s, kesDBMGetStringKey(&s, key), parentPath);
 }
 
 void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth, WalkGuard& visited,
@@ -164,26 +152,130 @@ void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth,
     }
 }
 
-json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, WalkGuard& visited) {
-    json children = json::array();
+// The export text, laid out byte for byte as json::dump(2) lays out the same document,
+// but written component by component rather than built as one document first: opened
+// objects and arrays take their members through key() and item().
+class Layout {
+public:
+    explicit Layout(std::string& out) : out_(out) {}
+    void open(char bracket) {
+        out_ += bracket;
+        empty_.push_back(1);
+    }
+    void close(char bracket) {
+        const bool empty = empty_.back() != 0;
+        empty_.pop_back();
+        if (!empty) newline(empty_.size());
+        out_ += bracket;
+    }
+    void key(std::string_view k) {
+        item();
+        out_ += '"';
+        out_ += k;
+        out_ += "\": ";
+    }
+    void item() {
+        if (empty_.back() == 0) out_ += ',';
+        empty_.back() = 0;
+        newline(empty_.size());
+    }
+    void scalar(const json& j) {
+        char digits[24];
+        const char* end = digits;
+        if (j.is_number_unsigned()) end = std::to_chars(digits, digits + sizeof digits, j.get<uint64_t>()).ptr;
+        else if (j.is_number_integer()) end = std::to_chars(digits, digits + sizeof digits, j.get<int64_t>()).ptr;
+        else if (j.is_string()) return text(j.get_ref<const std::string&>());
+        else return void(out_ += j.dump());
+        out_.append(digits, static_cast<size_t>(end - digits));
+    }
+    void text(std::string_view t) {
+        const bool plain = std::none_of(t.begin(), t.end(), [](char c) {
+            return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\';
+        });
+        if (!plain) {
+            out_ += json(t).dump();
+            return;
+        }
+        out_ += '"';
+        out_ += t;
+        out_ += '"';
+    }
+
+private:
+    void newline(size_t depth) {
+        out_ += '\n';
+        out_.append(2 * depth, ' ');
+    }
+    std::string& out_;
+    std::vector<char> empty_;  // per open object or array: 1 while it has no member
+};
+
+// A leaf's members in the export text: those of leafJson, in its order.
+void writeLeaf(const Item& it, Layout& out) {
+    const uint32_t t = it.type;
+    const size_t w = isNumeric(t) ? static_cast<size_t>(widthOf(t)) : 1;
+    auto member = [&](const std::string& packed, uint32_t i) { return numberToJson(t, packed.substr(i * w, w)); };
+    out.key("type");
+    out.text(typeName(t));
+    if (!isNumeric(t)) {
+        out.key("size");
+        out.scalar(it.size);
+    }
+    const std::pair<const char*, const std::string*> values[3] = {
+        {"current", &it.current}, {"default", &it.defaults}, {"factory", &it.factory}};
+    for (const auto& [name, bytes] : values) {
+        out.key(name);
+        out.scalar(valueJson(t, *bytes, it.name + " " + name));
+    }
+    if (it.hasRange) {
+        out.key("range");
+        out.open('{');
+        const char* bounds[3] = {"min", "max", "step"};
+        for (uint32_t i = 0; i < 3; ++i) {
+            out.key(bounds[i]);
+            out.scalar(member(it.range, i));
+        }
+        out.close('}');
+    } else if (it.hasEnum) {
+        out.key("enum");
+        out.open('[');
+        for (uint32_t i = 0; i < it.count; ++i) {
+            out.item();
+            out.scalar(member(it.members, i));
+        }
+        out.close(']');
+    }
+    if (it.hook != 0) {
+        out.key("hook");
+        out.scalar(it.hook);
+    }
+}
+
+void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, WalkGuard& visited,
+                    Progress* progress, Layout& out) {
+    out.open('[');
     for (uint32_t key = kesDBMGetFirstChild(&s, parent); key != 0; key = kesDBMGetNextChild(&s, key)) {
-        const std::string name = childName(s, key, parentPath);
+        if (progress) progress->step();
+        CompRecord rec{};
+        if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read a name below " + parentPath);
+        const std::string name = nameText(s, rec.stringKey, parentPath);
         const std::string path = childPath(parentPath, name);
         visited.enter(key, path, parentPath);
         if (!validUtf8(name)) fail(path + ": the name is not UTF-8, which a description cannot hold");
-        CompRecord rec{};
-        if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read " + path);
-        json item;
-        item["name"] = name;
+        out.item();
+        out.open('{');
+        out.key("name");
+        out.text(name);
         if (rec.kind == KESDB_KIND_LEAF) {
-            item.update(exportLeaf(s, key, path));
+            writeLeaf(readLeaf(s, key, path), out);
         } else {
             if (depth >= kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
-            item["children"] = exportChildren(s, key, path, depth + 1, visited);
+            out.key("children");
+            exportChildren(s, key, path, depth + 1, visited, progress, out);
         }
-        children.push_back(std::move(item));
+        out.close('}');
     }
-    return children;
+    out.close(']');
 }
 
 }  // namespace
@@ -192,6 +284,26 @@ void lengthFailure(const Session& s, int32_t length, const std::string& what) {
     if (length < 0 && s.error != 0) libraryFailure(s, what);
     fail(what + ": its length word says " + std::to_string(static_cast<uint32_t>(length)) +
          " bytes, outside 1.." + std::to_string(kValueMax) + " (a damaged value record)");
+}
+
+uint32_t buildComponent(Database& db, const Item& it, uint32_t parent, uint32_t previous, const std::string& parentPath,
+                        int depth, Progress* progress) {
+    Session& s = db.s;
+    checkInterrupted();
+    if (progress) progress->step();
+    const std::string path = childPath(parentPath, it.name);
+    const std::string stored = depth == 1 ? it.name : "/" + it.name;
+    const uint32_t name = kesDBMCreateString(&s, stored.c_str(), db.param().stringMedium);
+    if (name == 0) creationFailure(db, db.param().stringMedium, "string", 16, "cannot store the name of " + path);
+    uint32_t key = 0;
+    if (it.leaf) {
+        buildLeaf(db, it, parent, previous, name, path, key);
+    } else {
+        key = kesDBMCreateNode(&s, name, parent, previous, 0);
+        if (key == 0) creationFailure(db, db.param().componentMedium, "component", 28, "cannot create node " + path);
+        build(db, it.children, key, path, depth + 1, progress);
+    }
+    return key;
 }
 
 void makeRoot(Database& db) {
@@ -208,23 +320,35 @@ void makeRoot(Database& db) {
     kesDBMSetCurrentComponent(&s, root.comp.key);
 }
 
-void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks) {
+void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks, Progress* progress) {
     const uint32_t root = db.root();
     if (kesDBMGetFirstChild(&db.s, root) != 0) fail("the database is not empty (its root has children)");
     const uint32_t used = highestHook(items);
     if (used > hooks)
         fail("the description uses hook " + std::to_string(used) + " but only " + std::to_string(hooks) +
              " hooks are configured");
-    build(db, items, root, "/", 1);
+    build(db, items, root, "/", 1, progress);
 }
 
-std::string exportText(Database& db) {
+std::string exportText(Database& db, Progress* progress) {
     WalkGuard visited;
     const uint32_t root = db.root();
     visited.enter(root, "/", "/");
-    json top;
-    top["children"] = exportChildren(db.s, root, "/", 1, visited);
-    return top.dump(2) + "\n";
+    std::string text;
+    text.reserve(4u << 20);
+    Layout out(text);
+    out.open('{');
+    out.key("children");
+    exportChildren(db.s, root, "/", 1, visited, progress, out);
+    out.close('}');
+    text += '\n';
+    return text;
+}
+
+uint64_t countItems(const std::vector<Item>& items) {
+    uint64_t n = items.size();
+    for (const Item& it : items) n += countItems(it.children);
+    return n;
 }
 
 json valueJson(uint32_t type, const std::string& bytes, const std::string& what) {
@@ -240,22 +364,23 @@ json valueJson(uint32_t type, const std::string& bytes, const std::string& what)
 Item readLeaf(Session& s, uint32_t key, const std::string& path) {
     LeafRecord leaf{};
     if (!comp_getLeaf(&s, key, &leaf)) libraryFailure(s, "cannot read " + path);
-    const int32_t type = value_getType(&s, leaf.currentValue);
-    if (type < Generic || type > Float64) libraryFailure(s, "cannot read the type of " + path);
     Item it;
     it.name = path;
     it.leaf = true;
-    it.type = static_cast<uint32_t>(type);
-    it.current = readValue(s, leaf.currentValue, "the current value of " + path);
-    it.defaults = readValue(s, leaf.defaultValue, "the default value of " + path);
-    it.factory = readValue(s, leaf.factoryValue, "the factory value of " + path);
+    ValueRecord current{}, other{};
+    it.current = readValue(s, leaf.currentValue, current, "current", path);
+    it.defaults = readValue(s, leaf.defaultValue, other, "default", path);
+    it.factory = readValue(s, leaf.factoryValue, other, "factory", path);
+    if (current.type > Float64) fail(path + ": unknown value type " + std::to_string(current.type));
+    it.type = current.type;
     it.size = static_cast<int32_t>(std::max({it.current.size(), it.defaults.size(), it.factory.size()}));
     it.hook = leaf.hookIndex;
-    const uint32_t ck = value_getConstraintKey(&s, leaf.currentValue);
+    const uint32_t ck = current.constraintKey;
     if (ck == 0 || !isNumeric(it.type)) return it;
     const uint32_t ctype = constraint_getType(&s, ck);
-    const int32_t clen = constraint_getLength(&s, ck);
     const int32_t w = widthOf(it.type);
+    // A range of the leaf's type always holds minimum, maximum and step.
+    const int32_t clen = ctype == it.type ? 3 * w : constraint_getLength(&s, ck);
     if (clen <= 0 || clen > 8 * 65536) libraryFailure(s, "cannot read the constraint of " + path);
     std::string data(static_cast<size_t>(clen), '\0');
     if (constraint_getData(&s, ck, data.data(), static_cast<uint32_t>(clen)) != 0)
@@ -302,6 +427,26 @@ void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std:
     WalkGuard visited;
     visited.enter(key, path, path);
     leavesBelow(db, key, path, 1, visited, visit);
+}
+
+std::string subtreeText(const std::string& description, const std::string& path) {
+    json top = json::parse(description);
+    json* level = &top;
+    size_t at = 1;
+    while (at < path.size()) {
+        const size_t slash = path.find('/', at);
+        const std::string name = path.substr(at, slash == std::string::npos ? std::string::npos : slash - at);
+        at = slash == std::string::npos ? path.size() : slash + 1;
+        if (name.empty()) continue;
+        json kept = json::array();
+        for (json& c : (*level)["children"])
+            if (c["name"] == name) kept.push_back(std::move(c));
+        if (kept.empty()) fail("unknown path " + path, kExitNoPath);
+        (*level)["children"] = std::move(kept);
+        level = &(*level)["children"][0];
+        if (!level->contains("children")) break;
+    }
+    return top.dump(2) + "\n";
 }
 
 }  // namespace kesdb
