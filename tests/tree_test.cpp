@@ -86,9 +86,6 @@ TEST(TreeRecord, LayoutAllocationAndRelease) {
     ASSERT_EQ(comp_setNode(s, &n2), 0);
     const uint32_t m = tk::componentMedium(s), rest = kMediumSize - 112;
     using FL = std::vector<tk::FreeBlock>;
-    CompRecord odd = n.comp;
-    odd.kind = 2;
-    EXPECT_EQ(comp_setDeleted(s, &odd), KESDB_ERR_COMP_BADKIND);
     EXPECT_EQ(comp_setDeleted(s, &n.comp), 0);
     EXPECT_EQ(tk::freeList(s, m), (FL{{16, 28}, {112, rest}}));
     EXPECT_EQ(comp_setDeleted(s, &n2.comp), 0);
@@ -193,19 +190,14 @@ TEST_F(Tree, UnregisteredDatabaseNullSessionAndUnreadableMedia) {
     for (int32_t code : {comp_setDeleted(&bad, &netRecord), comp_setParent(&bad, net, 1),
                          leaf_setCurrentValueKey(&bad, time, 1)})
         EXPECT_EQ(code, KESDB_ERR_DB_NOTFOUND);
-    EXPECT_EQ(search(0, "/"), std::make_pair(0u, std::string()));
     EXPECT_EQ(tk::keyAndOutput([&] { return comp_searchByName(&bad, root, "/"); }),
               std::make_pair(0u, std::string("comp_getComponent err4\n")));
     EXPECT_EQ(out([&] { comp_traverseAndPrint(&bad, root, 0); }), "comp_getComponent err4\n");
     EXPECT_EQ(comp_getChildCount(&bad, root), 0);
     EXPECT_EQ(comp_getChildByIndex(&bad, root, 0), 0u);
     out([&] {
-        EXPECT_EQ(comp_getParent(nullptr, net), 0u);
-        for (int32_t code : {comp_setFirstChild(nullptr, net, 1), node_move(nullptr, net, 16, 0, 0),
-                             comp_delete(nullptr, net), comp_currentToDefault(nullptr, net)})
+        for (int32_t code : {node_move(nullptr, net, 16, 0, 0), comp_delete(nullptr, net), comp_currentToDefault(nullptr, net)})
             EXPECT_EQ(code, KESDB_ERR_DB_NOTFOUND);
-        EXPECT_EQ(comp_getRoot(nullptr), 0u);
-        EXPECT_EQ(comp_searchByName(nullptr, net, "x"), 0u);
         comp_traverseAndPrint(nullptr, net, 0);
     });
     EXPECT_EQ(comp_getComponent(s, net, nullptr), nullptr);
@@ -220,7 +212,6 @@ TEST_F(Tree, UnregisteredDatabaseNullSessionAndUnreadableMedia) {
     setenv("KESDB_DEFMEDIA", db.dir.file("missing.bin").c_str(), 1);
     EXPECT_EQ(reads(s, net), failed(KESDB_ERR_COMP_OPEN, "comp_getComponent err2\n", "comp_getLeaf err1 \n"));
     EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(ENOENT));
-    out([&] { EXPECT_EQ(comp_setStringKey(s, net, 1), KESDB_ERR_COMP_OPEN); });
     setenv("KESDB_DEFMEDIA", db.mediumPath.c_str(), 1);
     kt::DbOptions o;
     o.componentMedium = 5;  // not in the media table
@@ -287,12 +278,10 @@ TEST_F(Tree, SearchPaths) {
     session_setError(s, KESDB_ERR_COMP_ENDSEARCH, 77);
     EXPECT_EQ(search(dns, "/dnsx"), std::make_pair(0u, std::string()));
     EXPECT_EQ(s->errorDetail, 77u);
-    // Names are read into 256 bytes: the first 255 characters of a longer one are the name; a
-    // name that cannot be fetched matches nothing.
+    // Names are read into 256 bytes; a name that cannot be fetched matches nothing.
     const std::string longName(300, 'n');
     const uint32_t big = tk::leaf(s, root, time, longName);
     EXPECT_EQ(search(root, "/" + longName.substr(0, 255)), std::make_pair(big, std::string()));
-    EXPECT_EQ(search(root, "/net/" + std::string(10000, 'z')).first, 0u);
     ASSERT_EQ(comp_setStringKey(s, ip, tk::danglingString(s, 77)), 0);
     EXPECT_EQ(search(root, "/net/ip"), std::make_pair(0u, kNG2 + kNG1));
 }
@@ -350,13 +339,9 @@ TEST_F(Tree, PrintOfASubtree) {
     EXPECT_EQ(print(leaf, -1), "leaf " + num(leaf) + " [ip]\n" + values + "hook 2\n");
     EXPECT_EQ(print(net, 3).substr(0, 11), "      node ");
     // Names too long are cut to 255 characters; names that cannot be fetched print empty.
-    const std::string longName(300, 'q');
-    ASSERT_EQ(comp_setStringKey(s, net, tk::name(s, longName)), 0);
-    const std::string cut = "node " + num(net) + " [" + longName.substr(0, 255) + "]\n";
-    EXPECT_EQ(print(net).substr(0, cut.size()), cut);
-    ASSERT_EQ(comp_setStringKey(s, leaf, tk::danglingString(s, 42, 5)), 0);
-    ASSERT_EQ(comp_setStringKey(s, time, 0), 0);
-    EXPECT_EQ(print(leaf).substr(0, num(leaf).size() + 9), "leaf " + num(leaf) + " []\n");
+    ASSERT_EQ(comp_setStringKey(s, net, tk::name(s, std::string(300, 'q'))), 0);
+    EXPECT_EQ(print(net).find("[" + std::string(255, 'q') + "]\n"), 6 + num(net).size());
+    ASSERT_EQ(comp_setStringKey(s, time, tk::danglingString(s, 42, 5)), 0);
     EXPECT_EQ(print(time).substr(0, num(time).size() + 9), "leaf " + num(time) + " []\n");
 }
 
