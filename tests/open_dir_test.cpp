@@ -17,30 +17,29 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kHook = "libkeshook_sample.so policy_preSet log_postSet NULL NULL";
 const std::string kDevice = std::string(KT_SOURCE_DIR) + "/examples/device.json";
 
 class OpenDir : public ::testing::Test {
 protected:
-    kt::Outcome kesdb(const std::vector<std::string>& args, const std::string& tag = "") {
-        return kt::finishProgram(dir, kt::spawnProgram(dir, "kesdb", args, tag), tag);
+    kt::Outcome kesdb(const std::vector<std::string>& args) {
+        return kt::finishProgram(dir, kt::spawnProgram(dir, "kesdb", args));
     }
-    void create(const std::vector<std::string>& more) {
-        std::vector<std::string> args = {"create", "db", "--from", kDevice, "--hook", kHook};
-        args.insert(args.end(), more.begin(), more.end());
-        const kt::Outcome r = kesdb(args);
-        ASSERT_EQ(r.code, 0) << r.err;
+    void create(std::vector<std::string> more = {}) {
+        more.insert(more.begin(), {"create", "db", "--from", kDevice, "--hook", "libkeshook_sample.so policy_preSet log_postSet NULL NULL"});
+        ASSERT_EQ(kesdb(more).code, 0);
     }
-    // An application in its own working directory and with an environment of its own
-    // ($KESDB_DBTABLE, $PWD, $SIM_BYTE_ORDER naming nothing of the database).
-    static void foreignPlace(const std::string& cwd) {
-        mkdir(cwd.c_str(), 0775);
-        if (chdir(cwd.c_str()) != 0) _exit(90);
+    // In a child: starts the database in `where` from a working directory and an environment
+    // of its own ($KESDB_DBTABLE, $PWD, $SIM_BYTE_ORDER naming nothing of the database).
+    int32_t startElsewhere(const std::string& where, Session& s) {
+        mkdir(dir.file("app").c_str(), 0775);
+        if (chdir(dir.file("app").c_str()) != 0) return -1;
         setenv("KESDB_DBTABLE", "elsewhere.tbl", 1);
         setenv("PWD", "/nowhere", 1);
         setenv("SIM_BYTE_ORDER", "LITTLE_ENDIAN", 1);
+        int32_t err = 0;
+        const int32_t id = kesDBMInitDir(where.c_str(), &err);
+        return id < 0 || kesDBMInitSession(&s, static_cast<uint32_t>(id)) != 0 ? -1 : id;
     }
-    static uint32_t find(Session& s, const char* path) { return kesDBMSearchByName(&s, path); }
     kt::TempDir dir;
     pk::Children children;
 };
@@ -48,20 +47,17 @@ protected:
 // The application's lock keeps the tool out and the tool's keeps the application out; a
 // "set" waits for the holder and then succeeds.
 TEST_F(OpenDir, ApplicationAndToolShareLocks) {
-    create({});
+    create();
     pk::Pipe app, test;
     const pid_t pid = children.start([&] {
-        foreignPlace(dir.file("app"));
-        int32_t err = 0;
         Session s{};
-        const int32_t id = kesDBMInitDir("../db", &err);
-        if (id < 0 || kesDBMInitSession(&s, static_cast<uint32_t>(id)) != 0) return 1;
-        if (kesDBMLock(&s, find(s, "/net/port"), 1) != 0) return 2;
+        const int32_t id = startElsewhere("../db", s);
+        const uint32_t port = kesDBMSearchByName(&s, "/net/port");
+        if (id < 0 || kesDBMLock(&s, port, 1) != 0) return 1;
         char go = 0;
         app.send('L');
-        if (!test.receive(go, 20000) || kesDBMUnlock(&s, find(s, "/net/port")) != 0) return 3;
-        if (!test.receive(go, 20000)) return 4;
-        app.send(kesDBMLock(&s, find(s, "/net/mode"), 1));
+        if (!test.receive(go, 20000) || kesDBMUnlock(&s, port) != 0 || !test.receive(go, 20000)) return 2;
+        app.send(kesDBMLock(&s, kesDBMSearchByName(&s, "/net/mode"), 1));
         kesDBMTermSession(&s);
         return kesDBMTerm(static_cast<uint32_t>(id));
     });
@@ -71,17 +67,13 @@ TEST_F(OpenDir, ApplicationAndToolShareLocks) {
     EXPECT_EQ(r.code, 5);
     EXPECT_NE(r.err.find(" of process " + std::to_string(pid)), std::string::npos) << r.err;
     EXPECT_EQ(kesdb({"-d", "db", "set", "/net/port", "9000", "--wait", "0.2"}).code, 5);
-
     const pid_t set = kt::spawnProgram(dir, "kesdb", {"-d", "db", "set", "/net/port", "9001"}, "set");
     usleep(300 * 1000);
     EXPECT_EQ(waitpid(set, nullptr, WNOHANG), 0);  // waiting for the application
     test.send('U');
-    r = kt::finishProgram(dir, set, "set");
-    EXPECT_EQ(r.code, 0) << r.err;
-    setenv("KESDB_DIR", "db", 1);
-    EXPECT_EQ(kesdb({"get", "/net/port"}).out, "9001\n");
-
-    EXPECT_EQ(kesdb({"lock", "/net/mode"}).code, 0);
+    EXPECT_EQ(kt::finishProgram(dir, set, "set").code, 0);
+    EXPECT_EQ(kesdb({"-d", "db", "get", "/net/port"}).out, "9001\n");
+    EXPECT_EQ(kesdb({"-d", "db", "lock", "/net/mode"}).code, 0);
     test.send('M');
     int32_t rc = 0;
     ASSERT_TRUE(app.receive(rc, 20000));
@@ -99,52 +91,45 @@ TEST_F(OpenDir, MovedAndCopiedDirectories) {
     ASSERT_EQ(kesdb({"-d", "copy", "set", "/net/port", "4321"}).code, 0);
     for (const auto& [where, port] : std::map<std::string, uint16_t>{{"moved/db", 1234}, {"copy", 4321}}) {
         const pid_t pid = children.start([&, where = where] {
-            foreignPlace(dir.file("app"));
-            int32_t err = 0;
             Session s{};
-            const int32_t id = kesDBMInitDir(dir.file(where).c_str(), &err);
             uint16_t value = 0;
-            if (id < 0 || kesDBMInitSession(&s, static_cast<uint32_t>(id)) != 0) return 1;
+            if (startElsewhere(dir.file(where), s) < 0) return 1;
             // Two allocations: the second reads the free element the first one wrote, in host
             // order whatever SIM_BYTE_ORDER says.
             for (const char* name : {"a", "b"})
                 if (!kesDBMCreateNode(&s, kesDBMCreateString(&s, name, db_getDb(s.dbId)->stringMedium), kesDBMGetRoot(&s), 0, 0)) return 1;
-            return kesDBMGetUint16(&s, find(s, "/net/port"), &value) == 0 ? value % 250 + 2 : 1;
+            return kesDBMGetUint16(&s, kesDBMSearchByName(&s, "/net/port"), &value) == 0 ? value % 250 + 2 : 1;
         });
         EXPECT_EQ(children.wait(pid), port % 250 + 2) << where;
-        // The free element behind the anchor still fits the medium (a byte-reversed size
-        // would not).
+        // The free element behind the anchor still fits the medium (a byte-reversed size would not).
         const std::string medium = dir.file(where + "/components.med");
         EXPECT_LT(kt::readWord(medium, kt::readWord(medium, 12) + 4), fs::file_size(medium)) << where;
     }
 }
 
-// An image's database, its hooks and drivers built for another machine, is read on the build
-// host without hooks and left byte for byte as it was; what cannot be loaded is named.
+// An image's database, its hooks built for another machine, is read on the build host
+// without hooks and left byte for byte as it was; what cannot be loaded is named.
 TEST_F(OpenDir, ImageIsInspectedWithoutATrace) {
-    const std::string target = "libtarget_only.so policy_preSet NULL NULL NULL";
-    ASSERT_EQ(kesdb({"create", "db", "--files", "--from", kDevice, "--target-lib-dir", "/opt/target/lib", "--hook",
-                     target})
-                  .code,
-              0);
+    ASSERT_EQ(kesdb({"create", "db", "--files", "--from", kDevice, "--install-dir", "/etc/kesdb", "--target-lib-dir",
+                     "/opt/target/lib", "--hook", "libtarget_only.so policy_preSet NULL NULL NULL"}).code, 0);
+    EXPECT_EQ(kt::readFile(dir.file("db/media.conf")).rfind("/opt/target/lib/libkesdrv_file.so fileMedia_open ", 0), 0u);
     auto snapshot = [&] {
         std::map<std::string, std::string> files;
         for (const auto& e : fs::directory_iterator(dir.file("db"))) files[e.path().string()] = kt::readFile(e.path());
         return files;
     };
     const auto before = snapshot();
-    struct Case {
+    const struct {
         std::vector<std::string> args;
         int code;
         std::string part;  // of standard output, or of standard error when the command fails
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{"get", "/net/port", "--no-hooks"}, 0, "8080\n"},
         {{"export", "--no-hooks"}, 0, "\"name\": \"port\""},
         {{"print", "--no-hooks"}, 0, "[net]"},
         {{"get", "/net/port"}, 2, "cannot load the hook library /opt/target/lib/libtarget_only.so"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         std::vector<std::string> args = {"-d", "db"};
         args.insert(args.end(), c.args.begin(), c.args.end());
         const kt::Outcome r = kesdb(args);
@@ -157,26 +142,26 @@ TEST_F(OpenDir, ImageIsInspectedWithoutATrace) {
 // One directory a process: another one is refused (and so is a directory after kesDBMInit)
 // until everything started is shut down; the same directory again gets the same id.
 TEST_F(OpenDir, OneDirectoryAProcess) {
-    create({});
+    create();
     ASSERT_EQ(kesdb({"create", "other"}).code, 0);
-    const pid_t pid = children.start([&] {
-        const std::string a = dir.file("db"), b = dir.file("other");
-        int32_t err = 0;
-        const int32_t id = kesDBMInitDir(a.c_str(), &err);
-        DBMDirOptions noHooks{KESDB_DIR_NO_HOOKS, nullptr, nullptr};
-        if (id < 0 || kesDBMInitDir(b.c_str(), &err) != -1 || err != KESDB_ERR_DIR_OTHER) return 1;
-        if (std::string(kesDBMInitDirFailure()).find(a) == std::string::npos) return 2;
-        if (kesDBMInitDir(a.c_str(), &err) != id || kesDBMInitDirEx(a.c_str(), &noHooks, &err) != -1) return 3;
-        kesDBMTerm(static_cast<uint32_t>(id));
-        kesDBMTerm(static_cast<uint32_t>(id));
-        const int32_t other = kesDBMInitDir(b.c_str(), &err);
-        if (other < 0 || kesDBMTerm(static_cast<uint32_t>(other)) != 0) return 4;
-        DBMInitParam p{};
-        setenv("KESDB_DBTABLE", dir.file("plain.tbl").c_str(), 1);
-        if (kesdb_dirParam(a.c_str(), nullptr, &p) != 0 || kesDBMInit(&p, &err) < 0) return 5;
-        return kesDBMInitDir(a.c_str(), &err) == -1 && err == KESDB_ERR_DIR_OTHER ? 0 : 6;
-    });
-    EXPECT_EQ(children.wait(pid), 0);
+    EXPECT_EQ(kt::runChild([&] {
+                  const std::string a = dir.file("db"), b = dir.file("other");
+                  int32_t err = 0;
+                  const int32_t id = kesDBMInitDir(a.c_str(), &err);
+                  DBMDirOptions noHooks{KESDB_DIR_NO_HOOKS, nullptr, nullptr};
+                  if (id < 0 || kesDBMInitDir(b.c_str(), &err) != -1 || err != KESDB_ERR_DIR_OTHER) return 1;
+                  if (std::string(kesDBMInitDirFailure()).find(a) == std::string::npos) return 2;
+                  if (kesDBMInitDir(a.c_str(), &err) != id || kesDBMInitDirEx(a.c_str(), &noHooks, &err) != -1) return 3;
+                  kesDBMTerm(static_cast<uint32_t>(id));
+                  kesDBMTerm(static_cast<uint32_t>(id));
+                  const int32_t other = kesDBMInitDir(b.c_str(), &err);
+                  if (other < 0 || kesDBMTerm(static_cast<uint32_t>(other)) != 0) return 4;
+                  DBMInitParam p{};
+                  setenv("KESDB_DBTABLE", dir.file("plain.tbl").c_str(), 1);
+                  if (kesdb_dirParam(a.c_str(), nullptr, &p) != 0 || kesDBMInit(&p, &err) < 0) return 5;
+                  return kesDBMInitDir(a.c_str(), &err) == -1 && err == KESDB_ERR_DIR_OTHER ? 0 : 6;
+              }),
+              0);
 }
 
 // Directories that cannot be started are refused with the cause, and leave the process as
@@ -184,20 +169,19 @@ TEST_F(OpenDir, OneDirectoryAProcess) {
 TEST_F(OpenDir, RefusedDirectoriesNameTheCause) {
     const std::string good = "session=s.tbl\nlock=l.tbl\nmedia=media.conf\nhook=hook.conf\n"
                              "component=1\nvalue=1\nconstraint=1\nstring=1\n";
-    struct Case {
+    const struct {
         std::string descriptor, media;
         int32_t code;
         std::string part;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"", "", KESDB_ERR_DIR_BAD, "no such directory"},
         {"# comment\nsession\n", "", KESDB_ERR_DIR_BAD, "kesdb.conf line 2 is not a valid"},
         {good + "component=x\n", "", KESDB_ERR_DIR_BAD, "line 9 is not a valid"},
         {"session=s.tbl\n", "", KESDB_ERR_DIR_BAD, "kesdb.conf has no lock line"},
         {good, "lib/libnone.so o c r w s y m\n", KESDB_ERR_MEDIA_LOAD, "/d/lib/libnone.so"},
     };
-    for (const Case& c : cases) {
-        const std::string d = dir.file("d");
+    const std::string d = dir.file("d");
+    for (const auto& c : cases) {
         fs::remove_all(d);
         if (!c.descriptor.empty()) {
             fs::create_directories(d);
@@ -210,7 +194,7 @@ TEST_F(OpenDir, RefusedDirectoriesNameTheCause) {
         EXPECT_EQ(err, c.code) << c.descriptor;
         EXPECT_NE(std::string(kesDBMInitDirFailure()).find(c.part), std::string::npos) << kesDBMInitDirFailure();
     }
-    create({});
+    create();
     int32_t err = 0;
     const int32_t id = kesDBMInitDir(dir.file("db").c_str(), &err);
     EXPECT_GT(id, 0) << kesDBMInitDirFailure();
