@@ -147,29 +147,4 @@ TEST_F(Migrate, AKillAtAnyMomentLeavesOldOrNew) {
     }
 }
 
-TEST_F(Migrate, SingleComponentsAndFactoryValues) {
-    create(N("net", L("mode", "Uint8", "1", ", \"enum\": [0, 1, 2]")));
-    // A node whose name begins the new leaf's: the leaf goes before it, so both are found.
-    ASSERT_EQ(run({"add", "/net/p"}).code, 0);
-    ASSERT_EQ(run({"add", "/net/port", "--type", "Uint16", "--range", "1", "100", "1", "--value", "80"}).code, 0);
-    EXPECT_EQ(run({"add", "/net/bad", "--type", "Uint8", "--enum", "1,2", "--value", "3"}).code, 2);
-    EXPECT_EQ(run({"add", "/nosuch/x", "--type", "Uint8"}).code, 3);
-    ASSERT_EQ(run({"set", "/net/mode", "2", "--factory"}).code, 0);
-    EXPECT_EQ(run({"set", "/net/mode", "5", "--factory"}).code, 4);
-    ASSERT_EQ(run({"factory-reset", "/net"}).code, 0);
-    expectValues({{"/net/port", "80"}, {"/net/mode", "2"}});
-    EXPECT_EQ(run({"get", "/net/mode", "--default"}).out, "2\n");
-    ASSERT_EQ(run({"delete", "/net/p"}).code, 0);
-    EXPECT_EQ(run({"get", "/net/p"}).code, 3);
-    // A tree path is never a file name; "-" is standard output, and its text merges back.
-    const Outcome e = run({"export", "/net/port"});
-    EXPECT_NE(e.out.find("\"name\": \"port\""), std::string::npos);
-    EXPECT_EQ(e.out.find("\"mode\""), std::string::npos);
-    EXPECT_EQ(run({"export", "--path", "/net/port", "-"}).out, e.out);
-    ASSERT_EQ(run({"set", "/net/port", "9"}).code, 0);
-    kt::writeFile(dir.file("port.json"), e.out);
-    ASSERT_EQ(run({"import", "--merge", dir.file("port.json")}).code, 0);
-    expectValues({{"/net/port", "80"}});
-}
-
 }  // namespace
