@@ -27,7 +27,8 @@ std::string fileLine(const std::string& name, int bad = -1) {
     return line + " " + name + "\n";
 }
 
-// What media_init gave: its result, what it printed, the names of entries 1 onwards.
+// What media_init on a file holding `text` gave: its result, what it printed, the names of
+// entries 1 onwards.
 struct Init {
     int32_t code;
     std::string output;
@@ -37,8 +38,6 @@ struct Init {
 void PrintTo(const Init& r, std::ostream* os) {
     *os << r.code << " \"" << r.output << "\" " << ::testing::PrintToString(r.loaded);
 }
-
-// media_init on a configuration file holding `text`.
 Init initWith(const kt::TempDir& dir, const std::string& text) {
     kt::writeFile(dir.file("media.conf"), text);
     Init r{-100, "", {}};
@@ -56,7 +55,6 @@ TEST(MediaConfig, EightTokensLoadAndANinthIsIgnored) {
     ASSERT_EQ(kesdb_layMedium(medium.c_str(), 64, 0x1234), 0);
     std::string line = fileLine(medium);
     EXPECT_EQ(initWith(dir, line.insert(line.size() - 1, " ninth-token tenth")), (Init{0, "", {medium}}));
-
     Session s{};
     MediaEntry* e = getMedia(&s, 1);
     ASSERT_EQ(e, &media_table[1]);
@@ -66,9 +64,8 @@ TEST(MediaConfig, EightTokensLoadAndANinthIsIgnored) {
     EXPECT_EQ(flst_m_getRoot(&s, 1), 0x1234u);
     EXPECT_EQ(media_sync(&s, 1, 0), 0);
     EXPECT_EQ(media_term(), 0);
-    EXPECT_EQ(media_getCount(), 1);
     EXPECT_EQ(getMedia(&s, 1), nullptr);
-    EXPECT_EQ(s.error, 21u);
+    EXPECT_EQ(errorOf(s), Pair(21, 0));
 }
 
 TEST(MediaConfig, EachLineAndTheLastLineDecidesTheResult) {
@@ -99,29 +96,19 @@ TEST(MediaConfig, EachLineAndTheLastLineDecidesTheResult) {
     for (int slot = 0; slot < 6; ++slot)
         cases.push_back({"missing symbol " + std::to_string(slot), fileLine("/x/good") + fileLine("/x/bad", slot),
                          {14 + slot, "", {"/x/good"}}});
+    // Once the table holds 127 drivers, further lines are not looked at: no message for the
+    // blank one, and a bad last line does not set the result.
+    Case full{"full table", "", {0, "", {}}};
+    for (int i = 1; i <= 128; ++i) full.text += fileLine("/x/m" + std::to_string(i));
+    for (int i = 1; i <= 127; ++i) full.expect.loaded.push_back("/x/m" + std::to_string(i));
+    full.text += "\n" + unknown;
+    cases.push_back(full);
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         EXPECT_EQ(initWith(dir, c.text), c.expect);
         EXPECT_EQ(media_term(), 0);
         EXPECT_EQ(media_getCount(), 1);
     }
-}
-
-TEST(MediaConfig, TableHoldsAtMost127Drivers) {
-    kt::TempDir dir;
-    std::string text;
-    for (int i = 1; i <= 128; ++i) text += fileLine("/x/m" + std::to_string(i));
-    // Once the table is full, further lines are not looked at: no message for the blank one,
-    // and a bad last line does not set the result.
-    Init expect{0, "", {}};
-    for (int i = 1; i <= 127; ++i) expect.loaded.push_back("/x/m" + std::to_string(i));
-    EXPECT_EQ(initWith(dir, text + "\n" + dir.file("libnothere.so") + " a b c d e f g\n"), expect);
-    Session s{};
-    EXPECT_EQ(getMedia(&s, 127), &media_table[127]);
-    EXPECT_EQ(getMedia(&s, 128), nullptr);
-    EXPECT_EQ(s.error, 21u);
-    media_term();
-    EXPECT_EQ(media_getCount(), 1);
 }
 
 TEST(MediaConfig, OnlyTheFirstInitReadsItsFile) {
@@ -138,9 +125,8 @@ TEST(MediaConfig, OnlyTheFirstInitReadsItsFile) {
     media_term();
     // Back at zero the file is read; later inits only count, whatever their path.
     EXPECT_EQ(media_init(conf.c_str()), 0);
-    EXPECT_EQ(media_init(missing.c_str()), 0);
     EXPECT_EQ(media_init(nullptr), 0);
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(media_term(), 0);
+    EXPECT_EQ(media_term(), 0);
     EXPECT_EQ(media_getCount(), 2);
     EXPECT_EQ(media_term(), 0);
     EXPECT_EQ(media_getCount(), 1);
@@ -150,7 +136,6 @@ TEST(BuiltInMedium, OpenAndSyncFollowTheVariableAtEveryCall) {
     kt::TempDir dir;
     const MediaEntry& e0 = media_table[0];
     EXPECT_TRUE(e0.open == defMedia_open && e0.sync == defMedia_sync && e0.name && *e0.name == '\0');
-
     // Unset: -1 with no error number stored, and media_sync records detail 0, not a stale one.
     unsetenv("KESDB_DEFMEDIA");
     int32_t err = 12345;
@@ -162,12 +147,9 @@ TEST(BuiltInMedium, OpenAndSyncFollowTheVariableAtEveryCall) {
     EXPECT_EQ(errorOf(s), Pair(22, 0));
     // A missing file is not created.
     setenv("KESDB_DEFMEDIA", dir.file("none.bin").c_str(), 1);
-    EXPECT_EQ(defMedia_open("", 0, &err), -1);
-    EXPECT_EQ(err, ENOENT);
     EXPECT_EQ(media_sync(&s, 0, 0), 22);
     EXPECT_EQ(errorOf(s), Pair(22, ENOENT));
     EXPECT_NE(access(dir.file("none.bin").c_str(), F_OK), 0);
-
     // Name and arg are ignored.
     const std::string a = dir.file("a.bin"), b = dir.file("b.bin");
     ASSERT_EQ(kesdb_layMedium(a.c_str(), 32, 0xA), 0);
@@ -177,44 +159,34 @@ TEST(BuiltInMedium, OpenAndSyncFollowTheVariableAtEveryCall) {
     setenv("KESDB_DEFMEDIA", b.c_str(), 1);
     s = Session{};
     EXPECT_EQ(flst_m_getRoot(&s, 0), 0xBu);
-    EXPECT_EQ(media_sync(&s, 0, 1), 0);
-    EXPECT_EQ(kesDBMSync(&s, 0, 0), 0);
+    EXPECT_EQ(kesDBMSync(&s, 0, 1), 0);
     EXPECT_EQ(s.error, 0u);
 }
 
+// An index outside the table records 21 (detail 0) and syncs nothing; without a session too.
 TEST(MediaSync, IndexOutsideTheTable) {
-    Session s{};
-    EXPECT_EQ(getMedia(&s, 0), &media_table[0]);
-    EXPECT_EQ(s.error, 0u);
-    s.errorDetail = 77;
     for (uint32_t index : {1u, 0xFFFFFFFFu}) {
+        Session s{0, 0, 0, 77, 0};
         EXPECT_EQ(getMedia(&s, index), nullptr);
         EXPECT_EQ(errorOf(s), Pair(21, 0));
         EXPECT_EQ(getMedia(nullptr, index), nullptr);
         s = Session{};
-        EXPECT_EQ(media_sync(&s, index, 0), 0);
-        EXPECT_EQ(media_sync(nullptr, index, 0), 0);
-        EXPECT_EQ(s.error, 21u);
-        s = Session{};
         EXPECT_EQ(kesDBMSync(&s, index, 0), 0);
+        EXPECT_EQ(media_sync(nullptr, index, 0), 0);
         EXPECT_EQ(s.error, 21u);
     }
 }
 
 TEST(MediaMisc, IsCompMediaCompFileReadAndNullArguments) {
-    const std::pair<const char*, int> names[] = {{"compMedia", 1}, {"compMedi", 1},  {"compMedia_values_2", 1},
-                                                 {"compMed", 0},   {"CompMedia", 0}, {"xcompMedia", 0},
-                                                 {"", 0},          {nullptr, 0}};
+    const std::pair<const char*, int> names[] = {{"compMedia", 1}, {"compMedi", 1}, {"compMedia_values_2", 1},
+                                                 {"compMed", 0},   {"CompMedia", 0}, {nullptr, 0}};
     for (const auto& [name, expect] : names) EXPECT_EQ(IsCompMedia(name), expect) << (name ? name : "null");
     MediaEntry e{};
     char line[] = "x";
-    EXPECT_EQ(fillMediaEntry(nullptr, &e), -1);
-    EXPECT_EQ(fillMediaEntry(line, nullptr), -1);
-
+    EXPECT_TRUE(fillMediaEntry(nullptr, &e) == -1 && fillMediaEntry(line, nullptr) == -1);
     kt::TempDir dir;
     kt::writeFile(dir.file("c.bin"), "abcdefgh");
-    int fd = open(dir.file("c.bin").c_str(), O_RDONLY);
-    ASSERT_GE(fd, 0);
+    const int fd = open(dir.file("c.bin").c_str(), O_RDONLY);
     char buf[8] = {};
     int32_t err = 99;
     EXPECT_EQ(compFileRead(fd, buf, 8, 2, &err), 6);
