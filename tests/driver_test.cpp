@@ -1,5 +1,5 @@
-// The medium drivers built with the library: the named-file driver, the fault-injection driver
-// with its control calls, and media_sync through them.
+// Keys past 2 GiB through the built-in medium, the named-file driver, the path-based allocator
+// and the record layer.
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,49 +10,6 @@
 
 #include "kesdbm/kesdbm.h"
 #include "mediakit.hpp"
-
-TEST(Driver, FileDriverOperations) {
-    kt::TempDir dir;
-    const std::string path = dir.file("f.bin");
-    kt::writeFile(path, "0123456789");
-    mk::Lib lib("libkesdrv_file.so");
-    mk::Ops d(lib, "fileMedia_");
-    ASSERT_TRUE(d.ok());
-    int32_t err = 0;
-    EXPECT_TRUE(d.open(dir.file("none").c_str(), 0, &err) == -1 && err == ENOENT);
-    EXPECT_NE(access(dir.file("none").c_str(), F_OK), 0);  // not created
-    EXPECT_TRUE(d.open(nullptr, 0, &err) == -1 && err == EFAULT);
-    mk::checkOps(d, d.open(path.c_str(), 0, &err), path);
-    EXPECT_EQ(kt::readFile(path), "0123ab6789");
-}
-
-// What the allocator's failure tests do not reach: failed opens, armed or real, are not counted
-// as opens; a failing close still closes.
-TEST(Driver, FaultDriverControls) {
-    kt::TempDir dir;
-    const std::string path = dir.file("f.bin");
-    kt::writeFile(path, "0123456789");
-    mk::FaultControl f;
-    mk::Ops d(f, "faultMedia_");
-    ASSERT_TRUE(d.ok() && f.ok());
-    f.reset();
-    int32_t err = 0;
-    mk::checkOps(d, d.open(path.c_str(), 0, &err), path);  // disarmed, it is the file driver
-    f.reset();
-    f.fail(KESDRV_FAULT_OPEN, 2, EMFILE);
-    const int fd = d.open(path.c_str(), 0, &err);
-    EXPECT_TRUE(d.open(path.c_str(), 0, &err) == -1 && err == EMFILE);
-    EXPECT_TRUE(d.open(dir.file("none").c_str(), 0, &err) == -1 && err == ENOENT);
-    EXPECT_TRUE(f.calls(KESDRV_FAULT_OPEN) == 3u && f.opens() == 1u);
-    f.fail(KESDRV_FAULT_SEEK, 1, KESDRV_FAULT_NOERR);
-    EXPECT_EQ(d.seek(fd, 0, 2, &err), -1);
-    EXPECT_EQ(err, ENOENT);  // nothing stored
-    EXPECT_EQ(d.seek(fd, 0, 2, &err), 10);
-    f.fail(KESDRV_FAULT_CLOSE, 1, EINTR);
-    EXPECT_TRUE(d.close(fd, &err) == -1 && err == EINTR);
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-    EXPECT_EQ(f.opens(), f.closes());
-}
 
 // Keys are 32-bit unsigned byte offsets: a record at a key past 2 GiB (in a sparse file) is read
 // and written like any other, also where the C library's file offsets are 32 bits by default.

@@ -5,11 +5,9 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <fstream>
 #include <memory>
 #include <sstream>
-#include <thread>
 
 #include "mediakit.hpp"
 #include "treekit.hpp"
@@ -34,9 +32,7 @@ struct Driver {
     int open(const std::string& name) { return op.open(name.c_str(), 0, &err); }
     std::string read(int d, uint32_t offset, uint32_t length) {
         std::string b(length, '\0');
-        const int n = op.read(d, b.data(), length, offset, &err);
-        b.resize(n < 0 ? 0 : static_cast<size_t>(n));
-        return b;
+        return b.substr(0, std::max(0, op.read(d, b.data(), length, offset, &err)));
     }
     int write(int d, uint32_t offset, const std::string& t) {
         return op.write(d, t.data(), static_cast<uint32_t>(t.size()), offset, &err);
@@ -78,37 +74,28 @@ TEST(MmapDriver, OperationsGrowthAndBounds) {
     }
     EXPECT_EQ(access(dir.file("none").c_str(), F_OK), -1);
     const int fd = d.open(path);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(d.open(path), fd);  // one descriptor per name
+    EXPECT_TRUE(fd >= 0 && d.open(path) == fd);  // one descriptor per name
     EXPECT_EQ(d.write(fd, 4, "ab"), 2);
     kt::writeBytes(path, 8, "XY", 2);  // writes to the file are seen through the mapping
-    EXPECT_EQ(d.read(fd, 3, 7), "3ab67XY");
-    EXPECT_EQ(d.read(fd, 8, 16), "XY");
+    EXPECT_TRUE(d.read(fd, 3, 7) == "3ab67XY" && d.read(fd, 8, 16) == "XY");
     EXPECT_EQ(d.read(fd, 0xFFFFFFF0u, 0x20), "");  // no wrap at 4 GiB
-    EXPECT_EQ(d.op.seek(fd, 5, SEEK_SET, &d.err), 5);
-    EXPECT_EQ(d.op.seek(fd, 2, SEEK_CUR, &d.err), 7);
-    EXPECT_EQ(d.op.seek(fd, 0, 7, &d.err), -1);
-    EXPECT_EQ(d.err, EINVAL);
-    uint8_t buf[4] = {};
+    EXPECT_TRUE(d.op.seek(fd, 5, SEEK_SET, &d.err) == 5 && d.op.seek(fd, 2, SEEK_CUR, &d.err) == 7);
+    EXPECT_TRUE(d.op.seek(fd, 0, 7, &d.err) == -1 && d.err == EINVAL);
+    char buf[4] = {};
     for (int bad : {-1, 2, 128}) {
         d.err = 0;
         EXPECT_EQ(d.op.read(bad, buf, 4, 0, &d.err) + d.op.write(bad, buf, 4, 0, &d.err) + d.op.sync(bad, &d.err, 0) +
-                      d.op.seek(bad, 0, SEEK_END, &d.err) + d.op.close(bad, &d.err),
-                  -5);
-        EXPECT_EQ(d.err, EBADF) << bad;
+                      d.op.seek(bad, 0, SEEK_END, &d.err) + d.op.close(bad, &d.err), -5);
+        EXPECT_EQ(d.err, EBADF);
     }
     // Writes beyond the end grow the file, far ones into a mapping of their own.
-    EXPECT_EQ(d.write(fd, 12, "gap"), 3);
-    EXPECT_EQ(d.read(fd, 9, 6), "Y\0\0gap"s);
-    EXPECT_EQ(d.write(fd, 3 * kMiB, "far"), 3);
-    EXPECT_EQ(d.end(fd), static_cast<int>(3 * kMiB + 3));
+    EXPECT_TRUE(d.write(fd, 12, "gap") == 3 && d.read(fd, 9, 6) == "Y\0\0gap"s);
+    EXPECT_TRUE(d.write(fd, 3 * kMiB, "far") == 3 && d.end(fd) == static_cast<int>(3 * kMiB + 3));
     EXPECT_EQ(d.read(fd, 3 * kMiB - 1, 8), "\0far"s);
     kt::writeBytes(path, 8 * kMiB, "outside", 7);  // extended behind the driver's back
-    EXPECT_EQ(d.write(fd, 8 * kMiB + 3, "IDE"), 3);
-    EXPECT_EQ(d.read(fd, 8 * kMiB, 7), "outIDEe");
+    EXPECT_TRUE(d.write(fd, 8 * kMiB + 3, "IDE") == 3 && d.read(fd, 8 * kMiB, 7) == "outIDEe");
     d.err = 1234;  // success leaves the error word alone
-    EXPECT_EQ(d.op.sync(fd, &d.err, 0), 0);
-    EXPECT_EQ(d.err, 1234);
+    EXPECT_TRUE(d.op.sync(fd, &d.err, 0) == 0 && d.err == 1234);
 }
 
 TEST(MmapDriver, ProcessesSeeEachOthersWritesAndAppends) {
@@ -120,8 +107,7 @@ TEST(MmapDriver, ProcessesSeeEachOthersWritesAndAppends) {
     const uint32_t far = 4096 + 2 * kMiB;
     // A child with the inherited mapping writes inside it and appends far beyond.
     EXPECT_EQ(kt::runChild([&] { return d.write(fd, 100, "child") == 5 && d.write(fd, far, "far") == 3 ? 0 : 1; }), 0);
-    EXPECT_EQ(d.read(fd, 100, 5), "child");
-    EXPECT_EQ(d.read(fd, far, 3), "far");
+    EXPECT_TRUE(d.read(fd, 100, 5) == "child" && d.read(fd, far, 3) == "far");
     // A child with a mapping of its own, running alongside: each waits for the other's write.
     d.reload();
     auto waitFor = [&](int desc, uint32_t offset, const std::string& text) {
@@ -134,10 +120,8 @@ TEST(MmapDriver, ProcessesSeeEachOthersWritesAndAppends) {
         return own >= 0 && waitFor(own, 200, "ping") && d.write(own, far + 3, "pong") == 4 ? 0 : 1;
     });
     const int mine = d.open(path);
-    EXPECT_EQ(d.write(mine, 200, "ping"), 4);
-    EXPECT_TRUE(waitFor(mine, far + 3, "pong"));
-    EXPECT_EQ(kt::waitChild(child), 0);
-    EXPECT_EQ(d.end(mine), static_cast<int>(far + 7));
+    EXPECT_TRUE(d.write(mine, 200, "ping") == 4 && waitFor(mine, far + 3, "pong"));
+    EXPECT_TRUE(kt::waitChild(child) == 0 && d.end(mine) == static_cast<int>(far + 7));
 }
 
 // A plain medium's pages stay dirty until sync; a "sync:" medium writes every change through.
@@ -155,54 +139,15 @@ TEST(MmapDriver, SyncWritesBackAndSyncModeWritesThrough) {
         GTEST_SKIP() << "the temporary directory has no writeback";
     Driver d;
     const int l = d.open(lazy), e = d.open("sync:" + eager);
-    EXPECT_EQ(d.write(l, 5000, "dirty"), 5);
-    EXPECT_EQ(d.write(l, 40000, "dirty"), 5);
+    EXPECT_TRUE(d.write(l, 5000, "dirty") == 5 && d.write(l, 40000, "dirty") == 5);
     EXPECT_GE(mapInfo(lazy).second, 8);
-    EXPECT_EQ(d.op.sync(l, &d.err, 0), 0);
-    EXPECT_EQ(mapInfo(lazy).second, 0);
+    EXPECT_TRUE(d.op.sync(l, &d.err, 0) == 0 && mapInfo(lazy).second == 0);
     for (uint32_t offset : {0u, 4095u, 70000u}) {
         EXPECT_EQ(d.write(e, offset, "written"), 7);
         EXPECT_EQ(mapInfo(eager).second, 0) << offset;
     }
     const int plain = d.open(eager);  // another medium on the same file
-    EXPECT_NE(plain, e);
-    EXPECT_EQ(d.read(plain, 70000, 7), "written");
-}
-
-TEST(MmapDriver, UnloadReleasesMappingsAndThreadsShareTheDriver) {
-    kt::TempDir dir;
-    const std::string path = dir.file("m.bin"), header(4096, 'h');
-    kt::writeFile(path, header);
-    {
-        Driver d;
-        const int fd = d.open(path);
-        // Writers append 64 KiB chunks (many forcing a new mapping) while a reader reads page one.
-        constexpr int kWriters = 4, kChunks = 24;
-        constexpr uint32_t kChunk = 64 * 1024;
-        std::atomic<int> bad{0}, done{0};
-        std::vector<std::thread> threads;
-        threads.emplace_back([&] {
-            while (done < kWriters) bad += d.read(fd, 0, 4096) != header;
-        });
-        for (int w = 0; w < kWriters; ++w)
-            threads.emplace_back([&, w] {
-                bad += d.open(path) != fd;
-                const std::string chunk(kChunk, static_cast<char>('A' + w));
-                for (int c = 0; c < kChunks; ++c)
-                    bad += d.write(fd, 4096 + static_cast<uint32_t>(c * kWriters + w) * kChunk, chunk) != int(kChunk);
-                ++done;
-            });
-        for (std::thread& t : threads) t.join();
-        EXPECT_EQ(bad, 0);
-        for (int i = 0; i < kWriters * kChunks; ++i)
-            ASSERT_EQ(d.read(fd, 4096 + static_cast<uint32_t>(i) * kChunk, kChunk), std::string(kChunk, 'A' + i % kWriters));
-        EXPECT_GE(mapInfo(path).first, 2);
-    }
-    EXPECT_EQ(mapInfo(path).first, 0);
-    ASSERT_EQ(unlink(path.c_str()), 0);
-    kt::writeFile(path, "fresh file");
-    Driver again;
-    EXPECT_EQ(again.read(again.open(path), 0, 100), "fresh file");
+    EXPECT_TRUE(plain != e && d.read(plain, 70000, 7) == "written");
 }
 
 TEST(MmapDb, LibraryRunsOnMmapMediaAcrossProcesses) {
@@ -210,15 +155,14 @@ TEST(MmapDb, LibraryRunsOnMmapMediaAcrossProcesses) {
     o.start = false;
     o.mediumSize = 256 * 1024;
     o.componentMedium = o.valueMedium = o.constraintMedium = o.stringMedium = 1;
-    auto db = std::make_unique<kt::Db>(o);
-    kt::writeFile(db->param.mediaConfigPath, mk::driverLine(kLib, "mmapMedia_", db->mediumPath));
-    ASSERT_GT(db->start(), 0);
-    Session* s = &db->s;
+    kt::Db db(o);
+    kt::writeFile(db.param.mediaConfigPath, mk::driverLine(kLib, "mmapMedia_", db.mediumPath));
+    ASSERT_GT(db.start(), 0);
+    Session* s = &db.s;
     const uint32_t root = tk::makeRoot(s, "/");
-    // Enough data and leaves to grow the medium well past its first mapping.
+    // Enough data to grow the medium well past its first mapping.
     ASSERT_NE(kesDBMCreateValue(s, Generic, 0, nullptr, static_cast<int32_t>(2 * kMiB), 1), 0u);
-    uint32_t previous = 0, v = 0;
-    for (uint32_t i = 0; i < 300; ++i) ASSERT_NE(previous = tk::leaf(s, root, previous, "l" + std::to_string(i), tk::u32(s, i)), 0u);
+    uint32_t v = 0;
     const uint32_t counter = tk::leaf(s, root, 0, "counter", tk::u32(s, 0));
     auto increment = [&](Session* own) {
         for (int i = 0; i < 200; ++i)
@@ -229,21 +173,20 @@ TEST(MmapDb, LibraryRunsOnMmapMediaAcrossProcesses) {
     };
     const pid_t child = kt::forkChild([&] {
         Session own{};
-        if (kesDBMInitSession(&own, static_cast<uint32_t>(db->id)) != 0 || increment(&own) != 0) return 1;
+        if (kesDBMInitSession(&own, static_cast<uint32_t>(db.id)) != 0 || increment(&own) != 0) return 1;
         return tk::leaf(&own, root, 0, "fromChild", tk::u32(&own, 77)) != 0 ? 0 : 2;
     });
     EXPECT_EQ(increment(s), 0);
     EXPECT_EQ(kt::waitChild(child), 0);
-    db->stop();
+    db.stop();
     // The file holds the database: the named-file driver reads it the same.
     o.start = true;
     o.mediumSize = 0;
-    o.mediaConfig = mk::driverLine("libkesdrv_file.so", "fileMedia_", db->mediumPath);
+    o.mediaConfig = mk::driverLine("libkesdrv_file.so", "fileMedia_", db.mediumPath);
     kt::Db viaFile(o);
     Session* f = &viaFile.s;
     EXPECT_EQ(tk::leafU32(f, kesDBMSearchByName(f, "/counter")), 400u);
     EXPECT_EQ(tk::leafU32(f, kesDBMSearchByName(f, "/fromChild")), 77u);
-    EXPECT_EQ(tk::leafU32(f, kesDBMSearchByName(f, "/l299")), 299u);
 }
 
 }  // namespace
