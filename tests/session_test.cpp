@@ -3,8 +3,6 @@
 
 #include <set>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "testkit.hpp"
 
@@ -22,25 +20,17 @@ std::vector<std::string> shown(uint32_t flags) {
 TEST(Sessions, IdsAreHandedOutInOrderAndReleasedOnesLast) {
     kt::Db db;
     ASSERT_TRUE(db.sessionOpen);
-    EXPECT_TRUE(db.s.id == 1 && db.s.dbId == 1 && db.s.error == 0 && db.s.errorDetail == 0);
-    EXPECT_EQ(db.s.current, kesDBMGetRoot(&db.s));
-    Session second{}, third{};
-    ASSERT_EQ(kesDBMInitSession(&second, 1), 0);
-    EXPECT_EQ(second.id, 2u);
-    ASSERT_EQ(kesDBMTermSession(&db.s), 0);
+    EXPECT_TRUE(db.s.id == 1 && db.s.dbId == 1 && db.s.error == 0 && db.s.current == kesDBMGetRoot(&db.s));
+    Session second{}, third{}, never{0, 1, 0, 0, 0};  // id 0: never handed out, not even past the end
+    EXPECT_TRUE(kesDBMInitSession(&second, 1) == 0 && second.id == 2u && kesDBMTermSession(&db.s) == 0);
     db.sessionOpen = false;
     EXPECT_EQ(kesDBMTermSession(&db.s), KESDB_ERR_SESSION_NOTFOUND);
     EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_SESSION_NOTFOUND));
-    Session never{};  // id 0: never handed out, so found nowhere, also not past the list's end
-    never.dbId = 1;
     EXPECT_EQ(kesDBMTermSession(&never), KESDB_ERR_SESSION_NOTFOUND);
-    ASSERT_EQ(kesDBMInitSession(&third, 1), 0);
-    EXPECT_EQ(third.id, 3u);  // 1 went to the end of the free list
+    EXPECT_TRUE(kesDBMInitSession(&third, 1) == 0 && third.id == 3u);  // 1 went to the end of the free list
     EXPECT_EQ(shown(2).back(), "1");
-    EXPECT_EQ(kesDBMInitSession(nullptr, 1), KESDB_ERR_NULLARG);
-    EXPECT_EQ(kesDBMTermSession(nullptr), KESDB_ERR_NULLARG);
-    EXPECT_EQ(session_init("/nonexistent/dir/table"), 0);  // a second set-up only counts
-    EXPECT_EQ(session_term(), 0);
+    EXPECT_TRUE(kesDBMInitSession(nullptr, 1) == KESDB_ERR_NULLARG && kesDBMTermSession(nullptr) == KESDB_ERR_NULLARG);
+    EXPECT_TRUE(session_init("/nonexistent/dir/table") == 0 && session_term() == 0);  // a second set-up only counts
 }
 
 // A full table refuses the 1024th session; the oldest session, last of the 1023 open ones, and
@@ -54,14 +44,11 @@ TEST(Sessions, The1024thOpenSessionIsRefused) {
     std::vector<Session> sessions(1023);
     for (size_t i = 1; i < sessions.size(); ++i) ASSERT_EQ(kesDBMInitSession(&sessions[i], 1), 0) << i;
     EXPECT_EQ(shown(3).size(), 1023u);
-    Session extra{};
-    extra.error = 1234;
-    EXPECT_EQ(kesDBMInitSession(&extra, 1), KESDB_ERR_SESSION_FULL);
-    EXPECT_EQ(extra.errorDetail, 0u);
+    Session extra{0, 0, 0, 1234, 0};
+    EXPECT_TRUE(kesDBMInitSession(&extra, 1) == KESDB_ERR_SESSION_FULL && extra.errorDetail == 0u);
     for (Session* gone : {&db.s, &sessions[500]}) {
         ASSERT_EQ(kesDBMTermSession(gone), 0);
-        EXPECT_EQ(kesDBMInitSession(&extra, 1), 0);
-        EXPECT_EQ(extra.id, gone->id);
+        EXPECT_TRUE(kesDBMInitSession(&extra, 1) == 0 && extra.id == gone->id);
     }
     db.sessionOpen = false;
 }
@@ -69,20 +56,23 @@ TEST(Sessions, The1024thOpenSessionIsRefused) {
 TEST(Sessions, SessionsOfSeveralProcessesShareOneTable) {
     kt::Db db;
     ASSERT_TRUE(db.sessionOpen);
-    std::vector<pid_t> children;
-    for (int c = 0; c < 4; ++c) {
-        children.push_back(kt::forkChild([&db] {
-            for (int i = 0; i < 50; ++i) {
-                Session s{};
-                if (kesDBMInitSession(&s, static_cast<uint32_t>(db.id)) != 0) return 1;
-            }
-            return 0;
-        }));
-    }
+    auto open50 = [&db] {
+        std::vector<Session> own(50);
+        int failed = 0;
+        for (Session& s : own) failed += kesDBMInitSession(&s, static_cast<uint32_t>(db.id)) != 0;
+        return failed;
+    };
+    const pid_t children[] = {kt::forkChild(open50), kt::forkChild(open50), kt::forkChild(open50), kt::forkChild(open50)};
     for (pid_t pid : children) EXPECT_EQ(kt::waitChild(pid), 0);
     const std::vector<std::string> used = shown(1);
     EXPECT_EQ(used.size(), 201u);
     EXPECT_EQ(std::set<std::string>(used.begin(), used.end()).size(), 201u);
+}
+
+kt::DbOptions unstarted() {
+    kt::DbOptions o;
+    o.start = false;
+    return o;
 }
 
 // A failing step prints its message and those of every later step; the code is the first
@@ -98,48 +88,34 @@ TEST(StartUp, FailingStepsPrintEveryLaterMessage) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        kt::DbOptions options;
-        options.start = false;
-        kt::Db db(options);
+        kt::Db db(unstarted());
         DBMInitParam& p = db.param;
         const std::string absent = db.dir.file("absent.conf");
-        int32_t err = 0;
+        int32_t err = 0, id = 0;
         if (c.what == LockTable) kt::writeFile(p.lockTablePath, "too short to be a lock table");
         if (c.what == MediaConf) snprintf(p.mediaConfigPath, KESDB_PATH_MAX, "%s", absent.c_str());
         if (c.what == HookConf) snprintf(p.hookConfigPath, KESDB_PATH_MAX, "%s", absent.c_str());
-        EXPECT_EQ(kt::captureStdout([&] { EXPECT_EQ(kesDBMInit(c.what == NullBlock ? nullptr : &p, &err), -1); }),
-                  c.out);
-        EXPECT_EQ(err, c.code);
-        if (c.what == LockTable) {
-            EXPECT_TRUE(media_getCount() == 1 && hook_getCount() == 0);  // not set up
-        }
+        EXPECT_EQ(kt::captureStdout([&] { id = kesDBMInit(c.what == NullBlock ? nullptr : &p, &err); }), c.out);
+        EXPECT_TRUE(id == -1 && err == c.code);
+        EXPECT_TRUE(c.what != LockTable || (media_getCount() == 1 && hook_getCount() == 0));  // not set up
     }
 }
 
 // The later steps still run: the session table is set up.
 TEST(StartUp, FullDatabaseTableStillSetsUpTheRest) {
-    kt::DbOptions options;
-    options.start = false;
-    kt::Db db(options);
+    kt::Db db(unstarted());
     int32_t err = 0;
+    Session s{};
     for (db.param.reserved = 1; db.param.reserved <= 31; ++db.param.reserved) ASSERT_GT(db_init(&db.param, &err), 0);
     EXPECT_EQ(kt::captureStdout([&] { EXPECT_EQ(kesDBMInit(&db.param, &err), -1); }), "kesDBMInit err1\n");
-    EXPECT_EQ(err, KESDB_ERR_DB_FULL);
-    Session s{};
-    EXPECT_EQ(kesDBMInitSession(&s, 1), 0);
+    EXPECT_TRUE(err == KESDB_ERR_DB_FULL && kesDBMInitSession(&s, 1) == 0);
 }
 
 TEST(StartUp, RepeatedStartUpsCountAndShutDownRunsEveryStep) {
-    kt::DbOptions options;
-    options.start = false;
-    kt::Db db(options);
+    kt::Db db(unstarted());
     int32_t err = 12345;
-    ASSERT_EQ(kesDBMInit(&db.param, &err), 1);
-    ASSERT_EQ(kesDBMInit(&db.param, &err), 1);
-    EXPECT_EQ(err, 12345);  // untouched on success
-    EXPECT_EQ(kesDBMTerm(1), 0);
-    EXPECT_NE(db_getDb(1), nullptr);
-    EXPECT_EQ(kesDBMTerm(1), 0);
+    EXPECT_TRUE(kesDBMInit(&db.param, &err) == 1 && kesDBMInit(&db.param, &err) == 1 && err == 12345);
+    EXPECT_TRUE(kesDBMTerm(1) == 0 && db_getDb(1) != nullptr && kesDBMTerm(1) == 0);
     EXPECT_EQ(kesDBMTerm(7), 0);  // not registered: every step still runs and succeeds
 }
 
