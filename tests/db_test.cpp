@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
-
 #include "testkit.hpp"
 
 namespace {
@@ -60,12 +58,10 @@ TEST_F(DbTableTest, UnusableTableFileFailsEveryStartUp) {
 // Relative paths are PWD joined to them without a separator; no PWD or a null path: different.
 TEST(PathCompare, RelativePathsJoinPwdWithoutSeparator) {
     const struct { const char* pwd; const char* a; const char* b; bool same; } cases[] = {
-        {"/home/app", "db", "/home/appdb", true}, {"/home/app", "db", "/home/app/db", false},
-        {"/home/app", "/home/appdb", "db", true}, {"/home/app", "x", "x", true},
-        {"/home/app", "/a//b", "/a/b", false},    {"/home/app", nullptr, "/a", false},
-        {"/home/app", "/a", nullptr, false},      {nullptr, "x", "x", false},
-        {nullptr, "x", "/x", false},              {nullptr, "/x", "x", false},
-        {nullptr, "/x", "/x", true},
+        {"/home/app", "db", "/home/appdb", true}, {"/home/app", "db", "/home/app/db", false}, {"/home/app", "x", "x", true},
+        {"/home/app", "/home/appdb", "db", true}, {"/home/app", "/a//b", "/a/b", false},    {nullptr, "x", "x", false},
+        {"/home/app", nullptr, "/a", false},      {"/home/app", "/a", nullptr, false},      {nullptr, "x", "/x", false},
+        {nullptr, "/x", "x", false},              {nullptr, "/x", "/x", true},
     };
     for (const auto& c : cases) {
         c.pwd ? setenv("PWD", c.pwd, 1) : unsetenv("PWD");

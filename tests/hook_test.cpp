@@ -17,8 +17,9 @@ using Calls = std::array<int, 4>;
 // The sample library's records of its test hooks, per slot; the same instance the table loaded.
 struct Sample {
     void* handle = dlopen(sampleLib().c_str(), RTLD_NOW);
-    uint32_t get(const char* what, int slot) const { return reinterpret_cast<uint32_t (*)(int)>(dlsym(handle, what))(slot); }
-    Calls calls() const { return {int(get("test_calls", 0)), int(get("test_calls", 1)), int(get("test_calls", 2)), int(get("test_calls", 3))}; }
+    uint32_t get(const char* fn, int slot) const { return reinterpret_cast<uint32_t (*)(int)>(dlsym(handle, fn))(slot); }
+    Calls calls() const { return {int(get("test_calls", 0)), int(get("test_calls", 1)), int(get("test_calls", 2)),
+                                  int(get("test_calls", 3))}; }
     uint32_t lastKey(int slot) const { return get("test_lastKey", slot); }
     int32_t lastLength(int slot) const { return static_cast<int32_t>(get("test_lastLength", slot)); }
     uint32_t lastWord(int slot) const { return get("test_lastWord", slot); }
@@ -39,7 +40,6 @@ TEST(HookTable, ResultIsTheStatusOfTheLastLineHandled) {
         {"comment at the end of the hook line", sampleLib() + " NULL NULL NULL NULL # note\n", 0, 1},
         {"only comments and blank lines", "# a\n\n  # b\n", -1, 0},
         {"empty file", "", 0, 0},
-        {"four tokens on the last line", good + sampleLib() + " NULL NULL NULL\n", -1, 1},
         {"library alone", sampleLib() + "\n", -1, 0},
         {"tokens after the fifth are ignored", sampleLib() + " NULL NULL NULL NULL extra more\n", 0, 1},
         {"lowercase null in preSet", line("null NULL NULL NULL"), 33, 0},
@@ -71,8 +71,8 @@ TEST(HookTable, FailingLinesAreRebuiltInTheSameEntry) {
     Sample sample;
     const HookEntry* t = hook_table;
     EXPECT_TRUE(t[0].handle && !t[0].postSet && !t[0].preGet && !t[1].preSet && !t[1].preGet && !t[1].postGet);
-    EXPECT_TRUE(reinterpret_cast<void*>(t[0].preSet) == dlsym(sample.handle, "test_refuse5") && reinterpret_cast<void*>(t[0].postGet) == dlsym(sample.handle, "test_recPostGet"));
-    EXPECT_EQ(reinterpret_cast<void*>(t[1].postSet), dlsym(sample.handle, "test_recPostSet"));
+    auto is = [&](kesHookFn f, const char* name) { return reinterpret_cast<void*>(f) == dlsym(sample.handle, name); };
+    EXPECT_TRUE(is(t[0].preSet, "test_refuse5") && is(t[0].postGet, "test_recPostGet") && is(t[1].postSet, "test_recPostSet"));
     for (uint32_t bad : {0u, 3u, 0xFFFFFFFFu}) {
         Session s{0, 0, 0, 9, 0};
         EXPECT_EQ(getHook(&s, bad), nullptr);

@@ -1,6 +1,5 @@
 // The media table: configuration file parsing, the built-in medium, getMedia, media_sync,
 // IsCompMedia and compFileRead.
-#include <stdlib.h>
 #include <unistd.h>
 
 #include "mediakit.hpp"

@@ -29,16 +29,6 @@ uint32_t keyed(const std::string& key, bool count = false) {
     return handle;
 }
 
-// Takes and gives `mutex` `times` times around an unprotected increment; 0 or a failure code.
-int hammer(uint32_t mutex, volatile uint32_t* counter, int times) {
-    for (int i = 0; i < times; ++i) {
-        if (mutex == 0 || kesOSWRequestMutexSem(mutex, kForever) != 0) return 10;
-        slowIncrement(counter);
-        if (kesOSWReleaseMutexSem(mutex) != 0) return 11;
-    }
-    return 0;
-}
-
 // Keyed mutexes come in two kinds, recorded in the first word of the set's file: the robust
 // kind ("KSM1") where the kernel keeps a robust list for the process, the tracked kind ("KSM2")
 // where it does not or when KESOSW_MUTEX=tracked asks for it. Each case runs with either asked.
@@ -65,9 +55,10 @@ TEST_P(KeyedMutex, ExcludesAcrossProcesses) {
     ok::SharedPage page(dir.file("counter"));
     ASSERT_NE(page.words, nullptr);
     auto body = [&] {
-        const int failed = hammer(keyed(key), page.words, 20000);
-        const uint32_t count = keyed(key, true);
-        return failed ? failed : count != 0 && kesOSWPostCountSem(count) == 0 ? 0 : 12;
+        const uint32_t mutex = keyed(key), count = keyed(key, true);
+        for (int i = 0; i < 20000; ++i, slowIncrement(page.words), kesOSWReleaseMutexSem(mutex))
+            if (mutex == 0 || kesOSWRequestMutexSem(mutex, kForever) != 0) return 10;
+        return count != 0 && kesOSWPostCountSem(count) == 0 ? 0 : 12;
     };
     const pid_t pids[3] = {kt::forkChild(body), kt::forkChild(body), kt::forkChild(body)};
     for (pid_t pid : pids) EXPECT_EQ(kt::waitChild(pid), 0);
