@@ -107,6 +107,9 @@ TEST_F(PathList, PrimitivesAndTheirFailures) {
     EXPECT_EQ(flst_getElement(&s, p(), 61, &e), nullptr);
     EXPECT_EQ(errorOf(s), Pair(55, 0));
     EXPECT_EQ(e.next, 9u);
+    const FreeElement written{0x40, 8};
+    EXPECT_EQ(flst_setElement(&s, p(), 16, &written), 0);
+    EXPECT_EQ(element(16), Pair(0x40, 8));
     EXPECT_EQ(flst_getElement(&s, p(), 16, nullptr), nullptr);
     EXPECT_EQ(s.error, 89u);
     // A missing file: 53 with ENOENT from every operation, never created.
