@@ -86,6 +86,8 @@ constexpr ErrorName kNames[] = {
         {KESDB_ERR_NULLARG, "KESDB_ERR_NULLARG"},
         {KESDB_ERR_DB_MUTEX, "KESDB_ERR_DB_MUTEX"},
         {KESDB_ERR_COMP_NOMATCH, "KESDB_ERR_COMP_NOMATCH"},
+        {KESDB_ERR_DIR_BAD, "KESDB_ERR_DIR_BAD"},
+        {KESDB_ERR_DIR_OTHER, "KESDB_ERR_DIR_OTHER"},
 };
 
 }  // namespace
