@@ -11,11 +11,11 @@ bash scripts/deps.sh libbenchmark-dev liblmdb-dev libsqlite3-dev doxygen pkg-con
 bash scripts/docs.sh
 jobs=$(nproc 2>/dev/null || echo 2)
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESDB_WERROR=ON
 cmake --build build -j"$jobs"
 ctest --test-dir build -j2 --output-on-failure
 
-cmake -S . -B build-san -DCMAKE_BUILD_TYPE=Debug -DKESDB_SANITIZE=ON
+cmake -S . -B build-san -DCMAKE_BUILD_TYPE=Debug -DKESDB_SANITIZE=ON -DKESDB_WERROR=ON
 cmake --build build-san -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-san -j2 --output-on-failure
