@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "kesdbm/kesdbm.h"
+#include "value/changes.hpp"
 
 namespace {
 
@@ -31,6 +32,9 @@ int32_t kesDBMInit(const DBMInitParam* param, int32_t* errorWord) {
     runStep(status, 3, [param] { return media_init(param->mediaConfigPath); });
     runStep(status, 4, [param] { return hook_init(param->hookConfigPath); });
     runStep(status, 5, [param] { return session_init(param->sessionTablePath); });
+    // The change record beside the session table: a start-up that cannot make it goes on
+    // without it (watching then fails in this process).
+    if (status == 0) kes::changes::init(param->sessionTablePath);
     runStep(status, 6, [] { return constraint_init(); });
     runStep(status, 7, [] { return value_init(); });
     if (status == 0) status = comp_init();
@@ -42,6 +46,7 @@ int32_t kesDBMInit(const DBMInitParam* param, int32_t* errorWord) {
 }
 
 int32_t kesDBMTerm(uint32_t dbId) {
+    kes::changes::term();
     const int32_t results[] = {comp_term(),  value_term(), constraint_term(), session_term(),
                                media_term(), hook_term(),  lock_term(),       db_term(dbId)};
     for (int32_t r : results) {

@@ -4,6 +4,7 @@
 #include "kesdbm/kesdbm.h"
 #include "storage/medium_io.hpp"
 #include "tree/walk_guard.hpp"
+#include "value/changes.hpp"
 
 namespace {
 
@@ -17,11 +18,24 @@ bool rootOf(Session* s, uint32_t* root) {
     return kes::recordedBy(s, [&] { *root = comp_getRoot(s); }) == 0;
 }
 
+// Changes for watchers (value/changes.cpp); the tree operations enter their own. A field setter
+// enters its component when it succeeds; a transfer enters where it started whatever its
+// result, since it may have changed part of the subtree before it failed.
+int32_t entered(Session* s, int32_t result, uint32_t key) {
+    if (result == 0) kes::changes::record(s, key, 0);
+    return result;
+}
+int32_t walked(Session* s, int32_t result, uint32_t key) {
+    kes::changes::record(s, key, 0);
+    return result;
+}
+
 }  // namespace
 
 extern "C" {
 
-// Calls that hand their arguments to one operation and return its result unchanged.
+// Calls that hand their arguments to one operation and return its result unchanged; those that
+// change the tree also enter the change for watchers.
 uint32_t kesDBMGetRoot(Session* s) { return comp_getRoot(s); }
 uint32_t kesDBMGetParent(Session* s, uint32_t key) { return comp_getParent(s, key); }
 uint32_t kesDBMGetFirstChild(Session* s, uint32_t key) { return comp_getFirstChild(s, key); }
@@ -48,25 +62,27 @@ int32_t kesDBMMoveSubTree(Session* s, uint32_t node, uint32_t newParent, uint32_
 }
 int32_t kesDBMDeleteComponent(Session* s, uint32_t key) { return comp_delete(s, key); }
 int32_t kesDBMDeleteComponentWithSub(Session* s, uint32_t key) { return comp_deleteWithSub(s, key, 1); }
-int32_t kesDBMCurrentToDefault(Session* s, uint32_t key) { return comp_currentToDefault(s, key); }
-int32_t kesDBMFactoryToDefault(Session* s, uint32_t key) { return comp_factoryToDefault(s, key); }
-int32_t kesDBMDefaultToCurrent(Session* s, uint32_t key) { return comp_defaultToCurrent(s, key); }
+int32_t kesDBMCurrentToDefault(Session* s, uint32_t key) { return walked(s, comp_currentToDefault(s, key), key); }
+int32_t kesDBMFactoryToDefault(Session* s, uint32_t key) { return walked(s, comp_factoryToDefault(s, key), key); }
+int32_t kesDBMDefaultToCurrent(Session* s, uint32_t key) { return walked(s, comp_defaultToCurrent(s, key), key); }
 int32_t kesDBMLock(Session* s, uint32_t key, uint32_t mode) { return comp_lock(s, key, mode); }
 int32_t kesDBMUnlock(Session* s, uint32_t key) { return comp_unlock(s, key); }
 uint32_t kesDBMGetCurrentValueKey(Session* s, uint32_t leaf) { return leaf_getCurrentValueKey(s, leaf); }
 uint32_t kesDBMGetDefaultValueKey(Session* s, uint32_t leaf) { return leaf_getDefaultValueKey(s, leaf); }
 uint32_t kesDBMGetFactoryValueKey(Session* s, uint32_t leaf) { return leaf_getFactoryValueKey(s, leaf); }
 int32_t kesDBMSetCurrentValueKey(Session* s, uint32_t leaf, uint32_t valueKey) {
-    return leaf_setCurrentValueKey(s, leaf, valueKey);
+    return entered(s, leaf_setCurrentValueKey(s, leaf, valueKey), leaf);
 }
 int32_t kesDBMSetDefaultValueKey(Session* s, uint32_t leaf, uint32_t valueKey) {
-    return leaf_setDefaultValueKey(s, leaf, valueKey);
+    return entered(s, leaf_setDefaultValueKey(s, leaf, valueKey), leaf);
 }
 int32_t kesDBMSetFactoryValueKey(Session* s, uint32_t leaf, uint32_t valueKey) {
-    return leaf_setFactoryValueKey(s, leaf, valueKey);
+    return entered(s, leaf_setFactoryValueKey(s, leaf, valueKey), leaf);
 }
 uint32_t kesDBMGetStringKey(Session* s, uint32_t key) { return comp_getStringKey(s, key); }
-int32_t kesDBMSetStringKey(Session* s, uint32_t key, uint32_t stringKey) { return comp_setStringKey(s, key, stringKey); }
+int32_t kesDBMSetStringKey(Session* s, uint32_t key, uint32_t stringKey) {
+    return entered(s, comp_setStringKey(s, key, stringKey), key);
+}
 uint32_t kesDBMCreateValue(Session* s, uint32_t type, uint32_t creatorWord, const void* data, int32_t size,
                            uint32_t dataMedium) {
     return value_create(s, type, creatorWord, data, size, dataMedium);

@@ -11,6 +11,7 @@
 #include "kesdbm/tree.h"
 #include "kesdbm/value.h"
 #include "storage/medium_io.hpp"
+#include "value/changes.hpp"
 
 namespace {
 
@@ -72,6 +73,12 @@ int32_t getGeneric(Session* s, uint32_t key, Slot slot, void* buffer, int32_t* l
                          [&] { return value_getGeneric(s, valueKey, buffer, length); });
 }
 
+// Enters a change of the leaf for watchers once its value is written; gives the write's result.
+int32_t entered(Session* s, uint32_t key, int32_t written) {
+    if (written == 0) kes::changes::record(s, key, 0);
+    return written;
+}
+
 // The write sequence: preSet (which may change the length), value_setGeneric with that
 // length, postSet. The hooks get a pointer to the call's own copy of the length.
 int32_t setGeneric(Session* s, uint32_t key, Slot slot, const void* data, int32_t length) {
@@ -80,7 +87,7 @@ int32_t setGeneric(Session* s, uint32_t key, Slot slot, const void* data, int32_
     if (const int32_t code = resolveLeaf(s, key, leaf)) return code;
     const uint32_t valueKey = valueKeyOf(leaf, slot);
     const HookEntry* hook = hookOf(s, leaf);
-    if (!hook) return value_setGeneric(s, valueKey, data, length);
+    if (!hook) return entered(s, key, value_setGeneric(s, valueKey, data, length));
     // Hook functions take a non-const data pointer; they are handed the caller's bytes as
     // they are, and a hook that writes to them writes to the caller's memory.
     void* hookData = const_cast<void*>(data);
@@ -88,7 +95,7 @@ int32_t setGeneric(Session* s, uint32_t key, Slot slot, const void* data, int32_
         const int r = hook->preSet(valueKey, hookData, &length);
         if (r != 0) return session_setError(s, KESDB_ERR_HOOK_PRESET, static_cast<uint32_t>(r));
     }
-    const int32_t rc = value_setGeneric(s, valueKey, data, length);
+    const int32_t rc = entered(s, key, value_setGeneric(s, valueKey, data, length));
     if (rc != 0) return rc;
     if (hook->postSet) {
         const int r = hook->postSet(valueKey, hookData, &length);
@@ -106,15 +113,6 @@ __attribute__((noinline)) int32_t getTyped(Session* s, uint32_t key, void* value
 
 __attribute__((noinline)) int32_t setTyped(Session* s, uint32_t key, const void* value, int32_t width) {
     return kesDBMSetGeneric(s, key, value, width);
-}
-
-// Runs a read of the copy's source with the session's error cleared: true when the read
-// recorded a failure (any code but KESDB_ERR_HOOK_INDEX), which then stays in the session;
-// otherwise the session's earlier error is put back unless the read left 28.
-template <class Read>
-bool sourceReadFails(Session* s, Read read) {
-    const uint32_t code = kes::recordedBy(s, read);
-    return code != 0 && code != static_cast<uint32_t>(KESDB_ERR_HOOK_INDEX);
 }
 
 }  // namespace
@@ -204,39 +202,22 @@ int32_t kesDBMGetLength(Session* s, uint32_t key) {
 // receives its own length of bytes, the source's cut to it or followed by zeros, with the read
 // hooks of the source and the write hooks of the destination.
 //
-// A read of the source that fails ends the copy with the code it recorded and writes nothing:
-// writing the zero buffer would wipe the destination. The length and value calls do not
-// always say so by their results (a leaf or value record that cannot be read gives a length
-// of 0 or -1, and a value read whose record cannot be read gives 0 with the length word
-// untouched), so it is told by what they record; the invalid hook index (28) does not fail a
-// call and does not count.
+// Only a non-zero result of the source read ends the copy. A source whose value record cannot
+// be read gives a length of -1 and a read that returns 0 with its code left in the session:
+// the copy then writes the zero buffer and returns the write's result, so that code stays in
+// the session for the caller to see. A destination whose value record cannot be read (length
+// -1) asks for more memory than any allocator gives: the copy fails with error 86.
 int32_t kesDBMCopy(Session* s, uint32_t source, uint32_t destination) {
-    int32_t srcLength = 0;
-    if (sourceReadFails(s, [&] { srcLength = kesDBMGetLength(s, source); })) return kes::lastError(s);
+    const int32_t srcLength = kesDBMGetLength(s, source);
     const int32_t dstLength = kesDBMGetLength(s, destination);
-    // A destination whose value record cannot be read (length -1) has no length to fill:
-    // the copy stops with the code that read recorded instead of asking for 4 GiB.
-    if (dstLength < 0) {
-        const int32_t code = kes::lastError(s);
-        return code != 0 ? code : KESDB_ERR_VALUE_READ;
-    }
+    if (dstLength < 0) return session_setError(s, KESDB_ERR_NOMEM, ENOMEM);
     errno = 0;
     unsigned char* buffer =
         static_cast<unsigned char*>(std::calloc(dstLength > 0 ? static_cast<size_t>(dstLength) : 1u, 1));
     if (!buffer) return session_setError(s, KESDB_ERR_NOMEM, static_cast<uint32_t>(errno ? errno : ENOMEM));
     kes::ScopeExit release([buffer] { std::free(buffer); });
     int32_t length = srcLength > dstLength ? dstLength : srcLength;
-    int32_t rc = 0;
-    if (sourceReadFails(s, [&] { rc = kesDBMGetGeneric(s, source, buffer, &length); }))
-        return rc != 0 ? rc : kes::lastError(s);
-    if (rc != 0) return rc;
-    // The source's bytes could not be read (its value record or data read failed, which
-    // leaves a negative length word): writing the zero buffer would wipe the destination,
-    // so nothing is written and the recorded cause is returned.
-    if (length < 0) {
-        const int32_t code = kes::lastError(s);
-        return code != 0 ? code : KESDB_ERR_MEDIA_READ;
-    }
+    if (const int32_t rc = kesDBMGetGeneric(s, source, buffer, &length)) return rc;
     return kesDBMSetGeneric(s, destination, buffer, dstLength);
 }
 

@@ -10,6 +10,7 @@
 #   lib/cmake/kesdbm/                          find_package(kesdbm)  (Development)
 #   lib/pkgconfig/kesdbm.pc                    pkg-config      (Development)
 #   bin/kesdb, share/man/man1/kesdb.1          the tool        (Tools)
+#   share/bash-completion/completions/kesdb    its completion  (Tools)
 #   share/doc/kesdbm/                          guide, API reference when built (Documentation)
 include(CMakePackageConfigHelpers)
 
@@ -38,6 +39,8 @@ if(TARGET kesdb)
   install(TARGETS kesdb RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
   install(FILES ${CMAKE_SOURCE_DIR}/tools/kesdb.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Tools)
+  install(FILES ${CMAKE_SOURCE_DIR}/tools/kesdb.bash-completion
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kesdb COMPONENT Tools)
 endif()
 
 install(FILES ${CMAKE_SOURCE_DIR}/docs/guide.md ${CMAKE_SOURCE_DIR}/examples/guide/guide_example.c

@@ -24,11 +24,13 @@ run create "$db" --hook "libkeshook_sample.so policy_preSet log_postSet NULL NUL
 run -d "$db" get /net/port
 run -d "$db" set /net/port 443
 run -d "$db" get /net/port
-run -d "$db" set /net/port 0
+run -d "$db" set /net/port 0        # exit status 4: refused by the range
 run -d "$db" set /net/mode 7
 run -d "$db" set /time/interval 5000
 run -d "$db" set /time/zone Asia/Tokyo
-run -d "$db" print /time
+run -d "$db" show /time
+run -d "$db" diff /net
+run -d "$db" describe /net/mode
 run -d "$db" reset /net
 run -d "$db" get /net/port
 run -d "$db" export

@@ -85,7 +85,7 @@ const Names kOperations = names(
     "new print set setConstraintKey setDeleted setGeneric term}");
 
 // Helpers of the library's own header that are exported besides the interface's names.
-const Names kHelpers = {"kesdb_errorName", "kesdb_layMedium"};
+const Names kHelpers = {"kesdb_errorName", "kesdb_layMedium", "kesdb_recordChanges", "kesDBMWatch"};
 
 // The wrapper library's calls (osw/include/kesosw.h).
 const Names kWrapperCalls = names(

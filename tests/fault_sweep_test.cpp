@@ -178,7 +178,13 @@ struct Step {
     // allocator's link or fill write the allocation goes on, and the record write that
     // follows records 0.
     bool createsClearing = false;
+    // The step copies values: a source read that returns 0 after a failure lets the copy write
+    // its zero-filled buffer, and the destination's constraint, or its missing length (86),
+    // may then give the result.
+    bool copies = false;
 };
+
+const std::set<int32_t> kCopyCodes = {KESDB_ERR_NOMEM, 64, 65, 66, 67, 68, 69, 70, 71, 72};
 
 template <class T>
 void addValue(std::vector<Step>& steps, const std::string& name, uint32_t type, T v) {
@@ -300,10 +306,10 @@ std::vector<Step> workload() {
     st.push_back({"set enum data", [](Work& w) { const uint16_t d[3] = {80, 443, 8443}; kesDBMSetConstraintData(&w.s, w["port"], d, sizeof d); }});
 
     // Copies and value-set transfers.
-    st.push_back({"copy", [](Work& w) { kesDBMCopy(&w.s, w["count"], w["blob"]); }});
-    st.push_back({"current to default", [](Work& w) { kesDBMCurrentToDefault(&w.s, w["net"]); }});
-    st.push_back({"factory to default", [](Work& w) { kesDBMFactoryToDefault(&w.s, w["sys"]); }});
-    st.push_back({"default to current", [](Work& w) { kesDBMDefaultToCurrent(&w.s, w["root"]); }});
+    st.push_back({"copy", [](Work& w) { kesDBMCopy(&w.s, w["count"], w["blob"]); }, kCopyCodes, false, true});
+    st.push_back({"current to default", [](Work& w) { kesDBMCurrentToDefault(&w.s, w["net"]); }, kCopyCodes, false, true});
+    st.push_back({"factory to default", [](Work& w) { kesDBMFactoryToDefault(&w.s, w["sys"]); }, kCopyCodes, false, true});
+    st.push_back({"default to current", [](Work& w) { kesDBMDefaultToCurrent(&w.s, w["root"]); }, kCopyCodes, false, true});
 
     // Navigation and search.
     st.push_back({"search", [](Work& w) { kesDBMSearchByName(&w.s, "/net/port"); }, {5, 100}});
@@ -662,9 +668,19 @@ void checkAfterFault(Out& out, const std::string& dir, const Plan& plan, const K
                            (kind.op == KESDRV_FAULT_OPEN || length == 8);
     // Writes and damage only in the bytes the step writes when nothing fails.
     const Snapshot now = snapshot(dir);
+    // A copy's zero-filled buffer: every data byte the step changed is now 0.
+    auto zeroed = [&](uint32_t medium, uint32_t from, uint32_t length) {
+        if (!what.copies || medium != kData) return false;
+        for (uint64_t i = from; i < uint64_t(from) + length; ++i)
+            if (i < now[medium].size() && (i >= before[medium].size() || before[medium][i] != now[medium][i]) &&
+                now[medium][i] != 0)
+                return false;
+        return true;
+    };
     const std::vector<Range>& wrote = plan.steps[step].wrote;
     for (const Range& r : diff(before, now))
-        if (!touches(wrote, {r.medium, r.offset, r.length}) && !(unchecked && r.medium == kData))
+        if (!touches(wrote, {r.medium, r.offset, r.length}) && !(unchecked && r.medium == kData) &&
+            !zeroed(r.medium, r.offset, r.length))
             out.line("wrote " + std::to_string(r.length) + " bytes at " + std::to_string(r.medium) + ":" +
                      std::to_string(r.offset) + ", which the step does not write without a fault");
     const ck::Report c = ck::check(layoutOf(dir));
@@ -685,14 +701,14 @@ void checkAfterFault(Out& out, const std::string& dir, const Plan& plan, const K
     // Contents: every value holds the data it had before the step or after it in the clean
     // run, never a mixture or anything else. Specified exceptions: a data write cut short,
     // and a copy of a data read cut short, are taken as they are (only a negative count is a
-    // failure there); and the unchecked write above.
+    // failure there); a copy's zero-filled buffer; and the unchecked write above.
     const Snapshot clean = plan.after(step);
     for (const ck::Place& a : c.dataAreas) {
         if (same(now[a.medium], before[a.medium], a) || same(now[a.medium], clean[a.medium], a)) continue;
         const bool cutWrite = kind.shortTransfer && kind.op == KESDRV_FAULT_WRITE && m == a.medium &&
                               offset < uint64_t(a.key) + a.size && a.key < uint64_t(offset) + length;
         const bool cutRead = kind.shortTransfer && kind.op == KESDRV_FAULT_READ && m == kData;
-        if (!cutWrite && !cutRead && !unchecked)
+        if (!cutWrite && !cutRead && !unchecked && !zeroed(a.medium, a.key, a.size))
             out.line("the data area " + std::to_string(a.medium) + ":" + std::to_string(a.key) + "+" +
                      std::to_string(a.size) + " holds bytes it had neither before the step nor after it in the clean run");
     }

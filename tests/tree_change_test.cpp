@@ -175,16 +175,24 @@ TEST_F(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
     EXPECT_EQ(comp_delete(s, 0), KESDB_ERR_COMP_NULLKEY);
     EXPECT_TRUE(unchanged());
 
-    // Creations that cannot be placed give their block back: same tree, same free space.
+    // Nodes that cannot be placed give their block back: same tree, same free space. A leaf
+    // whose place cannot be read keeps its block, unwritten.
     const uint32_t nameKey = tk::name(s, "n");  // (strings lie in the same medium: take it first)
     const std::vector<tk::FreeBlock> freeNow = tk::freeList(s, m);
     EXPECT_EQ(node_create(s, nameKey, t.P, t.A, t.C), 0u);  // C is not behind A
     EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_NOTNODE);
     EXPECT_EQ(node_create(s, nameKey, t.P, garbage, 0), 0u);
     EXPECT_EQ(node_create(s, nameKey, t.C, 0, 0), 0u);  // a leaf as parent
-    EXPECT_EQ(leaf_create(s, nameKey, t.P, garbage, 0, 0, 0, 0), 0u);
-    EXPECT_EQ(leaf_create(s, nameKey, 0, 0, 0, 0, 0, 0), 0u);
     EXPECT_EQ(tk::freeList(s, m), freeNow);
+    for (uint32_t previous : {garbage, 0u}) {
+        const std::vector<tk::FreeBlock> freeBefore = tk::freeList(s, m);
+        const std::string mediumBefore = kt::readFile(db.mediumPath);
+        EXPECT_EQ(leaf_create(s, nameKey, previous ? t.P : 0, previous, 0, 0, 0, 0), 0u);
+        ASSERT_FALSE(freeBefore.empty());
+        EXPECT_FALSE(tk::isFree(tk::freeList(s, m), freeBefore[0].key, 40));
+        const std::string mediumAfter = kt::readFile(db.mediumPath);
+        EXPECT_EQ(mediumAfter.compare(freeBefore[0].key, 40, mediumBefore, freeBefore[0].key, 40), 0);
+    }
     EXPECT_EQ(t.lists(), "A,B,C||X,Y");
 
     // A parent word that names a leaf: no list to take the component out of.
@@ -195,13 +203,28 @@ TEST_F(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
     EXPECT_EQ(kt::readFile(db.mediumPath), beforeParent);
     ASSERT_EQ(comp_setParent(s, t.X, t.B), 0);
 
-    // A record with a kind that is neither: error 3, not unlinked.
-    CompRecord odd = tk::common(s, t.C);
+}
+
+// A record with a kind that is neither node nor leaf leaves its parent's list and is not
+// released: error 3. Below a subtree being deleted it is skipped; the rest is released.
+TEST_F(TreeChange, DeleteOfAnUnknownKindUnlinksAndReleasesNothing) {
+    const uint32_t m = tk::componentMedium(s);
+    for (int withSub : {0, 1}) {
+        Tree u{s};
+        CompRecord odd = tk::common(s, u.C);
+        odd.kind = 9;
+        ASSERT_EQ(comp_setComponent(s, &odd), 0);
+        EXPECT_EQ(withSub ? comp_deleteWithSub(s, u.C, 1) : comp_delete(s, u.C), KESDB_ERR_COMP_BADKIND);
+        EXPECT_EQ(tk::childNames(s, u.P), "A,B");
+        EXPECT_FALSE(tk::isFree(tk::freeList(s, m), u.C, 40));
+    }
+    CompRecord odd = tk::common(s, t.X);
     odd.kind = 9;
     ASSERT_EQ(comp_setComponent(s, &odd), 0);
-    EXPECT_EQ(comp_delete(s, t.C), KESDB_ERR_COMP_BADKIND);
-    EXPECT_EQ(comp_deleteWithSub(s, t.C, 1), KESDB_ERR_COMP_BADKIND);
-    EXPECT_EQ(comp_getNextSibling(s, t.B), t.C);
+    EXPECT_EQ(comp_deleteWithSub(s, t.B, 1), 0);
+    const std::vector<tk::FreeBlock> blocks = tk::freeList(s, m);
+    EXPECT_TRUE(tk::isFree(blocks, t.B, 28) && tk::isFree(blocks, t.Y, 40));
+    EXPECT_FALSE(tk::isFree(blocks, t.X, 40));
 }
 
 TEST_F(TreeChange, LoopedListsAndCyclesEndWithErrorAndReleaseNothing) {

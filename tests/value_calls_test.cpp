@@ -220,12 +220,14 @@ TEST_F(ValueCalls, CopyWidensWithZerosAndNarrowsByCutting) {
     EXPECT_EQ(kesDBMCopy(s, src4, node), 1);
     EXPECT_EQ(dataOf(db, dst4v, 4), (std::vector<uint8_t>{1, 2, 3, 4}));
 
-    // A source whose value record cannot be read does not wipe the destination.
+    // A source whose value record cannot be read: its read returns 0, so the destination
+    // receives zeros and the read's code stays in the session.
     const uint32_t orphan = makeLeaf(s, 0);
-    EXPECT_EQ(kesDBMCopy(s, orphan, dst4), 51);
-    EXPECT_EQ(dataOf(db, dst4v, 4), (std::vector<uint8_t>{1, 2, 3, 4}));
-    // A destination whose value record cannot be read: the read's code.
-    EXPECT_EQ(kesDBMCopy(s, src4, orphan), 51);
+    EXPECT_EQ(kesDBMCopy(s, orphan, dst4), 0);
+    EXPECT_EQ(db.s.error, 51u);
+    EXPECT_EQ(dataOf(db, dst4v, 4), (std::vector<uint8_t>{0, 0, 0, 0}));
+    // A destination whose value record cannot be read has no length to allocate.
+    EXPECT_EQ(kesDBMCopy(s, src4, orphan), KESDB_ERR_NOMEM);
 }
 
 TEST_F(ValueCalls, CreateListReadsPastTheValueLength) {

@@ -14,6 +14,8 @@
 #include "common.hpp"
 #include "database.hpp"
 #include "description.hpp"
+#include "fast_media.hpp"
+#include "progress.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
 
@@ -73,12 +75,23 @@ std::string hookConfig(const std::vector<std::string>& hooks, const std::string&
     return conf;
 }
 
-// The failing write's code, with the hook's own result when a hook refused.
-[[noreturn]] void refused(const std::string& what, const Session& s, int32_t rc) {
-    std::string detail;
+// A refused read or write: the rule that refused it, with the exit status of its code.
+[[noreturn]] void refused(Database& db, uint32_t key, const std::string& path, int32_t rc,
+                          const std::string& value = "") {
+    fail(refusalText(db, key, path, rc, value), exitFor(rc));
+}
+
+// A copy between value sets below PATH, refused on one of the leaves it went through.
+[[noreturn]] void copyRefused(const std::string& what, const Session& s, int32_t rc) {
+    std::string why;
     if (rc >= KESDB_ERR_HOOK_PREGET && rc <= KESDB_ERR_HOOK_POSTSET)
-        detail = " (hook result " + std::to_string(static_cast<int32_t>(s.errorDetail)) + ")";
-    fail(what + ": " + codeText(rc) + detail);
+        why = "refused by a leaf's hook (result " + std::to_string(static_cast<int32_t>(s.errorDetail)) + "; " +
+              codeText(rc) + ")";
+    else if (exitFor(rc) == kExitRefused)
+        why = "a value is refused by its leaf's constraint (" + codeText(rc) + ")";
+    else
+        why = codeText(rc);
+    fail(what + ": " + why, exitFor(rc));
 }
 
 uint32_t leafType(Database& db, uint32_t key, const std::string& path) {
@@ -93,7 +106,7 @@ class ScopedLock {
 public:
     ScopedLock(Database& db, uint32_t key, const std::string& what) : db_(db), key_(key) {
         const int32_t rc = kesDBMLock(&db.s, key, 1);
-        if (rc != 0) fail(what + ": " + codeText(rc) + " (the component is locked)");
+        if (rc != 0) fail(what + ": " + codeText(rc) + " (the component is locked)", exitFor(rc));
     }
     ~ScopedLock() { kesDBMUnlock(&db_.s, key_); }
     ScopedLock(const ScopedLock&) = delete;
@@ -107,9 +120,11 @@ private:
 }  // namespace
 
 int cmdCreate(const CreateOptions& o) {
+    Progress progress("create", 0);
     // Everything that can be checked is checked before anything is made.
     std::vector<Item> items;
     if (!o.from.empty()) items = parseDescription(o.from);
+    progress.setTotal(countItems(items));
     if (highestHook(items) > o.hooks.size())
         fail(o.from + ": the description uses hook " + std::to_string(highestHook(items)) + " but only " +
              std::to_string(o.hooks.size()) + " --hook lines are given");
@@ -144,9 +159,13 @@ int cmdCreate(const CreateOptions& o) {
         // Building needs no hook; the hooks of another machine are not loaded here.
         writeText(tmp + "/hook.conf", o.targetLibDir.empty() ? hooks : "");
         {
+            // Nobody sees the directory before it is complete, so it is built through the
+            // mapped driver and written to the device once, below.
             Database db(tmp);
+            FastMedia fast(db, FastMedia::Access::Exclusive);
             makeRoot(db);
-            importInto(db, items, static_cast<uint32_t>(o.hooks.size()));
+            importInto(db, items, static_cast<uint32_t>(o.hooks.size()), &progress);
+            fast.flush();
         }
         // The configuration names the media files and libraries at their final place, and
         // the tables used while building (they name the temporary directory) go.
@@ -154,10 +173,17 @@ int cmdCreate(const CreateOptions& o) {
                   mediaConfigText(o.installDir.empty() ? finalDir : o.installDir, o.fourFiles, libs));
         writeText(tmp + "/hook.conf", hooks);
         for (const char* t : {"db.tbl", "session.tbl", "lock.tbl"})
-            for (const char* suffix : {"", ".sem"}) unlink((tmp + "/" + t + suffix).c_str());
+            for (const char* suffix : {"", ".sem", KESDB_WATCH_SUFFIX}) unlink((tmp + "/" + t + suffix).c_str());
+        // Every file and the directory reach the device before the directory takes its name.
+        for (const char* m : o.fourFiles ? std::vector<const char*>(kMediaFiles, kMediaFiles + 4)
+                                         : std::vector<const char*>(single, single + 1))
+            syncPath(tmp + "/" + m);
+        for (const char* f : {kDescriptorFile, "media.conf", "hook.conf"}) syncPath(tmp + "/" + f);
+        syncPath(tmp);
         checkInterrupted();
         if (rename(tmp.c_str(), finalDir.c_str()) != 0)
             fail("cannot rename " + tmp + " to " + finalDir + ": " + std::strerror(errno));
+        syncPath(parentOf(finalDir));
     } catch (...) {
         fs::remove_all(tmp, ec);
         throw;
@@ -173,7 +199,9 @@ int cmdCreate(const CreateOptions& o) {
 }
 
 int cmdImport(const std::string& dir, const std::string& file) {
+    Progress progress("import", 0);
     const std::vector<Item> items = parseDescription(file);  // checked before the database is touched
+    progress.setTotal(countItems(items));
     Database db(dir);
     const uint32_t root = db.root();
     if (kesDBMGetFirstChild(&db.s, root) != 0) fail("the database is not empty (its root has children)");
@@ -201,7 +229,12 @@ int cmdImport(const std::string& dir, const std::string& file) {
                 fail("cannot copy " + m + " aside: " + ec.message());
             saved.push_back(copy);
         }
-        importInto(db, items, hooks);
+        // Through the mapped driver, which other processes using the database see as well;
+        // the media reach the device once, at the end.
+        FastMedia fast(db, FastMedia::Access::Shared);
+        importInto(db, items, hooks, &progress);
+        fast.flush();
+        for (const std::string& m : media) syncPath(m);
     } catch (...) {
         for (size_t i = 0; i < saved.size(); ++i) fs::rename(saved[i], media[i], ec);
         throw;
@@ -214,11 +247,12 @@ int cmdExport(const std::string& dir, const std::string& file) {
     std::string text;
     {
         Database db(dir);
-        text = exportText(db);
+        FastMedia fast(db, FastMedia::Access::Shared);  // reads only: nothing to write back
+        Progress progress("export", 0);
+        text = exportText(db, &progress);
     }
     if (file.empty()) {
-        std::fputs(text.c_str(), stdout);
-        std::fflush(stdout);
+        std::fputs(text.c_str(), data());
     } else {
         writeText(file, text);
     }
@@ -237,16 +271,9 @@ int cmdGet(const std::string& dir, const std::string& path, ValueSet which) {
     const int32_t rc = which == ValueSet::Current   ? kesDBMGetGeneric(&db.s, key, buf.data(), &n)
                        : which == ValueSet::Default ? kesDBMGetDefaultGeneric(&db.s, key, buf.data(), &n)
                                                     : kesDBMGetFactoryGeneric(&db.s, key, buf.data(), &n);
-    if (rc != 0) refused("get " + path, db.s, rc);
+    if (rc != 0) refused(db, key, path, rc);
     buf.resize(static_cast<size_t>(std::max(0, std::min(n, len))));
-    std::string text;
-    if (type == String)
-        text.assign(buf.c_str(), strnlen(buf.data(), buf.size()));
-    else if (type == Generic)
-        text = toHex(buf);
-    else
-        text = numberToText(type, buf);
-    std::printf("%s\n", text.c_str());
+    std::fprintf(data(), "%s\n", valueToText(type, buf).c_str());
     return kExitOk;
 }
 
@@ -276,28 +303,39 @@ int cmdSet(const std::string& dir, const std::string& path, const std::string& t
     const int32_t size = static_cast<int32_t>(data.size());
     const int32_t rc = which == ValueSet::Default ? kesDBMSetDefaultGeneric(&db.s, key, data.data(), size)
                                                   : kesDBMSetGeneric(&db.s, key, data.data(), size);
-    if (rc != 0) refused("set " + path, db.s, rc);
+    if (rc != 0) refused(db, key, path, rc, data);
     return kExitOk;
 }
 
 int cmdReset(const std::string& dir, const std::string& path) {
     Database db(dir);
     const uint32_t key = db.find(path);
-    if (int32_t rc = kesDBMDefaultToCurrent(&db.s, key); rc != 0) refused("reset " + path, db.s, rc);
+    if (int32_t rc = kesDBMDefaultToCurrent(&db.s, key); rc != 0) copyRefused("reset " + path, db.s, rc);
     return kExitOk;
 }
 
 int cmdFactoryToDefault(const std::string& dir, const std::string& path) {
     Database db(dir);
     const uint32_t key = db.find(path);
-    if (int32_t rc = kesDBMFactoryToDefault(&db.s, key); rc != 0) refused("factory-to-default " + path, db.s, rc);
+    if (int32_t rc = kesDBMFactoryToDefault(&db.s, key); rc != 0) copyRefused("factory-to-default " + path, db.s, rc);
     return kExitOk;
 }
 
 int cmdPrint(const std::string& dir, const std::string& path) {
     Database db(dir);
-    kesDBMtraverseAndPrint(&db.s, db.find(path));
+    const uint32_t key = db.find(path);
+    // The library prints the tree on standard output, which is the diagnostics' descriptor
+    // (main.cpp): for this command it is the data asked for.
     std::fflush(stdout);
+    std::fflush(data());
+    const int diagnostics = dup(1);
+    dup2(fileno(data()), 1);
+    kesDBMtraverseAndPrint(&db.s, key);
+    std::fflush(stdout);
+    if (diagnostics >= 0) {
+        dup2(diagnostics, 1);
+        close(diagnostics);
+    }
     return kExitOk;
 }
 
@@ -313,21 +351,43 @@ int cmdLock(const std::string& dir, const std::string& path, bool shared, bool t
         usleep(20 * 1000);
         rc = kesDBMLock(&db.s, key, kind | 1u);
     }
-    if (rc != 0) fail("lock " + path + ": " + codeText(rc));
+    if (rc == KESDB_ERR_LOCK_BUSY) fail(path + ": locked by another session (" + codeText(rc) + ")", kExitBusy);
+    if (rc != 0) failCode("lock " + path, rc);
     return kExitOk;
 }
 
 int cmdUnlock(const std::string& dir, const std::string& path) {
     Database db(dir);
     const uint32_t key = db.find(path);
-    if (int32_t rc = kesDBMUnlock(&db.s, key); rc != 0) fail("unlock " + path + ": " + codeText(rc));
+    if (int32_t rc = kesDBMUnlock(&db.s, key); rc != 0) failCode("unlock " + path, rc);
     return kExitOk;
 }
 
-int cmdLocks(const std::string& dir) {
+int cmdLocks(const std::string& dir, bool asJson) {
     Database db(dir);
-    lock_show(1);
-    std::fflush(stdout);
+    const TablePaths tables = tablePaths(dir);
+    json all = json::array();
+    for (const LockView& l : listLocks(tables.session, tables.lock)) {
+        // A lock of another database sharing the lock table is named by its database and key.
+        std::string path = l.dbId == db.s.dbId ? db.pathOf(l.key) : "";
+        if (path.empty()) {
+            char other[48];
+            std::snprintf(other, sizeof other, "db %u key 0x%x", l.dbId, l.key);
+            path = other;
+        }
+        const char* mode = l.shared ? "shared" : "exclusive";
+        if (asJson) {
+            json j = {{"path", path}, {"mode", mode}, {"session", l.session}};
+            j["pid"] = l.pid ? json(l.pid) : json(nullptr);
+            j["process"] = l.process;
+            all.push_back(j);
+            continue;
+        }
+        std::string holder = "session " + std::to_string(l.session);
+        if (l.pid) holder += " pid " + std::to_string(l.pid);
+        std::fprintf(data(), "%s %s %s (%s)\n", path.c_str(), mode, holder.c_str(), l.process);
+    }
+    if (asJson) std::fputs((all.dump(2) + "\n").c_str(), data());
     return kExitOk;
 }
 

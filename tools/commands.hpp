@@ -7,6 +7,8 @@
 
 namespace kesdb {
 
+class Database;
+
 struct CreateOptions {
     std::string dir;
     bool fourFiles = false;          // --files: four media files through the named-file driver
@@ -31,9 +33,20 @@ int cmdSet(const std::string& dir, const std::string& path, const std::string& t
 int cmdReset(const std::string& dir, const std::string& path);
 int cmdFactoryToDefault(const std::string& dir, const std::string& path);
 int cmdPrint(const std::string& dir, const std::string& path);  // "" for the whole tree
+// show: PATH=VALUE per leaf; diff: the leaves whose current value differs from the default
+// (factory) one; describe: one leaf's type, size, values, constraint and hook. --json for each.
+int cmdShow(const std::string& dir, const std::string& path, ValueSet which, bool asJson);
+int cmdDiff(const std::string& dir, const std::string& path, bool factory, bool asJson);
+int cmdDescribe(const std::string& dir, const std::string& path, bool asJson);
+// Why the library refused to read or write `value` at the leaf `key` (code `rc`), in words:
+// "/net/port: 0 is below the minimum 1 (range 1..65535)".
+std::string refusalText(Database& db, uint32_t key, const std::string& path, int32_t rc, const std::string& value);
 int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce);
 int cmdUnlock(const std::string& dir, const std::string& path);
-int cmdLocks(const std::string& dir);
+int cmdLocks(const std::string& dir, bool asJson);
+// watch: prints PATH=VALUE (or JSON lines) for each leaf below `path` as it changes, until
+// interrupted ("" for the whole tree).
+int cmdWatch(const std::string& dir, const std::string& path, bool asJson);
 
 // orphans: the sessions and locks of ended processes, removed with `clear`.
 struct OrphanOptions {
@@ -42,5 +55,15 @@ struct OrphanOptions {
     bool closedLocks = false;             // --closed: with --clear, also locks of closed sessions
 };
 int cmdOrphans(const OrphanOptions& options);
+
+// The component locks of a lock table with the session that took each and its process.
+struct LockView {
+    uint32_t dbId, key;
+    bool shared;
+    uint32_t session;
+    uint32_t pid;         // 0 when the session is no longer open
+    const char* process;  // "running", "ended", "unknown", or "session closed"
+};
+std::vector<LockView> listLocks(const std::string& sessionTable, const std::string& lockTable);
 
 }  // namespace kesdb

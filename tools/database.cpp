@@ -215,7 +215,7 @@ uint32_t Database::find(const std::string& path) {
     const uint32_t key = quietly([&] { return kesDBMSearchByName(&s, p.c_str()); });
     // The search also ends at a node without children when the path goes on below it;
     // only a component whose own path is the whole path is the one named.
-    if (key == 0 || pathOf(key) != p) fail("unknown path " + path);
+    if (key == 0 || pathOf(key) != p) fail("unknown path " + path, kExitNoPath);
     return key;
 }
 

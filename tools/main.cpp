@@ -5,11 +5,15 @@
 // exported calls. It also finds and clears the sessions and locks that ended processes left
 // in the shared tables (orphans.cpp). "kesdb --help" and the manual page kesdb(1) describe every command.
 //
-// This file: the command line. Options may stand before or after the command; "--" ends
-// them (so a value such as "--x" can be set). Numbers such as "-5" are arguments.
+// This file: the command line. Every command is one entry of kCommands (name, usage,
+// description, options, handler), from which the parser, "kesdb --help", "kesdb help CMD"
+// and "kesdb CMD --help" are made, so they cannot disagree. Options may stand before or
+// after the command; "--" ends them (so a value such as "--x" can be set). Numbers such as
+// "-5" are arguments.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <map>
 #include <string>
@@ -22,71 +26,223 @@
 namespace kesdb {
 namespace {
 
-const char kHelp[] =
-    "usage: kesdb [-d DIR] COMMAND [ARGUMENTS] [OPTIONS]\n"
-    "\n"
-    "Commands:\n"
-    "  create DIR [--files] [--size BYTES] [--hook LINE]... [--from FILE]\n"
-    "             [--install-dir PATH] [--target-lib-dir PATH]\n"
-    "      Make a database in DIR (which must not exist, or be an empty directory): its\n"
-    "      media, media.conf, hook.conf, the descriptor kesdb.conf and the root node \"/\".\n"
-    "      By default the four kinds of record share one file, medium.bin, reached through\n"
-    "      the built-in medium; --files keeps them in components.med, values.med,\n"
-    "      constraints.med and strings.med through libkesdrv_file.so. --size: bytes of\n"
-    "      each medium file (default 1048576, at least 4096). --hook \"LIB PRESET POSTSET\n"
-    "      PREGET POSTGET\": one hook library per option, hook indexes 1, 2, ... in order;\n"
-    "      NULL for a function it lacks; LIB without '/' is taken from the library\n"
-    "      directory. --from FILE: import a description as part of the creation: DIR\n"
-    "      appears only when everything succeeded, and nothing is left when it fails.\n"
-    "      For a database prepared for another place or machine (a device image):\n"
-    "      --install-dir PATH, the directory it will have there, and --target-lib-dir\n"
-    "      PATH, where the driver and hook libraries are there; media.conf and hook.conf\n"
-    "      then name those, hooks of --target-lib-dir are not loaded here, and no table\n"
-    "      is left in DIR.\n"
-    "  import FILE\n"
-    "      Build the tree of a description below the root of an empty database. All or\n"
-    "      nothing: when it fails half-way the media are put back as they were.\n"
-    "  export [FILE]\n"
-    "      Write the tree as a description to FILE or standard output; importing it\n"
-    "      again and exporting gives the same bytes.\n"
-    "  get PATH [--default | --factory]\n"
-    "      Print a leaf's current (default, factory) value by its type: numbers in decimal,\n"
-    "      String as text, Generic as hex digit pairs.\n"
-    "  set PATH VALUE [--default]\n"
-    "      Write a leaf's current (default) value. The text must parse for the leaf's type\n"
-    "      (integers in decimal or 0x hex; nan, inf, -inf for floating point) and lie in\n"
-    "      its range; the library then applies the constraint and the hooks.\n"
-    "  reset [PATH]\n"
-    "      Copy default values to current values below PATH (default: the whole tree),\n"
-    "      through the leaves' hooks.\n"
-    "  factory-to-default [PATH]\n"
-    "      Copy factory values to default values below PATH (default: the whole tree).\n"
-    "  print [PATH]\n"
-    "      Print the tree, or the subtree at PATH, as the library prints it.\n"
-    "  lock PATH [--shared] [--try]\n"
-    "      Lock a component: exclusive unless --shared; wait until the lock is free unless\n"
-    "      --try. The lock stays in the lock table after the tool ends, until unlocked.\n"
-    "  unlock PATH\n"
-    "      Release a lock on a component.\n"
-    "  locks\n"
-    "      Show the component locks of the lock table (entry:key, in hexadecimal).\n"
-    "  orphans [--clear [--closed]] [--session-table FILE] [--lock-table FILE]\n"
-    "      List the sessions whose process ended without closing them (killed, crashed)\n"
-    "      with the locks they hold, and the locks whose session is closed (such as those\n"
-    "      \"lock\" leaves). --clear removes the sessions and locks of ended processes and\n"
-    "      wakes the processes waiting for those locks; --closed also removes the locks of\n"
-    "      closed sessions. Sessions of running processes and their locks are never\n"
-    "      touched. The tables are those of DIR, or the files given (then -d is not needed).\n"
-    "  help\n"
-    "      This text (also -h, --help).\n"
-    "\n"
+struct CommandLine;
+using Handler = int (*)(CommandLine&);
+
+struct OptionSpec {
+    const char* name;
+    bool takesValue;
+};
+
+struct CommandSpec {
+    const char* name;
+    const char* usage;  // what follows the name
+    const char* text;   // what it does: lines of at most 80 columns
+    std::vector<OptionSpec> options;
+    size_t minArgs, maxArgs;
+    Handler run;
+};
+
+struct CommandLine {
+    std::string dir;
+    bool help = false, version = false, quiet = false;
+    const CommandSpec* command = nullptr;
+    std::vector<std::string> args;
+    std::map<std::string, std::vector<std::string>> options;
+
+    bool has(const char* name) const { return options.count(name) != 0; }
+    std::string last(const char* name) const { return has(name) ? options.at(name).back() : std::string(); }
+    std::string arg(size_t i) const { return i < args.size() ? args[i] : std::string(); }
+};
+
+[[noreturn]] void usageError(const std::string& what, const std::string& command = "") {
+    fail(what + "\nRun " + (command.empty() ? "'kesdb --help' for the commands." : "'kesdb help " + command + "' for its usage."),
+         kExitUsage);
+}
+
+uint32_t sizeOption(const std::string& text) {
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long n = std::strtoull(text.c_str(), &end, 10);
+    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || n > 0xFFFFFFF0ull)
+        usageError("--size " + text + " is not a size in bytes", "create");
+    return static_cast<uint32_t>(n);
+}
+
+// The directory of a command that works on a database.
+const std::string& dirOf(const CommandLine& cl) {
+    if (cl.dir.empty()) usageError(std::string(cl.command->name) + " needs the database directory: -d DIR", cl.command->name);
+    return cl.dir;
+}
+
+// --default or --factory (exclusive), else the current value.
+ValueSet valueSet(const CommandLine& cl) {
+    if (cl.has("--default") && cl.has("--factory"))
+        usageError(std::string(cl.command->name) + ": --default and --factory exclude each other", cl.command->name);
+    return cl.has("--default") ? ValueSet::Default : cl.has("--factory") ? ValueSet::Factory : ValueSet::Current;
+}
+
+int runCreate(CommandLine& cl) {
+    CreateOptions o;
+    const std::string arg0 = cl.arg(0);
+    o.dir = !arg0.empty() ? arg0 : cl.dir;
+    if (o.dir.empty()) usageError("create needs a directory", "create");
+    if (!arg0.empty() && !cl.dir.empty() && cl.dir != arg0) usageError("create: two directories given", "create");
+    o.fourFiles = cl.has("--files");
+    if (cl.has("--size")) o.size = sizeOption(cl.last("--size"));
+    if (cl.has("--hook")) o.hooks = cl.options["--hook"];
+    o.from = cl.last("--from");
+    o.installDir = cl.last("--install-dir");
+    o.targetLibDir = cl.last("--target-lib-dir");
+    return cmdCreate(o);
+}
+
+int runOrphans(CommandLine& cl) {
+    OrphanOptions o;
+    o.clear = cl.has("--clear");
+    o.closedLocks = cl.has("--closed");
+    if (o.closedLocks && !o.clear) usageError("orphans: --closed goes with --clear", "orphans");
+    if (!cl.dir.empty()) {
+        const TablePaths paths = tablePaths(cl.dir);
+        o.sessionTable = paths.session;
+        o.lockTable = paths.lock;
+    }
+    if (cl.has("--session-table")) o.sessionTable = cl.last("--session-table");
+    if (cl.has("--lock-table")) o.lockTable = cl.last("--lock-table");
+    if (o.sessionTable.empty() || o.lockTable.empty())
+        usageError("orphans needs the database directory (-d DIR) or --session-table and --lock-table", "orphans");
+    return cmdOrphans(o);
+}
+
+int runHelp(CommandLine& cl);
+
+const std::vector<CommandSpec> kCommands = {
+    {"create", "DIR [--files] [--size BYTES] [--hook LINE]... [--from FILE] [--install-dir PATH] [--target-lib-dir PATH]",
+     "Make a database in DIR (which must not exist, or be an empty directory): its\n"
+     "media, media.conf, hook.conf, the descriptor kesdb.conf and the root node \"/\".\n"
+     "By default the four kinds of record share one file, medium.bin, reached through\n"
+     "the built-in medium; --files keeps them in components.med, values.med,\n"
+     "constraints.med and strings.med through libkesdrv_file.so. --size: bytes of\n"
+     "each medium file (default 1048576, at least 4096). --hook \"LIB PRESET POSTSET\n"
+     "PREGET POSTGET\": one hook library per option, hook indexes 1, 2, ... in order;\n"
+     "NULL for a function it lacks; LIB without '/' is taken from the library\n"
+     "directory. --from FILE: import a description as part of the creation: DIR\n"
+     "appears only when everything succeeded, and nothing is left when it fails.\n"
+     "For a database prepared for another place or machine (a device image):\n"
+     "--install-dir PATH, the directory it will have there, and --target-lib-dir\n"
+     "PATH, where the driver and hook libraries are there; media.conf and hook.conf\n"
+     "then name those, hooks of --target-lib-dir are not loaded here, and no table\n"
+     "is left in DIR. Example, from the sample description and its sample hook:\n"
+     "  kesdb create db --hook \"libkeshook_sample.so policy_preSet log_postSet NULL NULL\" \\\n"
+     "        --from examples/device.json",
+     {{"--files", false},
+      {"--size", true},
+      {"--hook", true},
+      {"--from", true},
+      {"--install-dir", true},
+      {"--target-lib-dir", true}},
+     0, 1, runCreate},
+    {"import", "FILE",
+     "Build the tree of a description below the root of an empty database. All or\n"
+     "nothing: when it fails half-way the media are put back as they were.",
+     {}, 1, 1, [](CommandLine& cl) { return cmdImport(dirOf(cl), cl.arg(0)); }},
+    {"export", "[FILE]",
+     "Write the tree as a description to FILE or standard output; importing it\n"
+     "again and exporting gives the same bytes.",
+     {}, 0, 1, [](CommandLine& cl) { return cmdExport(dirOf(cl), cl.arg(0)); }},
+    {"get", "PATH [--default | --factory]",
+     "Print a leaf's current (default, factory) value by its type: numbers in decimal\n"
+     "(floating point in the shortest form that reads back the same), String as\n"
+     "text, Generic as hex digit pairs.",
+     {{"--default", false}, {"--factory", false}}, 1, 1,
+     [](CommandLine& cl) { return cmdGet(dirOf(cl), cl.arg(0), valueSet(cl)); }},
+    {"set", "PATH VALUE [--default]",
+     "Write a leaf's current (default) value. The text must parse for the leaf's type\n"
+     "(integers in decimal or 0x hex; nan, inf, -inf for floating point) and fit it;\n"
+     "the library then applies the constraint and the hooks. A refusal names the\n"
+     "rule (\"0 is below the minimum 1 (range 1..65535)\") and exits with 4.",
+     {{"--default", false}}, 2, 2,
+     [](CommandLine& cl) {
+         return cmdSet(dirOf(cl), cl.arg(0), cl.arg(1), cl.has("--default") ? ValueSet::Default : ValueSet::Current);
+     }},
+    {"show", "[PATH] [--default | --factory] [--json]",
+     "Print every leaf at or below PATH (default: the whole tree) as PATH=VALUE, one\n"
+     "line each, values as get prints them; the default or factory values with\n"
+     "--default or --factory. --json: one object, path to value.",
+     {{"--default", false}, {"--factory", false}, {"--json", false}}, 0, 1,
+     [](CommandLine& cl) { return cmdShow(dirOf(cl), cl.arg(0), valueSet(cl), cl.has("--json")); }},
+    {"diff", "[PATH] [--factory] [--json]",
+     "Print the leaves at or below PATH whose current value differs from the default\n"
+     "(with --factory: the factory) value, as PATH=CURRENT (default DEFAULT).\n"
+     "--json: one object, path to {\"current\": V, \"default\": V}.",
+     {{"--factory", false}, {"--json", false}}, 0, 1,
+     [](CommandLine& cl) { return cmdDiff(dirOf(cl), cl.arg(0), cl.has("--factory"), cl.has("--json")); }},
+    {"describe", "PATH [--json]",
+     "Print what a leaf is, one NAME=VALUE line each: path, type, size, the current,\n"
+     "default and factory values, the range (min, max, step) or the enumeration's\n"
+     "members, and the hook (its index; when loaded, its library and functions as a\n"
+     "hook.conf line). --json: the leaf as in a description, with its path.",
+     {{"--json", false}}, 1, 1, [](CommandLine& cl) { return cmdDescribe(dirOf(cl), cl.arg(0), cl.has("--json")); }},
+    {"reset", "[PATH]",
+     "Copy default values to current values below PATH (default: the whole tree),\n"
+     "through the leaves' hooks.",
+     {}, 0, 1, [](CommandLine& cl) { return cmdReset(dirOf(cl), cl.arg(0)); }},
+    {"factory-to-default", "[PATH]",
+     "Copy factory values to default values below PATH (default: the whole tree).",
+     {}, 0, 1, [](CommandLine& cl) { return cmdFactoryToDefault(dirOf(cl), cl.arg(0)); }},
+    {"print", "[PATH]",
+     "Print the tree, or the subtree at PATH, in the library's own debugging format\n"
+     "(record keys and values; show and describe are meant for reading).",
+     {}, 0, 1, [](CommandLine& cl) { return cmdPrint(dirOf(cl), cl.arg(0)); }},
+    {"lock", "PATH [--shared] [--try]",
+     "Lock a component: exclusive unless --shared; wait until the lock is free unless\n"
+     "--try (then exit 5 when it is taken). The lock stays in the lock table after\n"
+     "the tool ends, until unlocked.",
+     {{"--shared", false}, {"--try", false}}, 1, 1,
+     [](CommandLine& cl) { return cmdLock(dirOf(cl), cl.arg(0), cl.has("--shared"), cl.has("--try")); }},
+    {"unlock", "PATH", "Release a lock on a component.", {}, 1, 1,
+     [](CommandLine& cl) { return cmdUnlock(dirOf(cl), cl.arg(0)); }},
+    {"locks", "[--json]",
+     "List the component locks, one line each: path, mode (exclusive or shared), the\n"
+     "session holding it and its process id, and whether that process is running,\n"
+     "has ended, or the session is closed (as a \"lock\" leaves it).",
+     {{"--json", false}}, 0, 0, [](CommandLine& cl) { return cmdLocks(dirOf(cl), cl.has("--json")); }},
+    {"watch", "[PATH] [--json]",
+     "Print each leaf below PATH (default: the whole tree) as it changes, in this or any\n"
+     "other process, one PATH=VALUE line each (a deleted leaf: its path alone), until\n"
+     "interrupted. --json: one JSON object a line, {\"path\": P, \"value\": V} or\n"
+     "{\"path\": P, \"deleted\": true}.",
+     {{"--json", false}}, 0, 1, [](CommandLine& cl) { return cmdWatch(dirOf(cl), cl.arg(0), cl.has("--json")); }},
+    {"orphans", "[--clear [--closed]] [--session-table FILE] [--lock-table FILE]",
+     "List the sessions whose process ended without closing them (killed, crashed)\n"
+     "with the locks they hold, and the locks whose session is closed (such as those\n"
+     "\"lock\" leaves). --clear removes the sessions and locks of ended processes and\n"
+     "wakes the processes waiting for those locks; --closed also removes the locks of\n"
+     "closed sessions. Sessions of running processes and their locks are never\n"
+     "touched. The tables are those of DIR, or the files given (then -d is not needed).",
+     {{"--clear", false}, {"--closed", false}, {"--session-table", true}, {"--lock-table", true}}, 0, 0,
+     runOrphans},
+    {"help", "[COMMAND]", "The usage of every command, or of COMMAND alone (also -h, --help, COMMAND --help).",
+     {}, 0, 1, runHelp},
+};
+
+const char kCommonOptions[] =
     "Options for every command:\n"
     "  -d DIR, --dir DIR   the database directory (create also takes it as its argument)\n"
+    "  -q, --quiet         drop the library's diagnostics (else they go to standard error)\n"
     "  --lib-dir DIR       directory of the driver and hook libraries (default: $KESDB_LIB_DIR,\n"
     "                      else the installed ../lib/kesdbm beside the kesdb program, else\n"
     "                      ../lib beside it)\n"
+    "  -h, --help          usage; --version: the version\n";
+
+const char kExitStatus[] =
+    "Exit status: 0 success, 1 usage error, 2 data or library error, 3 no such path,\n"
+    "4 refused by a constraint or a hook, 5 lock busy or wait timed out, 130 interrupted.\n";
+
+const char kMore[] =
     "\n"
-    "Paths are written /net/port; / is the root.\n"
+    "Paths are written /net/port; / is the root. Standard output carries only what a\n"
+    "command prints; errors and the library's diagnostics go to standard error.\n"
     "\n"
     "Description (JSON): {\"children\": [COMPONENT, ...]}\n"
     "  node: {\"name\": N, \"children\": [COMPONENT, ...]}\n"
@@ -105,63 +261,45 @@ const char kHelp[] =
     "  SIM_BYTE_ORDER  byte-order rule of the library (default here BIG_ENDIAN, the order in\n"
     "                  which the free lists are read back on this host and on the target)\n"
     "  KESDB_LIB_DIR   library directory (see --lib-dir)\n"
-    "\n"
-    "Exit status: 0 success, 1 usage error, 2 data or library error, 130 interrupted.\n"
-    "Library errors are shown with their code and name, as \"66 KESDB_ERR_CSTRT_BELOWMIN\".\n";
+    "\n";
 
-struct OptionSpec {
-    const char* name;
-    bool takesValue;
-};
+std::string indented(const char* text, const char* indent) {
+    std::string out = indent;
+    for (const char* c = text; *c; ++c) {
+        out += *c;
+        if (*c == '\n') out += indent;
+    }
+    return out + "\n";
+}
 
-struct CommandSpec {
-    const char* name;
-    std::vector<OptionSpec> options;
-    size_t minArgs, maxArgs;
-};
+std::string usageLine(const CommandSpec& c) { return std::string(c.name) + " " + c.usage; }
 
-const std::vector<CommandSpec> kCommands = {
-    {"create",
-     {{"--files", false},
-      {"--size", true},
-      {"--hook", true},
-      {"--from", true},
-      {"--install-dir", true},
-      {"--target-lib-dir", true}},
-     0,
-     1},
-    {"import", {}, 1, 1},
-    {"export", {}, 0, 1},
-    {"get", {{"--default", false}, {"--factory", false}}, 1, 1},
-    {"set", {{"--default", false}}, 2, 2},
-    {"reset", {}, 0, 1},
-    {"factory-to-default", {}, 0, 1},
-    {"print", {}, 0, 1},
-    {"lock", {{"--shared", false}, {"--try", false}}, 1, 1},
-    {"unlock", {}, 1, 1},
-    {"locks", {}, 0, 0},
-    {"orphans", {{"--clear", false}, {"--closed", false}, {"--session-table", true}, {"--lock-table", true}}, 0, 0},
-    {"help", {}, 0, 1},
-};
+std::string fullHelp() {
+    std::string out = "usage: kesdb [-d DIR] [-q] COMMAND [ARGUMENTS] [OPTIONS]\n\nCommands:\n";
+    for (const CommandSpec& c : kCommands) out += "  " + usageLine(c) + "\n" + indented(c.text, "      ");
+    return out + "\n" + kCommonOptions + kMore + kExitStatus;
+}
 
-struct CommandLine {
-    std::string dir;
-    bool help = false;
-    const CommandSpec* command = nullptr;
-    std::vector<std::string> args;
-    std::map<std::string, std::vector<std::string>> options;
-
-    bool has(const char* name) const { return options.count(name) != 0; }
-};
-
-[[noreturn]] void usageError(const std::string& what) {
-    fail(what + "\nRun 'kesdb --help' for the commands.", kExitUsage);
+std::string commandHelp(const CommandSpec& c) {
+    return "usage: kesdb [-d DIR] [-q] " + usageLine(c) + "\n\n" + indented(c.text, "  ") + "\n" + kCommonOptions +
+           "\n" + kExitStatus;
 }
 
 const CommandSpec* findCommand(const std::string& name) {
     for (const CommandSpec& c : kCommands)
         if (name == c.name) return &c;
     return nullptr;
+}
+
+int runHelp(CommandLine& cl) {
+    if (cl.args.empty()) {
+        std::fputs(fullHelp().c_str(), data());
+        return kExitOk;
+    }
+    const CommandSpec* c = findCommand(cl.args[0]);
+    if (!c) usageError("unknown command '" + cl.args[0] + "'");
+    std::fputs(commandHelp(*c).c_str(), data());
+    return kExitOk;
 }
 
 CommandLine parse(const std::vector<std::string>& argv) {
@@ -171,10 +309,11 @@ CommandLine parse(const std::vector<std::string>& argv) {
         const std::string& a = argv[i];
         auto value = [&](const std::string& option, size_t eq) -> std::string {
             if (eq != std::string::npos) return a.substr(eq + 1);
-            if (i + 1 >= argv.size()) usageError(option + " needs a value");
+            if (i + 1 >= argv.size()) usageError(option + " needs a value", cl.command ? cl.command->name : "");
             return argv[++i];
         };
-        if (optionsEnded || a.empty() || a[0] != '-' || (a.size() > 1 && a[1] != '-' && a != "-d" && a != "-h")) {
+        if (optionsEnded || a.empty() || a[0] != '-' ||
+            (a.size() > 1 && a[1] != '-' && a != "-d" && a != "-h" && a != "-q")) {
             // An argument ("-5" too): the command first, then its arguments.
             if (!cl.command) {
                 cl.command = findCommand(a);
@@ -192,6 +331,10 @@ CommandLine parse(const std::vector<std::string>& argv) {
         const std::string name = a.substr(0, eq);
         if (name == "-h" || name == "--help") {
             cl.help = true;
+        } else if (name == "--version") {
+            cl.version = true;
+        } else if (name == "-q" || name == "--quiet") {
+            cl.quiet = true;
         } else if (name == "-d" || name == "--dir") {
             cl.dir = value(name, eq);
         } else if (name == "--lib-dir") {
@@ -201,82 +344,31 @@ CommandLine parse(const std::vector<std::string>& argv) {
             if (cl.command)
                 for (const OptionSpec& o : cl.command->options)
                     if (name == o.name) option = &o;
-            if (!option) usageError((cl.command ? std::string(cl.command->name) + ": " : "") + "unknown option " + name);
-            if (!option->takesValue && eq != std::string::npos) usageError(name + " takes no value");
+            const std::string cmd = cl.command ? cl.command->name : "";
+            if (!option) usageError((cmd.empty() ? "" : cmd + ": ") + "unknown option " + name, cmd);
+            if (!option->takesValue && eq != std::string::npos) usageError(name + " takes no value", cmd);
             cl.options[name].push_back(option->takesValue ? value(name, eq) : "");
         }
     }
     return cl;
 }
 
-uint32_t sizeOption(const std::string& text) {
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long n = std::strtoull(text.c_str(), &end, 10);
-    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || n > 0xFFFFFFF0ull)
-        usageError("--size " + text + " is not a size in bytes");
-    return static_cast<uint32_t>(n);
-}
-
 int run(const std::vector<std::string>& argv) {
     CommandLine cl = parse(argv);
-    if (cl.help || (cl.command && std::string(cl.command->name) == "help")) {
-        std::fputs(kHelp, stdout);
+    if (cl.quiet) quietDiagnostics();
+    if (cl.version) {
+        std::fputs("kesdb " KESDB_VERSION "\n", data());
+        return kExitOk;
+    }
+    if (cl.help) {
+        std::fputs((cl.command ? commandHelp(*cl.command) : fullHelp()).c_str(), data());
         return kExitOk;
     }
     if (!cl.command) usageError("no command");
     const std::string cmd = cl.command->name;
     if (cl.args.size() < cl.command->minArgs || cl.args.size() > cl.command->maxArgs)
-        usageError(cmd + ": wrong number of arguments");
-    const std::string arg0 = cl.args.empty() ? "" : cl.args[0];
-
-    if (cmd == "create") {
-        CreateOptions o;
-        o.dir = !arg0.empty() ? arg0 : cl.dir;
-        if (o.dir.empty()) usageError("create needs a directory");
-        if (!arg0.empty() && !cl.dir.empty() && cl.dir != arg0) usageError("create: two directories given");
-        o.fourFiles = cl.has("--files");
-        if (cl.has("--size")) o.size = sizeOption(cl.options["--size"].back());
-        if (cl.has("--hook")) o.hooks = cl.options["--hook"];
-        if (cl.has("--from")) o.from = cl.options["--from"].back();
-        if (cl.has("--install-dir")) o.installDir = cl.options["--install-dir"].back();
-        if (cl.has("--target-lib-dir")) o.targetLibDir = cl.options["--target-lib-dir"].back();
-        return cmdCreate(o);
-    }
-    if (cmd == "orphans") {
-        OrphanOptions o;
-        o.clear = cl.has("--clear");
-        o.closedLocks = cl.has("--closed");
-        if (o.closedLocks && !o.clear) usageError("orphans: --closed goes with --clear");
-        if (!cl.dir.empty()) {
-            const TablePaths paths = tablePaths(cl.dir);
-            o.sessionTable = paths.session;
-            o.lockTable = paths.lock;
-        }
-        if (cl.has("--session-table")) o.sessionTable = cl.options["--session-table"].back();
-        if (cl.has("--lock-table")) o.lockTable = cl.options["--lock-table"].back();
-        if (o.sessionTable.empty() || o.lockTable.empty())
-            usageError("orphans needs the database directory (-d DIR) or --session-table and --lock-table");
-        return cmdOrphans(o);
-    }
-    if (cl.dir.empty()) usageError(cmd + " needs the database directory: -d DIR");
-    if (cmd == "import") return cmdImport(cl.dir, arg0);
-    if (cmd == "export") return cmdExport(cl.dir, arg0);
-    if (cmd == "get") {
-        if (cl.has("--default") && cl.has("--factory")) usageError("get: --default and --factory exclude each other");
-        return cmdGet(cl.dir, arg0,
-                      cl.has("--default")   ? ValueSet::Default
-                      : cl.has("--factory") ? ValueSet::Factory
-                                            : ValueSet::Current);
-    }
-    if (cmd == "set")
-        return cmdSet(cl.dir, arg0, cl.args[1], cl.has("--default") ? ValueSet::Default : ValueSet::Current);
-    if (cmd == "reset") return cmdReset(cl.dir, arg0);
-    if (cmd == "factory-to-default") return cmdFactoryToDefault(cl.dir, arg0);
-    if (cmd == "print") return cmdPrint(cl.dir, arg0);
-    if (cmd == "lock") return cmdLock(cl.dir, arg0, cl.has("--shared"), cl.has("--try"));
-    if (cmd == "unlock") return cmdUnlock(cl.dir, arg0);
-    return cmdLocks(cl.dir);
+        usageError(cmd + ": wrong number of arguments (usage: kesdb " + usageLine(*cl.command) + ")", cmd);
+    return cl.command->run(cl);
 }
 
 }  // namespace
@@ -284,19 +376,27 @@ int run(const std::vector<std::string>& argv) {
 
 int main(int argc, char** argv) {
     kesdb::installSignalHandlers();
+    kesdb::separateOutput();
     // The free-list allocator writes its elements byte-reversed under "LITTLE_ENDIAN" (and,
     // when this is unset, on a little-endian host) but reads them back unconverted; in
     // BIG_ENDIAN they are written as read, which is right on this host and on the target.
     setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 0);
+    int status = kesdb::kExitOk;
     try {
-        return kesdb::run(std::vector<std::string>(argv + 1, argv + argc));
+        status = kesdb::run(std::vector<std::string>(argv + 1, argv + argc));
     } catch (const kesdb::Failure& f) {
         std::fflush(stdout);
         std::fprintf(stderr, "kesdb: %s\n", f.what.c_str());
-        return f.code;
+        status = f.code;
     } catch (const std::exception& e) {
         std::fflush(stdout);
         std::fprintf(stderr, "kesdb: %s\n", e.what());
-        return kesdb::kExitData;
+        status = kesdb::kExitData;
     }
+    // What was printed must have reached standard output (a full disk, a closed pipe).
+    if (std::fflush(kesdb::data()) != 0 || std::ferror(kesdb::data())) {
+        std::fprintf(stderr, "kesdb: cannot write standard output: %s\n", std::strerror(errno));
+        if (status == kesdb::kExitOk) status = kesdb::kExitData;
+    }
+    return status;
 }

@@ -233,6 +233,24 @@ const char* kindOf(const LockEntry& e) { return e.mode == KESDB_LOCK_SHARED ? "s
 
 }  // namespace
 
+std::vector<LockView> listLocks(const std::string& sessionPath, const std::string& lockPath) {
+    TableFile sessionTable(sessionPath, KESDB_SESSION_TABLE_SIZE, "session");
+    TableFile lockTable(lockPath, KESDB_LOCK_TABLE_SIZE, "lock");
+    const std::vector<HeldLock> locks = heldLocks(lockTable);
+    const std::vector<OpenSession> sessions = openSessions(sessionTable);
+    std::vector<LockView> out;
+    for (const HeldLock& l : locks) {
+        const OpenSession* owner = sessionById(sessions, l.entry.owner);
+        const char* process = !owner                               ? "session closed"
+                              : owner->process == Process::Alive ? "running"
+                              : owner->process == Process::Ended ? "ended"
+                                                                 : "unknown";
+        out.push_back({l.entry.dbId, l.entry.key, l.entry.mode == KESDB_LOCK_SHARED, l.entry.owner,
+                       owner ? owner->pid : 0u, process});
+    }
+    return out;
+}
+
 int cmdOrphans(const OrphanOptions& o) {
     TableFile sessionTable(o.sessionTable, KESDB_SESSION_TABLE_SIZE, "session");
     TableFile lockTable(o.lockTable, KESDB_LOCK_TABLE_SIZE, "lock");
@@ -246,22 +264,22 @@ int cmdOrphans(const OrphanOptions& o) {
     for (const OpenSession& s : sessions) {
         if (s.process != Process::Ended) continue;
         endedSessions.push_back(s);
-        std::printf("session %u pid %u db %u: process ended\n", s.id, s.pid, s.dbId);
+        std::fprintf(data(), "session %u pid %u db %u: process ended\n", s.id, s.pid, s.dbId);
     }
     std::vector<HeldLock> endedLocks, closedLocks;
     for (const HeldLock& l : locks) {
         const OpenSession* owner = sessionById(sessions, l.entry.owner);
         if (owner && owner->process == Process::Ended) {
             endedLocks.push_back(l);
-            std::printf("lock %u db %u key 0x%x %s session %u pid %u: process ended\n", l.index, l.entry.dbId,
+            std::fprintf(data(), "lock %u db %u key 0x%x %s session %u pid %u: process ended\n", l.index, l.entry.dbId,
                         l.entry.key, kindOf(l.entry), l.entry.owner, owner->pid);
         } else if (!owner) {
             closedLocks.push_back(l);
-            std::printf("lock %u db %u key 0x%x %s session %u: session closed\n", l.index, l.entry.dbId, l.entry.key,
+            std::fprintf(data(), "lock %u db %u key 0x%x %s session %u: session closed\n", l.index, l.entry.dbId, l.entry.key,
                         kindOf(l.entry), l.entry.owner);
         }
     }
-    std::printf("%s and %s of ended processes, %s\n",
+    std::fprintf(data(), "%s and %s of ended processes, %s\n",
                 count(static_cast<uint32_t>(endedSessions.size()), "session").c_str(),
                 count(static_cast<uint32_t>(endedLocks.size()), "lock").c_str(),
                 closedLocks.size() == 1 ? "1 lock of a closed session"
@@ -274,8 +292,8 @@ int cmdOrphans(const OrphanOptions& o) {
     if (o.closedLocks) gone.insert(gone.end(), closedLocks.begin(), closedLocks.end());
     const uint32_t removed = removeLocks(lockTable, gone);
     const uint32_t released = releaseSessions(sessionTable, endedSessions);
-    std::printf("cleared %s and %s\n", count(released, "session").c_str(), count(removed, "lock").c_str());
-    std::fflush(stdout);
+    std::fprintf(data(), "cleared %s and %s\n", count(released, "session").c_str(), count(removed, "lock").c_str());
+    std::fflush(data());
     return kExitOk;
 }
 

@@ -1,7 +1,9 @@
 #include "treeio.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
+#include <string_view>
 
 #include "values.hpp"
 
@@ -100,11 +102,13 @@ void buildLeaf(Database& db, const Item& it, uint32_t parent, uint32_t previous,
 
 // Creates the items below `parent`, each behind the sibling created before it, so the
 // children keep the description's order.
-void build(Database& db, const std::vector<Item>& items, uint32_t parent, const std::string& parentPath, int depth) {
+void build(Database& db, const std::vector<Item>& items, uint32_t parent, const std::string& parentPath, int depth,
+           Progress* progress) {
     Session& s = db.s;
     uint32_t previous = 0;
     for (const Item& it : items) {
         checkInterrupted();
+        if (progress) progress->step();
         const std::string path = childPath(parentPath, it.name);
         const std::string stored = depth == 1 ? it.name : "/" + it.name;
         const uint32_t name = kesDBMCreateString(&s, stored.c_str(), db.param().stringMedium);
@@ -115,101 +119,177 @@ void build(Database& db, const std::vector<Item>& items, uint32_t parent, const 
         } else {
             key = kesDBMCreateNode(&s, name, parent, previous, 0);
             if (key == 0) libraryFailure(s, "cannot create node " + path);
-            build(db, it.children, key, path, depth + 1);
+            build(db, it.children, key, path, depth + 1, progress);
         }
         previous = key;
     }
 }
 
-// The bytes of a value record's data.
-std::string readValue(Session& s, uint32_t valueKey, const std::string& what) {
-    const int32_t len = value_getLength(&s, valueKey);
-    if (len < 0 || len > kValueMax) libraryFailure(s, "cannot read " + what);
-    std::string buf(static_cast<size_t>(len), '\0');
-    int32_t n = len;
-    if (len > 0 && (value_getGeneric(&s, valueKey, buf.data(), &n) != 0 || n != len))
-        libraryFailure(s, "cannot read " + what);
-    return buf;
-}
-
-json valueJson(uint32_t type, const std::string& bytes, const std::string& what) {
-    if (type == Generic) return json(toHex(bytes));
-    if (type == String) {
-        std::string text(bytes.c_str(), strnlen(bytes.data(), bytes.size()));
-        if (!validUtf8(text)) fail(what + ": the text is not UTF-8, which a description cannot hold");
-        return json(text);
+// The record and the data of the `which` value of the leaf at `path`.
+std::string readValue(Session& s, uint32_t valueKey, ValueRecord& rec, const char* which, const std::string& path) {
+    int32_t n = 0;
+    if (value_get(&s, valueKey, &rec) && rec.length <= static_cast<uint32_t>(kValueMax)) {
+        std::string buf(rec.length, '\0');
+        n = static_cast<int32_t>(rec.length);
+        if (n == 0 || (value_getGeneric(&s, valueKey, buf.data(), &n) == 0 && n == static_cast<int32_t>(rec.length)))
+            return buf;
     }
-    return numberToJson(type, bytes);
+    libraryFailure(s, std::string("cannot read the ") + which + " value of " + path);
 }
 
-json exportLeaf(Session& s, uint32_t key, const std::string& path) {
-    LeafRecord leaf{};
-    if (!comp_getLeaf(&s, key, &leaf)) libraryFailure(s, "cannot read " + path);
-    const int32_t type = value_getType(&s, leaf.currentValue);
-    if (type < Generic || type > Float64) libraryFailure(s, "cannot read the type of " + path);
-    const uint32_t t = static_cast<uint32_t>(type);
-    const std::string cur = readValue(s, leaf.currentValue, "the current value of " + path);
-    const std::string def = readValue(s, leaf.defaultValue, "the default value of " + path);
-    const std::string fac = readValue(s, leaf.factoryValue, "the factory value of " + path);
-    json item;
-    item["type"] = typeName(t);
-    if (!isNumeric(t)) item["size"] = std::max({cur.size(), def.size(), fac.size()});
-    item["current"] = valueJson(t, cur, path + " current");
-    item["default"] = valueJson(t, def, path + " default");
-    item["factory"] = valueJson(t, fac, path + " factory");
-    const uint32_t ck = value_getConstraintKey(&s, leaf.currentValue);
-    if (ck != 0 && isNumeric(t)) {
-        const uint32_t ctype = constraint_getType(&s, ck);
-        const int32_t clen = constraint_getLength(&s, ck);
-        const int w = widthOf(t);
-        if (clen <= 0 || clen > 8 * 65536) libraryFailure(s, "cannot read the constraint of " + path);
-        std::string data(static_cast<size_t>(clen), '\0');
-        if (constraint_getData(&s, ck, data.data(), static_cast<uint32_t>(clen)) != 0)
-            libraryFailure(s, "cannot read the constraint of " + path);
-        auto member = [&](int32_t i) { return data.substr(static_cast<size_t>(i) * w, static_cast<size_t>(w)); };
-        if (ctype == t && clen == 3 * w) {
-            json r;
-            r["min"] = numberToJson(t, member(0));
-            r["max"] = numberToJson(t, member(1));
-            r["step"] = numberToJson(t, member(2));
-            item["range"] = r;
-        } else if (ctype == t * KESDB_CSTRT_ENUM_FACTOR && clen % w == 0) {
-            json e = json::array();
-            for (int32_t i = 0; i < clen / w; ++i) e.push_back(numberToJson(t, member(i)));
-            item["enum"] = e;
-        } else {
-            fail(path + ": its constraint of type " + std::to_string(ctype) + " does not fit a " + typeName(t));
+// The name of a child as written in paths (stored below the first level with a leading '/').
+std::string nameText(Session& s, uint32_t nameKey, const std::string& parentPath) {
+    char buf[KESDB_NAME_BUFFER] = {};
+    if (nameKey == 0 || !kesdb_getString(&s, nameKey, buf, sizeof buf - 1))
+        libraryFailure(s, "cannot read a name below " + parentPath);
+    std::string name(buf);
+    if (!name.empty() && name[0] == '/') name.erase(0, 1);
+    return name;
+}
+std::string childName(Session& s, uint32_t key, const std::string& parentPath) {
+    return nameText(s, kesDBMGetStringKey(&s, key), parentPath);
+}
+
+void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth, size_t& visited,
+                 const std::function<void(const Item&)>& visit) {
+    Session& s = db.s;
+    CompRecord rec{};
+    if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read " + path);
+    if (rec.kind == KESDB_KIND_LEAF) {
+        visit(readLeaf(s, key, path));
+        return;
+    }
+    if (depth > kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
+    for (uint32_t child = kesDBMGetFirstChild(&s, key); child != 0; child = kesDBMGetNextChild(&s, child)) {
+        if (++visited > kWalkMax) fail("the tree below " + path + " does not end (a sibling list loops?)");
+        leavesBelow(db, child, childPath(path, childName(s, child, path)), depth + 1, visited, visit);
+    }
+}
+
+// The export text, laid out byte for byte as json::dump(2) lays out the same document,
+// but written component by component rather than built as one document first: opened
+// objects and arrays take their members through key() and item().
+class Layout {
+public:
+    explicit Layout(std::string& out) : out_(out) {}
+    void open(char bracket) {
+        out_ += bracket;
+        empty_.push_back(1);
+    }
+    void close(char bracket) {
+        const bool empty = empty_.back() != 0;
+        empty_.pop_back();
+        if (!empty) newline(empty_.size());
+        out_ += bracket;
+    }
+    void key(std::string_view k) {
+        item();
+        out_ += '"';
+        out_ += k;
+        out_ += "\": ";
+    }
+    void item() {
+        if (empty_.back() == 0) out_ += ',';
+        empty_.back() = 0;
+        newline(empty_.size());
+    }
+    void scalar(const json& j) {
+        char digits[24];
+        const char* end = digits;
+        if (j.is_number_unsigned()) end = std::to_chars(digits, digits + sizeof digits, j.get<uint64_t>()).ptr;
+        else if (j.is_number_integer()) end = std::to_chars(digits, digits + sizeof digits, j.get<int64_t>()).ptr;
+        else if (j.is_string()) return text(j.get_ref<const std::string&>());
+        else return void(out_ += j.dump());
+        out_.append(digits, static_cast<size_t>(end - digits));
+    }
+    void text(std::string_view t) {
+        const bool plain = std::none_of(t.begin(), t.end(), [](char c) {
+            return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\';
+        });
+        if (!plain) {
+            out_ += json(t).dump();
+            return;
         }
+        out_ += '"';
+        out_ += t;
+        out_ += '"';
     }
-    if (leaf.hookIndex != 0) item["hook"] = leaf.hookIndex;
-    return item;
+
+private:
+    void newline(size_t depth) {
+        out_ += '\n';
+        out_.append(2 * depth, ' ');
+    }
+    std::string& out_;
+    std::vector<char> empty_;  // per open object or array: 1 while it has no member
+};
+
+// A leaf's members in the export text: those of leafJson, in its order.
+void writeLeaf(const Item& it, Layout& out) {
+    const uint32_t t = it.type;
+    const size_t w = isNumeric(t) ? static_cast<size_t>(widthOf(t)) : 1;
+    auto member = [&](const std::string& packed, uint32_t i) { return numberToJson(t, packed.substr(i * w, w)); };
+    out.key("type");
+    out.text(typeName(t));
+    if (!isNumeric(t)) {
+        out.key("size");
+        out.scalar(it.size);
+    }
+    const std::pair<const char*, const std::string*> values[3] = {
+        {"current", &it.current}, {"default", &it.defaults}, {"factory", &it.factory}};
+    for (const auto& [name, bytes] : values) {
+        out.key(name);
+        out.scalar(valueJson(t, *bytes, it.name + " " + name));
+    }
+    if (it.hasRange) {
+        out.key("range");
+        out.open('{');
+        const char* bounds[3] = {"min", "max", "step"};
+        for (uint32_t i = 0; i < 3; ++i) {
+            out.key(bounds[i]);
+            out.scalar(member(it.range, i));
+        }
+        out.close('}');
+    } else if (it.hasEnum) {
+        out.key("enum");
+        out.open('[');
+        for (uint32_t i = 0; i < it.count; ++i) {
+            out.item();
+            out.scalar(member(it.members, i));
+        }
+        out.close(']');
+    }
+    if (it.hook != 0) {
+        out.key("hook");
+        out.scalar(it.hook);
+    }
 }
 
-json exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, size_t& visited) {
-    json children = json::array();
+void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, size_t& visited,
+                    Progress* progress, Layout& out) {
+    out.open('[');
     for (uint32_t key = kesDBMGetFirstChild(&s, parent); key != 0; key = kesDBMGetNextChild(&s, key)) {
         if (++visited > kWalkMax) fail("the tree below " + parentPath + " does not end (a sibling list loops?)");
-        char buf[KESDB_NAME_BUFFER] = {};
-        const uint32_t nameKey = kesDBMGetStringKey(&s, key);
-        if (nameKey == 0 || !kesdb_getString(&s, nameKey, buf, sizeof buf - 1))
-            libraryFailure(s, "cannot read a name below " + parentPath);
-        std::string name(buf);
-        if (depth > 1 && !name.empty() && name[0] == '/') name.erase(0, 1);
+        if (progress) progress->step();
+        CompRecord rec{};
+        if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read a name below " + parentPath);
+        const std::string name = nameText(s, rec.stringKey, parentPath);
         const std::string path = childPath(parentPath, name);
         if (!validUtf8(name)) fail(path + ": the name is not UTF-8, which a description cannot hold");
-        CompRecord rec{};
-        if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read " + path);
-        json item;
-        item["name"] = name;
+        out.item();
+        out.open('{');
+        out.key("name");
+        out.text(name);
         if (rec.kind == KESDB_KIND_LEAF) {
-            item.update(exportLeaf(s, key, path));
+            writeLeaf(readLeaf(s, key, path), out);
         } else {
             if (depth >= kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
-            item["children"] = exportChildren(s, key, path, depth + 1, visited);
+            out.key("children");
+            exportChildren(s, key, path, depth + 1, visited, progress, out);
         }
-        children.push_back(std::move(item));
+        out.close('}');
     }
-    return children;
+    out.close(']');
 }
 
 }  // namespace
@@ -228,21 +308,110 @@ void makeRoot(Database& db) {
     kesDBMSetCurrentComponent(&s, root.comp.key);
 }
 
-void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks) {
+void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks, Progress* progress) {
     const uint32_t root = db.root();
     if (kesDBMGetFirstChild(&db.s, root) != 0) fail("the database is not empty (its root has children)");
     const uint32_t used = highestHook(items);
     if (used > hooks)
         fail("the description uses hook " + std::to_string(used) + " but only " + std::to_string(hooks) +
              " hooks are configured");
-    build(db, items, root, "/", 1);
+    build(db, items, root, "/", 1, progress);
 }
 
-std::string exportText(Database& db) {
+std::string exportText(Database& db, Progress* progress) {
     size_t visited = 0;
-    json top;
-    top["children"] = exportChildren(db.s, db.root(), "/", 1, visited);
-    return top.dump(2) + "\n";
+    std::string text;
+    text.reserve(4u << 20);
+    Layout out(text);
+    out.open('{');
+    out.key("children");
+    exportChildren(db.s, db.root(), "/", 1, visited, progress, out);
+    out.close('}');
+    text += '\n';
+    return text;
+}
+
+uint64_t countItems(const std::vector<Item>& items) {
+    uint64_t n = items.size();
+    for (const Item& it : items) n += countItems(it.children);
+    return n;
+}
+
+json valueJson(uint32_t type, const std::string& bytes, const std::string& what) {
+    if (type == Generic) return json(toHex(bytes));
+    if (type == String) {
+        std::string text(bytes.c_str(), strnlen(bytes.data(), bytes.size()));
+        if (!validUtf8(text)) fail(what + ": the text is not UTF-8, which a description cannot hold");
+        return json(text);
+    }
+    return numberToJson(type, bytes);
+}
+
+Item readLeaf(Session& s, uint32_t key, const std::string& path) {
+    LeafRecord leaf{};
+    if (!comp_getLeaf(&s, key, &leaf)) libraryFailure(s, "cannot read " + path);
+    Item it;
+    it.name = path;
+    it.leaf = true;
+    ValueRecord current{}, other{};
+    it.current = readValue(s, leaf.currentValue, current, "current", path);
+    it.defaults = readValue(s, leaf.defaultValue, other, "default", path);
+    it.factory = readValue(s, leaf.factoryValue, other, "factory", path);
+    if (current.type > Float64) fail(path + ": unknown value type " + std::to_string(current.type));
+    it.type = current.type;
+    it.size = static_cast<int32_t>(std::max({it.current.size(), it.defaults.size(), it.factory.size()}));
+    it.hook = leaf.hookIndex;
+    const uint32_t ck = current.constraintKey;
+    if (ck == 0 || !isNumeric(it.type)) return it;
+    const uint32_t ctype = constraint_getType(&s, ck);
+    const int32_t w = widthOf(it.type);
+    // A range of the leaf's type always holds minimum, maximum and step.
+    const int32_t clen = ctype == it.type ? 3 * w : constraint_getLength(&s, ck);
+    if (clen <= 0 || clen > 8 * 65536) libraryFailure(s, "cannot read the constraint of " + path);
+    std::string data(static_cast<size_t>(clen), '\0');
+    if (constraint_getData(&s, ck, data.data(), static_cast<uint32_t>(clen)) != 0)
+        libraryFailure(s, "cannot read the constraint of " + path);
+    if (ctype == it.type && clen == 3 * w) {
+        it.hasRange = true;
+        it.range = data;
+    } else if (ctype == it.type * KESDB_CSTRT_ENUM_FACTOR && clen % w == 0) {
+        it.hasEnum = true;
+        it.members = data;
+        it.count = static_cast<uint32_t>(clen / w);
+    } else {
+        fail(path + ": its constraint of type " + std::to_string(ctype) + " does not fit a " + typeName(it.type));
+    }
+    return it;
+}
+
+json leafJson(const Item& it) {
+    const uint32_t t = it.type;
+    const int w = isNumeric(t) ? widthOf(t) : 1;
+    auto member = [&](const std::string& packed, uint32_t i) { return packed.substr(i * w, static_cast<size_t>(w)); };
+    json item;
+    item["type"] = typeName(t);
+    if (!isNumeric(t)) item["size"] = it.size;
+    item["current"] = valueJson(t, it.current, it.name + " current");
+    item["default"] = valueJson(t, it.defaults, it.name + " default");
+    item["factory"] = valueJson(t, it.factory, it.name + " factory");
+    if (it.hasRange) {
+        json r;
+        r["min"] = numberToJson(t, member(it.range, 0));
+        r["max"] = numberToJson(t, member(it.range, 1));
+        r["step"] = numberToJson(t, member(it.range, 2));
+        item["range"] = r;
+    } else if (it.hasEnum) {
+        json e = json::array();
+        for (uint32_t i = 0; i < it.count; ++i) e.push_back(numberToJson(t, member(it.members, i)));
+        item["enum"] = e;
+    }
+    if (it.hook != 0) item["hook"] = it.hook;
+    return item;
+}
+
+void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit) {
+    size_t visited = 0;
+    leavesBelow(db, key, path, 1, visited, visit);
 }
 
 }  // namespace kesdb

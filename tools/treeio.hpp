@@ -14,11 +14,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "database.hpp"
 #include "description.hpp"
+#include "progress.hpp"
 
 namespace kesdb {
 
@@ -28,10 +30,25 @@ void makeRoot(Database& db);
 // Builds `items` below the root, in description order. The root must have no children
 // and no hook index may exceed `hooks`, the number of hooks the database will have;
 // otherwise nothing is written. A failure on the way leaves what was built so far:
-// callers that need all or nothing build in a copy.
-void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks);
+// callers that need all or nothing build in a copy. Each component built is a step of
+// `progress` when one is given.
+void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks, Progress* progress = nullptr);
 
-// The tree below the root as a description, ending with a newline.
-std::string exportText(Database& db);
+// The tree below the root as a description, ending with a newline; each component read
+// is a step of `progress` when one is given.
+std::string exportText(Database& db, Progress* progress = nullptr);
+
+// Number of components in `items`, their descendants included.
+uint64_t countItems(const std::vector<Item>& items);
+
+// A stored leaf read back as an Item (name = its path; size = its longest value).
+Item readLeaf(Session& s, uint32_t key, const std::string& path);
+// The description form of a leaf, without its name.
+json leafJson(const Item& leaf);
+// A value in JSON: a number, text, hex digit pairs for Generic; non-UTF-8 text fails.
+json valueJson(uint32_t type, const std::string& bytes, const std::string& what);
+// Calls `visit` with every leaf at or below the component `key`, whose path is `path`, in
+// tree order.
+void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit);
 
 }  // namespace kesdb

@@ -74,6 +74,16 @@ std::string shortestText(F v) {
     return buf;
 }
 
+// Whether a finite double rounds to a finite F: below F's largest value plus half a unit
+// in its last place (the halfway point rounds to the even neighbour, which is infinity).
+template <class F>
+bool fitsFloat(double d) {
+    using L = std::numeric_limits<F>;
+    if constexpr (sizeof(F) >= sizeof(double)) return std::isfinite(d);
+    const double limit = static_cast<double>(L::max()) + std::ldexp(1.0, L::max_exponent - L::digits - 1);
+    return std::fabs(d) < limit;
+}
+
 template <class F>
 bool nonFiniteFromText(const std::string& text, F& v) {
     if (text == "nan")
@@ -112,7 +122,7 @@ bool jsonTo(const json& j, std::string& out) {
             if (!nonFiniteFromText(j.get<std::string>(), v)) return false;
         } else if (j.is_number()) {
             double d = j.get<double>();
-            if (std::fabs(d) > static_cast<double>(std::numeric_limits<T>::max())) return false;
+            if (!fitsFloat<T>(d)) return false;
             v = static_cast<T>(d);
         } else {
             return false;
@@ -158,7 +168,7 @@ std::string textTo(uint32_t type, const std::string& text, std::string& out) {
             // Only "nan", "inf" and "-inf" name the non-finite values (taken above).
             if (end == text.c_str() || *end != '\0' || std::isnan(d)) return notParsed;
             if (std::isinf(d) && errno != ERANGE) return notParsed;
-            if (std::fabs(d) > static_cast<double>(std::numeric_limits<T>::max())) return outOfRange;
+            if (!fitsFloat<T>(d)) return outOfRange;
             v = static_cast<T>(d);
         }
         out = bytesOf(v);
@@ -271,6 +281,12 @@ std::string numberFromText(uint32_t type, const std::string& text, std::string& 
 
 std::string numberToText(uint32_t type, const std::string& bytes) {
     return withType(type, [&](auto t) { return toText<decltype(t)>(bytes); });
+}
+
+std::string valueToText(uint32_t type, const std::string& bytes) {
+    if (type == String) return std::string(bytes.c_str(), strnlen(bytes.data(), bytes.size()));
+    if (type == Generic) return toHex(bytes);
+    return numberToText(type, bytes);
 }
 
 std::string toHex(const std::string& bytes) {

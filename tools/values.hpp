@@ -27,6 +27,10 @@ json numberToJson(uint32_t type, const std::string& bytes);
 std::string numberFromText(uint32_t type, const std::string& text, std::string& bytes);
 std::string numberToText(uint32_t type, const std::string& bytes);
 
+// Any value as command-line text: a number as above, String text up to its NUL, Generic
+// as hex digit pairs. Numbers read back by numberFromText to the same bits.
+std::string valueToText(uint32_t type, const std::string& bytes);
+
 // Generic values: two hex digits per byte.
 std::string toHex(const std::string& bytes);
 bool fromHex(const std::string& text, std::string& bytes);

@@ -35,6 +35,7 @@
 #include "kesdbm/tree.h"
 #include "storage/medium_io.hpp"
 #include "tree/walk_guard.hpp"
+#include "value/changes.hpp"
 
 namespace {
 
@@ -43,6 +44,12 @@ using kes::tree::LoopGuard;
 using kes::tree::ownKey;
 using kes::tree::readCommon;
 using kes::tree::WalkBudget;
+
+// Enters a change for watchers (value/changes.cpp) when `result` says it was made.
+int32_t entered(Session* s, int32_t result, uint32_t key, uint32_t parent) {
+    if (result == 0) kes::changes::record(s, key, parent);
+    return result;
+}
 
 int32_t refuse(Session* s) { return session_setError(s, KESDB_ERR_COMP_NOTNODE, 0); }
 
@@ -305,10 +312,11 @@ int32_t moveWhole(Session* s, uint32_t key, uint32_t newParent, uint32_t newPrev
     } else {
         if (record.comp.kind != KESDB_KIND_LEAF) return session_setError(s, KESDB_ERR_COMP_NOTLEAF, 0);
     }
+    const uint32_t oldParent = record.comp.parent;
     if (!unlink(change, record.comp, firstChild, false)) return failureCode(s);
     if (!insert(change, record.comp, newParent, newPrevious)) return failureCode(s);
     if (!change.stage(record)) return failureCode(s);
-    return change.commit(key);
+    return entered(s, change.commit(key), key, oldParent);
 }
 
 // Children's keys gathered before a subtree is deleted from the last child to the first.
@@ -326,17 +334,19 @@ private:
     GrowArray<uint32_t> keys_;
 };
 
-// The walk a deletion will make, made first without changing anything: every record of the
-// subtree must be readable and of a known kind, and the subtree must keep the walk bounds
-// (no looped list, no cycle, not too deep). `next` receives the component's next sibling.
+// The walk a deletion will make, made first without changing anything: the subtree must keep
+// the walk bounds (no looped list, no cycle, not too deep) and every record read must begin
+// with its own key. Below the component itself, a record that cannot be read ends its list
+// there (the deletion skips it and goes on, as the walk below does); a leaf or a record of
+// another kind has nothing below it. `next` receives the component's next sibling.
 bool checkSubtree(Session* s, uint32_t key, WalkBudget& budget, int64_t level, uint32_t* next) {
     *next = 0;
     if (!budget.enter(s, key, level)) return false;
     NodeRecord record;
-    if (!comp_getNode(s, key, &record) || !ownKey(s, key, record.comp.key)) return false;
+    if (!comp_getNode(s, key, &record)) return level != 0;
+    if (!ownKey(s, key, record.comp.key)) return false;
     *next = record.comp.nextSibling;
-    if (record.comp.kind == KESDB_KIND_LEAF) return true;
-    if (record.comp.kind != KESDB_KIND_NODE) return session_setError(s, KESDB_ERR_COMP_BADKIND, 0), false;
+    if (record.comp.kind != KESDB_KIND_NODE) return true;
     LoopGuard guard;
     for (uint32_t child = record.firstChild; child != 0;) {
         if (!guard.visit(child)) return budget.stop(s, child);
@@ -350,11 +360,17 @@ bool checkSubtree(Session* s, uint32_t key, WalkBudget& budget, int64_t level, u
 int32_t deleteSubtree(Session* s, uint32_t key, uint32_t unlinkFirst, WalkBudget& budget, int64_t level) {
     if (!budget.enter(s, key, level)) return KESDB_ERR_COMP_READ;
     NodeRecord comp;
+    bool read = false;
+    uint32_t parent = 0;
+    // The deletion is entered for watchers once it is over, however it ended.
+    kes::ScopeExit enter([&] {
+        if (level == 0 && read) kes::changes::record(s, key, parent);
+    });
     {
         Change change(s);
         if (!change.readNode(key, comp)) return failureCode(s);
-        if (comp.comp.kind != KESDB_KIND_NODE && comp.comp.kind != KESDB_KIND_LEAF)
-            return session_setError(s, KESDB_ERR_COMP_BADKIND, 0);
+        read = true;
+        parent = comp.comp.parent;
         if (unlinkFirst != 0) {
             if (!unlink(change, comp.comp, comp.firstChild, false)) return failureCode(s);
             change.commit(0);
@@ -385,9 +401,8 @@ int32_t deleteSubtree(Session* s, uint32_t key, uint32_t unlinkFirst, WalkBudget
 
 extern "C" {
 
-// The leaf's block goes back to the allocator when the place cannot be read or cannot take
-// the leaf (nothing names the block then). When the neighbour's write fails the block stays
-// allocated: the neighbour may already name it.
+// When the place cannot be read or cannot take the leaf, or the neighbour's write fails, the
+// leaf is not written and its block stays allocated.
 uint32_t leaf_create(Session* s, uint32_t stringKey, uint32_t parent, uint32_t previous, uint32_t currentValue,
                      uint32_t defaultValue, uint32_t factoryValue, uint32_t hookIndex) {
     LeafRecord leaf{};
@@ -402,12 +417,11 @@ uint32_t leaf_create(Session* s, uint32_t stringKey, uint32_t parent, uint32_t p
     leaf.factoryValue = factoryValue;
     leaf.hookIndex = hookIndex;
     Change change(s);
-    if (!insert(change, leaf.comp, parent, previous)) {
-        comp_setDeleted(s, &leaf.comp);
-        return 0;
-    }
+    if (!insert(change, leaf.comp, parent, previous)) return 0;
     if (change.commit(previous != 0 ? previous : parent) != 0) return 0;
-    return comp_setLeaf(s, &leaf) == 0 ? leaf.comp.key : 0;
+    if (comp_setLeaf(s, &leaf) != 0) return 0;
+    kes::changes::record(s, leaf.comp.key, parent);
+    return leaf.comp.key;
 }
 
 // When the place or the child to wrap cannot be read, or cannot take the node, the node's
@@ -430,6 +444,7 @@ uint32_t node_create(Session* s, uint32_t stringKey, uint32_t parent, uint32_t p
         return 0;
     }
     change.commit(node.comp.key);
+    kes::changes::record(s, node.comp.key, parent);
     return node.comp.key;
 }
 
@@ -448,33 +463,39 @@ int32_t node_move(Session* s, uint32_t node, uint32_t newParent, uint32_t newPre
     NodeRecord record;
     if (!change.readNode(node, record)) return failureCode(s);
     if (record.comp.kind != KESDB_KIND_NODE) return session_setError(s, KESDB_ERR_COMP_NOTNODE, 0);
+    const uint32_t oldParent = record.comp.parent;
     if (!unlink(change, record.comp, record.firstChild, true)) return failureCode(s);
     if (!insert(change, record.comp, newParent, newPrevious)) return failureCode(s);
     if (child != 0 && !wrap(change, record.comp, child)) return failureCode(s);
     record.firstChild = child;
     if (!change.stage(record)) return failureCode(s);
-    return change.commit(node);
+    return entered(s, change.commit(node), node, oldParent);
 }
 
-// A deleted node's children take its place under its parent.
+// A deleted node's children take its place under its parent. A record of another kind leaves
+// its parent's list too, but is not released (error 3).
 int32_t comp_delete(Session* s, uint32_t key) {
     Change change(s);
     NodeRecord record;
     if (!change.readNode(key, record)) return failureCode(s);
-    if (record.comp.kind != KESDB_KIND_NODE && record.comp.kind != KESDB_KIND_LEAF)
-        return session_setError(s, KESDB_ERR_COMP_BADKIND, 0);
+    const uint32_t parent = record.comp.parent;
     if (!unlink(change, record.comp, record.firstChild, true)) return failureCode(s);
     change.commit(0);
     CompRecord again;
     if (!readCommon(s, key, &again) || !ownKey(s, key, again.key)) return failureCode(s);
-    return comp_setDeleted(s, &again);
+    const int32_t rc = comp_setDeleted(s, &again);
+    kes::changes::record(s, key, parent);  // unlinked already, whatever the release gave
+    return rc;
 }
 
 // Releases the component and everything below it: children from the last to the first, each
-// subtree before its own root. The subtree is walked once before anything is unlinked or
-// released; when a record cannot be read or has an unknown kind, or the walk runs into a
-// looped list, a cycle or the depth limit (error 55), nothing is changed and the code that
-// walk recorded is returned.
+// subtree before its own root. A component below it that cannot be read, or whose kind is
+// neither node nor leaf, is skipped (not released) and the deletion goes on; the result is
+// the release of the component itself (error 3 for an unknown kind, after it was unlinked).
+// The subtree is walked once before anything is unlinked or released; when the component
+// cannot be read, a record does not begin with its own key, or the walk runs into a looped
+// list, a cycle or the depth limit (error 55), nothing is changed and the code that walk
+// recorded is returned.
 int32_t comp_deleteWithSub(Session* s, uint32_t key, uint32_t unlinkFirst) {
     WalkBudget check;
     uint32_t next = 0;

@@ -30,7 +30,7 @@ struct CopySource {
     ~CopySource() { std::free(data); }
 };
 
-// True when the source's bytes are in `out.data`; false with `out.result` set otherwise.
+// True when the copy goes on to the write with `out.data`; false with `out.result` set otherwise.
 bool readSource(Session* s, uint32_t destination, uint32_t source, CopySource& out) {
     const int32_t destLength = value_getLength(s, destination);
     if (destLength < 0) return false;  // unreadable destination: 0, cause in the session
@@ -47,13 +47,11 @@ bool readSource(Session* s, uint32_t destination, uint32_t source, CopySource& o
         return false;
     }
     out.length = destLength;
-    // A failed read of the source ends the copy with 0; the cause stays in the session and
-    // nothing is written. That is a non-zero result or a negative length word after a data
-    // read error, and also a source record that could not be read: value_getGeneric gives 0
-    // then, with the failure recorded and the buffer untouched, so it is told by the session.
-    int32_t rc = 0;
-    const bool recorded = kes::recordedBy(s, [&] { rc = value_getGeneric(s, source, out.data, &out.length); }) != 0;
-    return rc == 0 && out.length >= 0 && !recorded;
+    // Only a non-zero result of the read ends the copy (with 0; the cause stays in the
+    // session). A read that returns 0 after a failure (the source's record could not be read,
+    // which leaves the buffer zero and the length the destination's, or its data read failed,
+    // which leaves a negative length that moves nothing) goes on to the write.
+    return value_getGeneric(s, source, out.data, &out.length) == 0;
 }
 
 }  // namespace

@@ -364,11 +364,15 @@ KESDB_API int32_t kesDBMGetLength(Session *s, uint32_t key);
 /**
  * Copies the current value of one leaf to another, with the hooks of both: the destination
  * receives exactly its own length of bytes, the source's cut short or followed by zeros.
- * Types are not compared; the destination's constraint applies.
+ * Types are not compared; the destination's constraint applies. Only a non-zero result of
+ * the source read ends the copy: a source whose value record cannot be read gives the
+ * destination zeros, and the read's code stays in the session while the call returns the
+ * write's result.
  * @param s The session.
  * @param source Component key of the leaf read.
  * @param destination Component key of the leaf written.
- * @return 0, #KESDB_ERR_NOMEM (recorded with errno), or a code of the read or the write.
+ * @return 0, #KESDB_ERR_NOMEM (recorded with errno; also for a destination whose value record
+ *         cannot be read, as its length -1 cannot be allocated), or a code of the read or the write.
  */
 KESDB_API int32_t kesDBMCopy(Session *s, uint32_t source, uint32_t destination);
 /** @} */

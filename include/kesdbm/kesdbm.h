@@ -24,5 +24,6 @@
 #include "kesdbm/storage.h"
 #include "kesdbm/tree.h"
 #include "kesdbm/value.h"
+#include "kesdbm/watch.h"
 
 #endif

@@ -296,7 +296,8 @@ KESDB_API uint32_t comp_searchByName(Session *s, uint32_t key, const char *path)
  * @param defaultValue Default value key.
  * @param factoryValue Factory value key.
  * @param hookIndex Hook index; 0 for none.
- * @return The new key, or 0.
+ * @return The new key, or 0. When the place cannot be read or take the leaf, or the
+ *         neighbour's write fails, the leaf is not written and its block stays allocated.
  */
 KESDB_API uint32_t leaf_create(Session *s, uint32_t stringKey, uint32_t parent, uint32_t previous,
                                uint32_t currentValue, uint32_t defaultValue, uint32_t factoryValue,
@@ -340,7 +341,8 @@ KESDB_API int32_t node_move(Session *s, uint32_t node, uint32_t newParent, uint3
  */
 KESDB_API int32_t node_moveWithSub(Session *s, uint32_t node, uint32_t newParent, uint32_t newPrevious);
 /**
- * Deletes one component (kesDBMDeleteComponent()).
+ * Deletes one component (kesDBMDeleteComponent()). A component whose kind is neither node
+ * nor leaf is taken out of its parent's list but not released (#KESDB_ERR_COMP_BADKIND).
  * @param s The session.
  * @param key Component key.
  * @return 0, or a code.

@@ -172,7 +172,8 @@ KESDB_API int32_t value_getCreateListGeneric(Session *s, uint32_t key, void *buf
 /* Copy and print. */
 /**
  * Copies one value's data into another (no hooks; the destination's constraint applies);
- * bytes of a longer destination beyond the source's length keep their contents.
+ * bytes of a longer destination beyond the source's length keep their contents. Only a
+ * non-zero result of the source read ends the copy (with 0, the cause in the session).
  * @param s The session.
  * @param destination Value key written.
  * @param source Value key read.
