@@ -19,6 +19,7 @@
 // below them (free-list allocation and release, constraint records, value copy and print).
 // After every operation no medium may be left open. The library's diagnostics go to
 // /dev/null.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -31,289 +32,193 @@ namespace {
 constexpr size_t kMaxOps = 32;
 constexpr size_t kMaxWalks = 3;
 constexpr size_t kMaxPool = 64;
+constexpr uint8_t kOperations = 24;
 
 struct Op {
     uint8_t code, a, b, c, d, e, f, g;
-    uint32_t raw() const {
-        return static_cast<uint32_t>(d) | static_cast<uint32_t>(e) << 8 | static_cast<uint32_t>(f) << 16 |
-               static_cast<uint32_t>(g) << 24;
-    }
+    uint8_t kind() const { return (code & 0x7F) % kOperations; }
+    uint32_t raw() const { return d | uint32_t{e} << 8 | uint32_t{f} << 16 | uint32_t{g} << 24; }
+    // Operations that walk a whole subtree.
+    bool walks() const { return kind() <= 1 || kind() == 7 || (kind() == 8 && (b & 1)); }
 };
 
 struct Pool {
     std::vector<uint32_t> keys;
-    void add(uint32_t key) {
-        if (key == 0 || key == KESDB_FLST_FAILED || keys.size() >= kMaxPool) return;
-        for (uint32_t k : keys)
-            if (k == key) return;
-        keys.push_back(key);
+    uint32_t raw = 0;
+    uint32_t add(uint32_t key) {
+        if (key != 0 && key != KESDB_FLST_FAILED && keys.size() < kMaxPool &&
+            std::find(keys.begin(), keys.end(), key) == keys.end())
+            keys.push_back(key);
+        return key;
     }
-    uint32_t pick(uint8_t selector, uint32_t raw) const {
+    uint32_t operator()(uint8_t selector) const {
         if (selector == 0xFE) return 0;
-        if (selector == 0xFF || keys.empty()) return raw;
-        return keys[selector % keys.size()];
+        return selector == 0xFF || keys.empty() ? raw : keys[selector % keys.size()];
+    }
+    // Step 1: offsets of an image whose 32-bit word is the offset itself, from 16 on.
+    void scan(const kf::Bytes& image) {
+        for (uint32_t k = 16, word; k + 4 <= image.size() && keys.size() < kMaxPool; ++k)
+            if (memcpy(&word, image.data() + k, 4), word == k) add(word);
     }
 };
 
-struct Pools {
-    Pool comp, value, str, cstrt;
-};
-
-const char* const kPaths[] = {
-    "/",         "/net",      "/net/port", "/net/mode", "/net/dns/x", "/time/zone", "/sys/s64", "net",
-    "port",      "/port",     "/nope",     "",          "/net/xy",    "/times",     "flag",     "/sys/f64",
-    "/net/dns/", "net/hostname", "//",     "/sys/blob",
-};
-constexpr size_t kPathCount = sizeof kPaths / sizeof kPaths[0];
 
 Session* g_s = nullptr;
 
-// Step 1: offsets of an image whose 32-bit word is the offset itself, from 16 on.
-void scan(const kf::Bytes& image, Pool& pool) {
-    for (size_t k = 16; k + 4 <= image.size() && pool.keys.size() < kMaxPool; ++k) {
-        uint32_t word;
-        memcpy(&word, image.data() + k, sizeof word);
-        if (word == k) pool.add(word);
-    }
-}
-
-void collect(Pools& pools) {
-    const kf::Images& m = kf::media();
-    if (m.m[0].size() >= 12) {
-        uint32_t root;
-        memcpy(&root, m.m[0].data() + 8, sizeof root);
-        pools.comp.add(root);
-    }
-    scan(m.m[0], pools.comp);
-    scan(m.m[1], pools.value);
-    scan(m.m[2], pools.cstrt);
-    scan(m.m[3], pools.str);
-}
-
-// Operations that walk a whole subtree.
-bool walks(const Op& op) {
-    switch ((op.code & 0x7F) % 24) {
-        case 0: case 1: case 7: return true;
-        case 8: return op.b & 1;
-        default: return false;
-    }
-}
-
-void check() {
-    if (kf::openDescriptors() != 0) kf::fail("a medium was left open after a library call");
-}
-
-void run(Session* s, Pools& p, const Op& op) {
+// One operation; `comp`, `value`, `str` and `cstrt` pick from the four pools.
+void run(Session* s, Pool& comp, Pool& value, Pool& str, Pool& cstrt, const Op& op) {
     alignas(8) uint8_t buf[256];
     memset(buf, 0x5A, sizeof buf);
     alignas(8) uint8_t data[32];
-    const uint8_t* bytes = &op.code;
-    for (size_t i = 0; i < sizeof data; ++i) data[i] = static_cast<uint8_t>(bytes[1 + i % 7] ^ (i * 37));
-    const uint32_t raw = op.raw();
-    const uint32_t comp = p.comp.pick(op.a, raw);
+    for (size_t i = 0; i < sizeof data; ++i) data[i] = static_cast<uint8_t>((&op.code)[1 + i % 7] ^ (i * 37));
+    uint64_t w;
+    memcpy(&w, data, sizeof w);
+    char* text = reinterpret_cast<char*>(buf);
+    const uint32_t k = comp(op.a);
 
-    switch ((op.code & 0x7F) % 24) {
-        case 0: kesDBMtraverseAndPrint(s, p.comp.pick(op.a, raw)); break;
+    switch (op.kind()) {
+        case 0: kesDBMtraverseAndPrint(s, k); break;
         case 1:
-            if (op.b & 1) kesDBMSetCurrentComponent(s, comp);
-            kesDBMSearchByName(s, kPaths[op.c % kPathCount]);
-            if (op.b & 2) comp_searchByName(s, comp, kPaths[op.d % kPathCount]);
+            if (op.b & 1) kesDBMSetCurrentComponent(s, k);
+            kesDBMSearchByName(s, kf::kPaths[op.c % kf::kPathCount]);
+            if (op.b & 2) comp_searchByName(s, k, kf::kPaths[op.d % kf::kPathCount]);
             break;
         case 2: {
             int32_t len = op.c % 65;
             switch (op.b % 4) {
-                case 0: kesDBMGetGeneric(s, comp, buf, &len); break;
-                case 1: kesDBMGetDefaultGeneric(s, comp, buf, &len); break;
-                case 2: kesDBMGetFactoryGeneric(s, comp, buf, &len); break;
-                default: kesDBMGetCreateListGeneric(s, comp, buf, len); break;
+                case 0: kesDBMGetGeneric(s, k, buf, &len); break;
+                case 1: kesDBMGetDefaultGeneric(s, k, buf, &len); break;
+                case 2: kesDBMGetFactoryGeneric(s, k, buf, &len); break;
+                default: kesDBMGetCreateListGeneric(s, k, buf, len); break;
             }
             break;
         }
-        case 3:
-            if (op.b & 1)
-                kesDBMSetDefaultGeneric(s, comp, data, op.c % 33);
-            else
-                kesDBMSetGeneric(s, comp, data, op.c % 33);
-            break;
-        case 4: {
-            union {
-                double f64;
-                float f32;
-                uint64_t u64;
-                uint32_t u32;
-                uint16_t u16;
-                uint8_t u8;
-                int64_t s64;
-                int32_t s32;
-                int16_t s16;
-                int8_t s8;
-            } v{};
+        case 3: (op.b & 1 ? kesDBMSetDefaultGeneric : kesDBMSetGeneric)(s, k, data, op.c % 33); break;
+        case 4:
             switch (op.b % 11) {
-                case 0: kesDBMGetFloat64(s, comp, &v.f64); break;
-                case 1: kesDBMGetFloat32(s, comp, &v.f32); break;
-                case 2: kesDBMGetUint64(s, comp, &v.u64); break;
-                case 3: kesDBMGetUint32(s, comp, &v.u32); break;
-                case 4: kesDBMGetUint16(s, comp, &v.u16); break;
-                case 5: kesDBMGetUint8(s, comp, &v.u8); break;
-                case 6: kesDBMGetSint64(s, comp, &v.s64); break;
-                case 7: kesDBMGetSint32(s, comp, &v.s32); break;
-                case 8: kesDBMGetSint16(s, comp, &v.s16); break;
-                case 9: kesDBMGetSint8(s, comp, &v.s8); break;
-                default: kesDBMGetString(s, comp, reinterpret_cast<char*>(buf), op.c % 64 + 1); break;
+                case 0: kesDBMGetFloat64(s, k, reinterpret_cast<double*>(buf)); break;
+                case 1: kesDBMGetFloat32(s, k, reinterpret_cast<float*>(buf)); break;
+                case 2: kesDBMGetUint64(s, k, reinterpret_cast<uint64_t*>(buf)); break;
+                case 3: kesDBMGetUint32(s, k, reinterpret_cast<uint32_t*>(buf)); break;
+                case 4: kesDBMGetUint16(s, k, reinterpret_cast<uint16_t*>(buf)); break;
+                case 5: kesDBMGetUint8(s, k, buf); break;
+                case 6: kesDBMGetSint64(s, k, reinterpret_cast<int64_t*>(buf)); break;
+                case 7: kesDBMGetSint32(s, k, reinterpret_cast<int32_t*>(buf)); break;
+                case 8: kesDBMGetSint16(s, k, reinterpret_cast<int16_t*>(buf)); break;
+                case 9: kesDBMGetSint8(s, k, reinterpret_cast<int8_t*>(buf)); break;
+                default: kesDBMGetString(s, k, text, op.c % 64 + 1); break;
             }
             break;
-        }
-        case 5: {
-            uint64_t w;
-            memcpy(&w, data, sizeof w);
-            double f64;
-            float f32;
-            memcpy(&f64, data, sizeof f64);
-            memcpy(&f32, data, sizeof f32);
+        case 5:
             switch (op.b % 11) {
-                case 0: kesDBMSetFloat64(s, comp, f64); break;
-                case 1: kesDBMSetFloat32(s, comp, f32); break;
-                case 2: kesDBMSetUint64(s, comp, w); break;
-                case 3: kesDBMSetUint32(s, comp, static_cast<uint32_t>(w)); break;
-                case 4: kesDBMSetUint16(s, comp, static_cast<uint16_t>(w)); break;
-                case 5: kesDBMSetUint8(s, comp, static_cast<uint8_t>(w)); break;
-                case 6: kesDBMSetSint64(s, comp, static_cast<int64_t>(w)); break;
-                case 7: kesDBMSetSint32(s, comp, static_cast<int32_t>(w)); break;
-                case 8: kesDBMSetSint16(s, comp, static_cast<int16_t>(w)); break;
-                case 9: kesDBMSetSint8(s, comp, static_cast<int8_t>(w)); break;
-                default: {
-                    char text[] = "abcdefghijklmnopqrstuvwxyz0123456789";
-                    text[op.c % (sizeof text)] = '\0';
-                    kesDBMSetString(s, comp, text);
-                    break;
-                }
+                case 0: kesDBMSetFloat64(s, k, *reinterpret_cast<const double*>(data)); break;
+                case 1: kesDBMSetFloat32(s, k, *reinterpret_cast<const float*>(data)); break;
+                case 2: kesDBMSetUint64(s, k, w); break;
+                case 3: kesDBMSetUint32(s, k, static_cast<uint32_t>(w)); break;
+                case 4: kesDBMSetUint16(s, k, static_cast<uint16_t>(w)); break;
+                case 5: kesDBMSetUint8(s, k, static_cast<uint8_t>(w)); break;
+                case 6: kesDBMSetSint64(s, k, static_cast<int64_t>(w)); break;
+                case 7: kesDBMSetSint32(s, k, static_cast<int32_t>(w)); break;
+                case 8: kesDBMSetSint16(s, k, static_cast<int16_t>(w)); break;
+                case 9: kesDBMSetSint8(s, k, static_cast<int8_t>(w)); break;
+                default: kesDBMSetString(s, k, std::string("abcdefghijklmnopqrstuvwxyz0123456789", op.c % 37).c_str());
             }
             break;
-        }
-        case 6: kesDBMCopy(s, comp, p.comp.pick(op.b, raw)); break;
+        case 6: kesDBMCopy(s, k, comp(op.b)); break;
         case 7:
-            switch (op.c % 3) {
-                case 0: kesDBMCurrentToDefault(s, comp); break;
-                case 1: kesDBMFactoryToDefault(s, comp); break;
-                default: kesDBMDefaultToCurrent(s, comp); break;
-            }
+            (op.c % 3 == 0 ? kesDBMCurrentToDefault : op.c % 3 == 1 ? kesDBMFactoryToDefault : kesDBMDefaultToCurrent)(
+                s, k);
             break;
-        case 8:
-            if (op.b & 1)
-                kesDBMDeleteComponentWithSub(s, comp);
-            else
-                kesDBMDeleteComponent(s, comp);
-            break;
-        case 9:
-            if (op.c & 1)
-                kesDBMDeleteValue(s, p.value.pick(op.a, raw));
-            else
-                kesDBMDeleteString(s, p.str.pick(op.b, raw));
-            break;
-        case 10:
-            p.comp.add(kesDBMCreateNode(s, p.str.pick(op.a, raw), p.comp.pick(op.b, raw), p.comp.pick(op.c, raw),
-                                        (op.g & 1) ? p.comp.pick(op.d, raw) : 0));
-            break;
+        case 8: (op.b & 1 ? kesDBMDeleteComponentWithSub : kesDBMDeleteComponent)(s, k); break;
+        case 9: op.c & 1 ? kesDBMDeleteValue(s, value(op.a)) : kesDBMDeleteString(s, str(op.b)); break;
+        case 10: comp.add(kesDBMCreateNode(s, str(op.a), comp(op.b), comp(op.c), op.g & 1 ? comp(op.d) : 0)); break;
         case 11:
-            p.comp.add(kesDBMCreateLeaf(s, p.str.pick(op.a, raw), p.comp.pick(op.b, raw), p.comp.pick(op.c, raw),
-                                        p.value.pick(op.d, raw), p.value.pick(op.e, raw), p.value.pick(op.f, raw),
-                                        op.g % 5));
+            comp.add(kesDBMCreateLeaf(s, str(op.a), comp(op.b), comp(op.c), value(op.d), value(op.e), value(op.f),
+                                      op.g % 5));
             break;
         case 12:
-            switch (op.g % 3) {
-                case 0: kesDBMMoveLeaf(s, comp, p.comp.pick(op.b, raw), p.comp.pick(op.c, raw)); break;
-                case 1:
-                    kesDBMMoveNode(s, comp, p.comp.pick(op.b, raw), p.comp.pick(op.c, raw),
-                                   (op.f & 1) ? p.comp.pick(op.d, raw) : 0);
-                    break;
-                default: kesDBMMoveSubTree(s, comp, p.comp.pick(op.b, raw), p.comp.pick(op.c, raw)); break;
-            }
+            if (op.g % 3 == 0) kesDBMMoveLeaf(s, k, comp(op.b), comp(op.c));
+            if (op.g % 3 == 1) kesDBMMoveNode(s, k, comp(op.b), comp(op.c), op.f & 1 ? comp(op.d) : 0);
+            if (op.g % 3 == 2) kesDBMMoveSubTree(s, k, comp(op.b), comp(op.c));
             break;
         case 13:
-            if (op.g & 1) {
-                kesDBMSetConstraintKey(s, p.value.pick(op.a, raw), p.cstrt.pick(op.b, raw));
-            } else {
-                const uint32_t medium = (op.d & 1) ? kf::kValueMedium : op.d % 6;
-                p.value.add(kesDBMCreateValue(s, op.b % 13, raw, (op.c & 0x80) ? nullptr : data, op.c % 33, medium));
-            }
+            if (op.g & 1)
+                kesDBMSetConstraintKey(s, value(op.a), cstrt(op.b));
+            else
+                value.add(kesDBMCreateValue(s, op.b % 13, value.raw, op.c & 0x80 ? nullptr : data, op.c % 33,
+                                            op.d & 1 ? kf::kValueMedium : op.d % 6));
             break;
         case 14: {
-            char text[13];
-            const size_t n = op.c % 12;
-            for (size_t i = 0; i < n; ++i) text[i] = static_cast<char>('a' + data[i] % 26);
-            text[n] = '\0';
-            if (op.b & 1) text[0] = '/';
-            const uint32_t medium = (op.d & 1) ? kf::kStringMedium : op.d % 6;
-            p.str.add(kesDBMCreateString(s, n ? text : "", medium));
+            std::string name(op.c % 12, 'a');
+            for (size_t i = 0; i < name.size(); ++i) name[i] = static_cast<char>('a' + data[i] % 26);
+            if (op.b & 1 && !name.empty()) name[0] = '/';
+            str.add(kesDBMCreateString(s, name.c_str(), op.d & 1 ? kf::kStringMedium : op.d % 6));
             break;
         }
         case 15:
             switch (op.b % 4) {
-                case 0: kesDBMGetConstraintType(s, comp); break;
-                case 1: kesDBMGetConstraintLength(s, comp); break;
-                case 2: kesDBMGetConstraintData(s, comp, buf, op.c % 65); break;
-                default: kesDBMSetConstraintData(s, comp, data, op.c % 33); break;
+                case 0: kesDBMGetConstraintType(s, k); break;
+                case 1: kesDBMGetConstraintLength(s, k); break;
+                case 2: kesDBMGetConstraintData(s, k, buf, op.c % 65); break;
+                default: kesDBMSetConstraintData(s, k, data, op.c % 33); break;
             }
             break;
         case 16:
             switch (op.b % 6) {
-                case 0: kesDBMGetChildCount(s, comp); break;
-                case 1: p.comp.add(kesDBMGetChildByIndex(s, comp, static_cast<int8_t>(op.c))); break;
-                case 2: p.comp.add(kesDBMGetParent(s, comp)); break;
-                case 3: p.comp.add(kesDBMGetFirstChild(s, comp)); break;
-                case 4: p.comp.add(kesDBMGetNextChild(s, comp)); break;
-                default: kesDBMSetCurrentComponent(s, comp); break;
+                case 0: kesDBMGetChildCount(s, k); break;
+                case 1: comp.add(kesDBMGetChildByIndex(s, k, static_cast<int8_t>(op.c))); break;
+                case 2: comp.add(kesDBMGetParent(s, k)); break;
+                case 3: comp.add(kesDBMGetFirstChild(s, k)); break;
+                case 4: comp.add(kesDBMGetNextChild(s, k)); break;
+                default: kesDBMSetCurrentComponent(s, k); break;
             }
             break;
         case 17:
-            value_print(s, p.value.pick(op.a, raw));
-            kesDBMGetType(s, p.comp.pick(op.b, raw));
-            kesDBMGetLength(s, p.comp.pick(op.c, raw));
+            value_print(s, value(op.a));
+            kesDBMGetType(s, comp(op.b));
+            kesDBMGetLength(s, comp(op.c));
             break;
         case 18:
             switch (op.c % 7) {
-                case 0: kesDBMSetStringKey(s, comp, p.str.pick(op.b, raw)); break;
-                case 1: kesDBMSetCurrentValueKey(s, comp, p.value.pick(op.b, raw)); break;
-                case 2: kesDBMSetDefaultValueKey(s, comp, p.value.pick(op.b, raw)); break;
-                case 3: kesDBMSetFactoryValueKey(s, comp, p.value.pick(op.b, raw)); break;
-                case 4: comp_setParent(s, comp, p.comp.pick(op.b, raw)); break;
-                case 5: comp_setNextSibling(s, comp, p.comp.pick(op.b, raw)); break;
-                default: comp_setFirstChild(s, comp, p.comp.pick(op.b, raw)); break;
+                case 0: kesDBMSetStringKey(s, k, str(op.b)); break;
+                case 1: kesDBMSetCurrentValueKey(s, k, value(op.b)); break;
+                case 2: kesDBMSetDefaultValueKey(s, k, value(op.b)); break;
+                case 3: kesDBMSetFactoryValueKey(s, k, value(op.b)); break;
+                case 4: comp_setParent(s, k, comp(op.b)); break;
+                case 5: comp_setNextSibling(s, k, comp(op.b)); break;
+                default: comp_setFirstChild(s, k, comp(op.b)); break;
             }
             break;
-        case 19: {
-            const uint32_t medium = kf::kFirstMedium + op.b % kf::kMedia;
+        case 19:
             if (op.g & 1)
-                flst_m_release(s, medium, comp, op.c);
+                flst_m_release(s, kf::kFirstMedium + op.b % kf::kMedia, k, op.c);
             else
-                flst_m_get(s, medium, op.c + 1u);
+                flst_m_get(s, kf::kFirstMedium + op.b % kf::kMedia, op.c + 1u);
             break;
-        }
         case 20: {
-            const uint32_t k = p.cstrt.pick(op.a, raw);
+            const uint32_t c = cstrt(op.a);
+            EnumRecord e;
             switch (op.b % 5) {
-                case 0: constraint_getData(s, k, buf, op.c % 65); break;
-                case 1: constraint_setData(s, k, data, op.c % 33); break;
-                case 2: constraint_check(s, k, op.c % 12, data, op.d % 9); break;
-                case 3: constraint_getLength(s, k); break;
-                default: {
-                    EnumRecord e;
-                    if (enum_get(s, k, &e)) free(constraint_getEnumArray(s, e.arrayKey, e.elementSize, e.count));
+                case 0: constraint_getData(s, c, buf, op.c % 65); break;
+                case 1: constraint_setData(s, c, data, op.c % 33); break;
+                case 2: constraint_check(s, c, op.c % 12, data, op.d % 9); break;
+                case 3: constraint_getLength(s, c); break;
+                default:
+                    if (enum_get(s, c, &e)) free(constraint_getEnumArray(s, e.arrayKey, e.elementSize, e.count));
                     break;
-                }
             }
             break;
         }
-        case 21: kesDBMSync(s, op.b % 6, raw); break;
+        case 21: kesDBMSync(s, op.b % 6, value.raw); break;
         case 22:
             if (op.c & 1)
-                value_copy2(s, p.value.pick(op.a, raw), p.value.pick(op.b, raw), op.d % 5);
+                value_copy2(s, value(op.a), value(op.b), op.d % 5);
             else
-                value_copy(s, p.value.pick(op.a, raw), p.value.pick(op.b, raw));
+                value_copy(s, value(op.a), value(op.b));
             break;
         default:
-            kesdb_getString(s, p.str.pick(op.a, raw), reinterpret_cast<char*>(buf), op.c % 64 + 1);
-            kesDBMGetStringKey(s, comp);
+            kesdb_getString(s, str(op.a), text, op.c % 64 + 1);
+            kesDBMGetStringKey(s, k);
             break;
     }
 }
@@ -337,19 +242,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     s->errorDetail = 0;
     s->current = kesDBMGetRoot(s);
 
-    Pools pools;
-    collect(pools);
+    Pool pools[kf::kMedia];  // components, values, constraints, strings: as the media
+    const kf::Images& m = kf::media();
+    if (m.m[0].size() >= 12) {
+        uint32_t root;
+        memcpy(&root, m.m[0].data() + 8, sizeof root);
+        pools[0].add(root);
+    }
+    for (uint32_t i = 0; i < kf::kMedia; ++i) pools[i].scan(m.m[i]);
     size_t walkCount = 0;
     for (size_t i = 0; i + 8 <= programSize && i / 8 < kMaxOps; i += 8) {
         Op op;
         memcpy(&op, program + i, sizeof op);
-        if (walks(op) && ++walkCount > kMaxWalks) continue;
+        if (op.walks() && ++walkCount > kMaxWalks) continue;
         if (!(op.code & 0x80)) {
             s->error = 0;
             s->errorDetail = 0;
         }
-        run(s, pools, op);
-        check();
+        for (Pool& p : pools) p.raw = op.raw();
+        run(s, pools[0], pools[1], pools[3], pools[2], op);
+        if (kf::openDescriptors() != 0) kf::fail("a medium was left open after a library call");
     }
     return 0;
 }

@@ -17,21 +17,18 @@
 
 namespace {
 
-void writeFile(const std::string& path, const void* data, size_t size) {
+template <class Text>
+void writeText(const std::string& path, const Text& text) {
     FILE* f = fopen(path.c_str(), "wb");
-    if (!f || fwrite(data, 1, size, f) != size || fclose(f) != 0) kf::fail("cannot write a seed file");
+    if (!f || fwrite(text.data(), 1, text.size(), f) != text.size() || fclose(f) != 0) kf::fail("cannot write a seed");
 }
-
-void writeText(const std::string& path, const std::string& text) { writeFile(path, text.data(), text.size()); }
 
 // A program that runs each of the 24 operations once, with selectors spread over the pools.
 kf::Bytes everyOperation(uint8_t salt) {
     kf::Bytes p;
     for (uint8_t code = 0; code < 24; ++code) {
-        const uint8_t a = static_cast<uint8_t>(code * 3 + salt), b = static_cast<uint8_t>(code + 2 * salt);
-        const uint8_t op[8] = {code, a, b, static_cast<uint8_t>(code * 5 + 1), static_cast<uint8_t>(salt + 1), 0, 0,
-                               static_cast<uint8_t>(code + salt)};
-        p.insert(p.end(), op, op + 8);
+        const int op[8] = {code, code * 3 + salt, code + 2 * salt, code * 5 + 1, salt + 1, 0, 0, code + salt};
+        for (int byte : op) p.push_back(static_cast<uint8_t>(byte));
     }
     return p;
 }
@@ -70,20 +67,13 @@ int main(int argc, char** argv) {
         std::vector<std::pair<std::string, kf::Bytes>> programs = {
             {"-none", {}}, {"-every", everyOperation(0)}, {"-every2", everyOperation(7)}};
         for (int i = 0; i < 4; ++i) programs.push_back({"-random" + std::to_string(i), randomProgram(state, 16)});
-        for (const auto& [suffix, program] : programs) {
-            const kf::Bytes input = kf::serialize(images, program);
-            writeFile(base + suffix + ".bin", input.data(), input.size());
-        }
+        for (const auto& [suffix, program] : programs)
+            writeText(base + suffix + ".bin", kf::serialize(images, program));
     }
 
     // Search: paths.
-    const char* const paths[] = {"/",          "/net",       "/net/port",   "/net/hostname", "/net/dns",
-                                 "/net/dns/x", "/net/dns/",  "/time/zone",  "/time/interval", "/sys/s8",
-                                 "/sys/f64",   "/sys/blob",  "/flag",       "net",           "net/mode",
-                                 "port",       "/port",      "/net/xy",     "/times",        "",
-                                 "//",         "/net//port", "/sys/u64/x",  "time/zone/",    "/nope/net"};
-    int n = 0;
-    for (const char* p : paths) writeText(dir + "/search/path" + std::to_string(n++), p);
+    for (size_t i = 0; i < kf::kPathCount; ++i)
+        writeText(dir + "/search/path" + std::to_string(i), std::string(kf::kPaths[i]));
 
     // Configuration files.
     const std::string drv =

@@ -92,6 +92,10 @@ struct SeedTree {
 enum class Seed { Full, Small, Types };
 SeedTree buildSeedDatabase(Session* s, Seed which);
 
+// Paths over the seed database: ones that reach components, stop inside the tree or miss it.
+extern const char* const kPaths[];
+extern const size_t kPathCount;
+
 // From now on, the library's allocations above 64 KiB fail (see support.cpp).
 void capAllocations();
 

@@ -10,6 +10,7 @@
 #include "kesdbm/hook.h"
 #include "kesdbm/session.h"
 #include "kesdbm/storage.h"
+#include "storage/dir_state.hpp"
 
 // The entry is five pointer-sized words, in this order (one 32-bit word each on the target).
 static_assert(sizeof(HookEntry) == 5 * sizeof(void*));
@@ -55,8 +56,13 @@ int32_t fillHookEntry(char* line, HookEntry* entry) {
     char* save = nullptr;
     const char* token = strtok_r(line, kDelimiters, &save);
     if (!token) return KESDB_ERR_HOOK_LINE;
-    entry->handle = dlopen(token, RTLD_NOW);
-    if (!entry->handle) return KESDB_ERR_HOOK_LOAD;
+    char library[KESDB_PATH_MAX];
+    const char* libraryName = kes::dirResolve(token, kes::DirName::Hook, library);
+    entry->handle = dlopen(libraryName, RTLD_NOW);
+    if (!entry->handle) {
+        kes::dirNote("cannot load the hook library", libraryName, dlerror());
+        return KESDB_ERR_HOOK_LOAD;
+    }
 
     kesHookFn HookEntry::*const slots[] = {&HookEntry::preSet, &HookEntry::postSet, &HookEntry::preGet,
                                            &HookEntry::postGet};
@@ -67,7 +73,10 @@ int32_t fillHookEntry(char* line, HookEntry* entry) {
         if (!token) return KESDB_ERR_HOOK_LINE;
         if (std::strcmp(token, "NULL") == 0) continue;  // exact and case-sensitive
         void* symbol = dlsym(entry->handle, token);
-        if (!symbol) return missingSymbol[i];
+        if (!symbol) {
+            kes::dirNote(libraryName, "has no function", token);
+            return missingSymbol[i];
+        }
         entry->*slots[i] = reinterpret_cast<kesHookFn>(symbol);
     }
     return 0;

@@ -89,6 +89,8 @@ constexpr ErrorName kList[] = {
         {KESDB_ERR_NULLARG, "KESDB_ERR_NULLARG"},
         {KESDB_ERR_DB_MUTEX, "KESDB_ERR_DB_MUTEX"},
         {KESDB_ERR_COMP_NOMATCH, "KESDB_ERR_COMP_NOMATCH"},
+        {KESDB_ERR_DIR_BAD, "KESDB_ERR_DIR_BAD"},
+        {KESDB_ERR_DIR_OTHER, "KESDB_ERR_DIR_OTHER"},
 };
 
 constexpr size_t kCount = std::size(kList);

@@ -8,6 +8,7 @@
 #include "kesdbm/lock.h"
 #include "kesdbm/storage.h"
 #include "kesosw.h"
+#include "storage/dir_state.hpp"
 #include "storage/shared_table.hpp"
 
 static_assert(sizeof(DBMInitParam) == 16404);
@@ -41,6 +42,7 @@ DbProcessState g_db;
 bool validSlot(uint32_t index) { return index >= 1 && index <= kLastSlot; }
 
 const char* tablePath() {
+    if (const kes::DirState* dir = kes::dirState()) return dir->dbTable;
     const char* path = getenv("KESDB_DBTABLE");
     return path ? path : KESDB_DBTABLE_DEFAULT;
 }
@@ -103,7 +105,10 @@ int32_t registerDatabase(const DBMInitParam* param, int32_t* code) {
     t->slot[i].next = t->usedHead;
     t->usedHead = i;
     std::memcpy(&t->slot[i].param, param, sizeof(DBMInitParam));
-    t->slot[i].refCount = 1;
+    // A database started from its directory keeps its slot for good (its first registration
+    // counts twice), so every later process gets the same id, and the locks named by it stay
+    // meaningful after the processes that took them have ended.
+    t->slot[i].refCount = kes::dirState() ? 2 : 1;
     return static_cast<int32_t>(t->slot[i].id);
 }
 
@@ -144,6 +149,8 @@ char* resolveRelative(const char* path) {
 
 }  // namespace
 
+int32_t kes::dbUsers() { return g_db.count; }
+
 extern "C" {
 
 int32_t db_init(const DBMInitParam* param, int32_t* errorWord) {
@@ -178,6 +185,7 @@ int32_t db_term(uint32_t dbId) {
         misc_postMtx(&g_db.sems);
     }
     if (--g_db.count != 0) return 0;
+    kes::dirClear();
     if (g_db.table) {
         if (!kes::unmapSharedTable(g_db.table, KESDB_DBTABLE_SIZE)) return KESDB_ERR_MUNMAP;
         g_db.table = nullptr;

@@ -20,6 +20,7 @@
 
 #include "kesdbm/session.h"
 #include "kesdbm/storage.h"
+#include "storage/dir_state.hpp"
 #include "storage/free_list.hpp"
 #include "storage/medium_io.hpp"
 
@@ -114,9 +115,10 @@ int32_t flst_m_setElement(Session* s, uint32_t medium, uint32_t key, const FreeE
         return KESDB_ERR_MEDIA_OPEN;
     }
     // The byte-order rule is asked afresh for every element write; the caller's element
-    // stays unchanged, an adjusted copy is written.
+    // stays unchanged, an adjusted copy is written. A database started from its directory is
+    // kept in host order, as it is read back.
     FreeElement out = *element;
-    if (boadj_type() == 1) {
+    if (!kes::dirState() && boadj_type() == 1) {
         FreeElement source = *element;
         boadj_wordx2(&source, 1, &out);
     }

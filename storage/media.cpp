@@ -12,6 +12,7 @@
 
 #include "kesdbm/session.h"
 #include "kesdbm/storage.h"
+#include "storage/dir_state.hpp"
 #include "storage/medium_io.hpp"
 
 namespace {
@@ -47,12 +48,18 @@ extern "C" {
 int defMedia_open(const char* name, uint32_t arg, int32_t* errPtr) {
     (void)name;
     (void)arg;
-    // Read afresh at every open, so a changed variable takes effect on the next access.
-    const char* path = getenv("KESDB_DEFMEDIA");
+    // Read afresh at every open, so a changed variable takes effect on the next access. A
+    // database started from a directory names its own file.
+    const char* path = kesdb_defMediaFile();
     if (!path) return -1;  // no error number is stored in this case
     int fd = ::open(path, O_RDWR | O_DSYNC);
     if (fd < 0) storeErr(errPtr, errno);
     return fd;
+}
+
+const char* kesdb_defMediaFile(void) {
+    const kes::DirState* dir = kes::dirState();
+    return dir && dir->defMedia[0] ? dir->defMedia : getenv("KESDB_DEFMEDIA");
 }
 
 int defMedia_close(int descriptor, int32_t* errPtr) {
@@ -114,8 +121,13 @@ int32_t fillMediaEntry(char* line, MediaEntry* entry) {
         printf("fillMediaEntry err1\n");
         return -1;
     }
-    entry->handle = dlopen(token, RTLD_NOW);
-    if (!entry->handle) return 20;
+    char library[KESDB_PATH_MAX];
+    const char* libraryName = kes::dirResolve(token, kes::DirName::Driver, library);
+    entry->handle = dlopen(libraryName, RTLD_NOW);
+    if (!entry->handle) {
+        kes::dirNote("cannot load the driver", libraryName, dlerror());
+        return 20;
+    }
 
     token = strtok_r(nullptr, kDelims, &save);
     if (!token) {
@@ -123,7 +135,10 @@ int32_t fillMediaEntry(char* line, MediaEntry* entry) {
         return failLine(entry, -1);
     }
     entry->open = reinterpret_cast<kesMediaOpenFn>(dlsym(entry->handle, token));
-    if (!entry->open) return failLine(entry, 14);
+    if (!entry->open) {
+        kes::dirNote(libraryName, "has no function", token);
+        return failLine(entry, 14);
+    }
 
     // Tokens 3 to 7: close, read, write, seek, sync, with codes 15 to 19.
     void* symbols[5] = {};
@@ -138,15 +153,20 @@ int32_t fillMediaEntry(char* line, MediaEntry* entry) {
             case 3: entry->seek = reinterpret_cast<kesMediaSeekFn>(symbols[i]); break;
             default: entry->sync = reinterpret_cast<kesMediaSyncFn>(symbols[i]); break;
         }
-        if (!symbols[i]) return failLine(entry, 15 + i);
+        if (!symbols[i]) {
+            kes::dirNote(libraryName, "has no function", token);
+            return failLine(entry, 15 + i);
+        }
     }
 
     token = strtok_r(nullptr, kDelims, &save);
     if (!token) return failLine(entry, -1);
-    size_t length = strlen(token);
+    char file[KESDB_PATH_MAX];
+    const char* mediumName = kes::dirResolve(token, kes::DirName::File, file);
+    size_t length = strlen(mediumName);
     char* name = static_cast<char*>(malloc(length + 1));
     if (!name) return failLine(entry, -1);
-    memcpy(name, token, length + 1);
+    memcpy(name, mediumName, length + 1);
     entry->name = name;
     entry->arg = 0;
     return 0;

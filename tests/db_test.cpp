@@ -116,6 +116,8 @@ TEST(PathCompare, RelativePathsJoinPwdWithoutSeparator) {
     EXPECT_NE(misc_pathCompare(nullptr, "/a"), 0);
     unsetenv("PWD");
     EXPECT_NE(misc_pathCompare("x", "x"), 0);
+    EXPECT_NE(misc_pathCompare("x", "/x"), 0);
+    EXPECT_NE(misc_pathCompare("/x", "x"), 0);
     EXPECT_EQ(misc_pathCompare("/x", "/x"), 0);
     // A path longer than the buffer is cut, never overrun.
     setenv("PWD", std::string(5000, 'd').c_str(), 1);

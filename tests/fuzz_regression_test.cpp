@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <string>
 
@@ -14,12 +15,6 @@ namespace {
 
 constexpr unsigned kAlarmSeconds = 30;
 constexpr int kTimedOut = 128 + SIGALRM;
-
-size_t lines(const std::string& text) {
-    size_t n = 0;
-    for (char c : text) n += c == '\n';
-    return n;
-}
 
 // Runs `body` in a child that is killed after kAlarmSeconds; its exit status.
 template <class F>
@@ -47,9 +42,7 @@ protected:
             const uint32_t nextB = tk::node(s, a, 0, "/b");
             const uint32_t nextA = tk::node(s, a, 0, "/a");
             ASSERT_TRUE(nextA && nextB);
-            if (b != 0) {
-                ASSERT_EQ(comp_setFirstChild(s, b, nextA), 0);
-            }
+            ASSERT_EQ(b == 0 ? 0 : comp_setFirstChild(s, b, nextA), 0);
             if (level == 0) top = nextA;
             a = nextA;
             b = nextB;
@@ -71,7 +64,7 @@ TEST_F(SharedLists, PrintEndsAtTheFirstComponentMetAgain) {
     EXPECT_EQ(bounded([&] {
                   session_setError(s, 0, 0);
                   const std::string out = kt::captureStdout([&] { kesDBMtraverseAndPrint(s, 0); });
-                  if (lines(out) != 1 + kLevels + 4 + 2) return 1;
+                  if (std::count(out.begin(), out.end(), '\n') != 1 + kLevels + 4 + 2) return 1;
                   if (s->error != KESDB_ERR_COMP_READ || s->errorDetail != deepest) return 2;
                   return 0;
               }),
@@ -81,8 +74,7 @@ TEST_F(SharedLists, PrintEndsAtTheFirstComponentMetAgain) {
 TEST_F(SharedLists, TransfersEndAtTheFirstComponentMetAgain) {
     EXPECT_EQ(bounded([&] {
                   session_setError(s, 0, 0);
-                  if (comp_currentToDefault(s, root) != KESDB_ERR_COMP_READ) return 1;
-                  if (s->errorDetail != deepest) return 2;
+                  if (comp_currentToDefault(s, root) != KESDB_ERR_COMP_READ || s->errorDetail != deepest) return 1;
                   // The leaf, met before the repeated node, was handled.
                   if (tk::u32Of(s, leaf_getDefaultValueKey(s, leaf)) != 7) return 3;
                   if (kesDBMDefaultToCurrent(s, top) != KESDB_ERR_COMP_READ) return 4;
@@ -96,9 +88,7 @@ TEST_F(SharedLists, DeletionWithTheSubtreeChangesNothing) {
     const uint32_t firstFree = flst_m_getFirstOffset(s, medium);
     EXPECT_EQ(bounded([&] {
                   session_setError(s, 0, 0);
-                  if (kesDBMDeleteComponentWithSub(s, top) != KESDB_ERR_COMP_READ) return 1;
-                  if (s->errorDetail != deepest) return 2;
-                  return 0;
+                  return kesDBMDeleteComponentWithSub(s, top) != KESDB_ERR_COMP_READ || s->errorDetail != deepest;
               }),
               0);
     // Nothing was unlinked or released.
@@ -138,8 +128,7 @@ TEST(RelativeSearch, ALoopedChildListEndsTheSearch) {
 
     EXPECT_EQ(bounded([&] {
                   session_setError(s, 0, 0);
-                  const uint32_t found = tk::keyAndOutput([&] { return kesDBMSearchByName(s, "zz"); }).first;
-                  if (found != 0) return 1;
+                  if (tk::keyAndOutput([&] { return kesDBMSearchByName(s, "zz"); }).first != 0) return 1;
                   if (s->error != KESDB_ERR_COMP_READ || (s->errorDetail != one && s->errorDetail != two)) return 2;
                   // Children before the loop closes are still searched.
                   if (kesDBMSearchByName(s, "two") != two) return 3;

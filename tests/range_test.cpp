@@ -120,8 +120,6 @@ void exactSizes(kt::Db& db, Rec* (*create)(Session*, Rec*),
 
 TEST_F(RangeData, ExactSizes) {
     exactSizes(db, rangeS8_new, rangeS8_setData, rangeS8_getData, rangeS8_get, Sint8, int8_t{-2}, int8_t{2}, int8_t{1});
-    exactSizes(db, rangeU16_new, rangeU16_setData, rangeU16_getData, rangeU16_get, Uint16, uint16_t{100}, uint16_t{200},
-               uint16_t{10});
     exactSizes(db, rangeS32_new, rangeS32_setData, rangeS32_getData, rangeS32_get, Sint32, -20, 20, 4);
     exactSizes(db, rangeF64_new, rangeF64_setData, rangeF64_getData, rangeF64_get, Float64, 0.5, 1.5, 0.0);
     int32_t out[3];

@@ -24,6 +24,9 @@ TEST(Sessions, IdsAreHandedOutInOrderAndReleasedOnesLast) {
     db.sessionOpen = false;
     EXPECT_EQ(kesDBMTermSession(&db.s), KESDB_ERR_SESSION_NOTFOUND);
     EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_SESSION_NOTFOUND));
+    Session never{};  // id 0: never handed out, so found nowhere, also not past the list's end
+    never.dbId = 1;
+    EXPECT_EQ(kesDBMTermSession(&never), KESDB_ERR_SESSION_NOTFOUND);
     ASSERT_EQ(kesDBMInitSession(&third, 1), 0);
     EXPECT_EQ(third.id, 3u);  // 1 went to the end of the free list
     EXPECT_EQ(kesDBMInitSession(nullptr, 1), KESDB_ERR_NULLARG);

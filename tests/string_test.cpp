@@ -174,28 +174,4 @@ TEST_F(StringTable, UnopenableMediaAndMissingDatabase) {
     EXPECT_STREQ(kesdb_getString(s, k, buf, sizeof buf), "abc");  // everything still reads back
 }
 
-TEST(StringTableMedia, TextInAnotherMediumThatCannotBeOpened) {
-    kt::DbOptions o;
-    o.start = false;
-    kt::Db db(o);
-    const std::string texts = db.dir.file("texts.bin");
-    kt::writeFile(db.param.mediaConfigPath, mk::driverLine("libkesdrv_file.so", "fileMedia_", texts));
-    ASSERT_GT(db.start(), 0);
-    Session* s = &db.s;
-    const std::vector<tk::FreeBlock> before = tk::freeList(s, 0);
-    EXPECT_EQ(str_create(s, "abc", 1), 0u);
-    EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_MEDIA_OPEN, ENOENT));
-    EXPECT_NE(tk::freeList(s, 0), before);  // the entry's block stays allocated (and unreferenced)
-    // Once the file exists the text goes there.
-    kt::writeFile(texts, "0123");
-    const uint32_t k = str_create(s, "abc", 1);
-    StringEntry e{};
-    ASSERT_NE(kesdb_getStrEntry(s, k, &e), nullptr);
-    EXPECT_EQ(e.textMedium, 1u);
-    EXPECT_EQ(e.textOffset, 4u);
-    EXPECT_EQ(kt::readFile(texts), std::string("0123abc", 8));
-    char buf[8] = {};
-    EXPECT_STREQ(kesdb_getString(s, k, buf, sizeof buf), "abc");
-}
-
 }  // namespace

@@ -68,11 +68,11 @@ TEST_F(Cli, CommandsPrintWhatWasAskedAndExitByCause) {
         {{"get", "/net/nothing"}, 3, "", "kesdb: unknown path /net/nothing\n"},
         {{"show", "/nothing"}, 3, "", "kesdb: unknown path /nothing\n"},
         {{"lock", "/net/port", "--try"}, 0, "", ""},
-        {{"lock", "/net/port", "--try", "--shared"}, 5, "", "locked by another session", false},
+        {{"lock", "/net/port", "--try", "--shared"}, 5, "", "locked by session ", false},
         {{"locks"}, 0, "/net/port exclusive session ", "", false},
         {{"locks", "--json"}, 0, "\"mode\": \"exclusive\",", "", false},
         {{"show", "--bogus"}, 1, "", "kesdb: show: unknown option --bogus\nRun 'kesdb help show' for its usage.\n"},
-        {{"describe"}, 1, "", "describe PATH [--json])", false},
+        {{"describe"}, 1, "", "describe PATH [--json] [--no-hooks])", false},
         {{"--version"}, 0, "kesdb ", "", false},
     };
     for (const Row& row : rows) {

@@ -195,12 +195,15 @@ TEST_F(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
     }
     EXPECT_EQ(t.lists(), "A,B,C||X,Y");
 
-    // A parent word that names a leaf: no list to take the component out of.
-    ASSERT_EQ(comp_setParent(s, t.X, t.C), 0);
-    const std::string beforeParent = kt::readFile(db.mediumPath);
-    EXPECT_EQ(comp_delete(s, t.X), KESDB_ERR_COMP_NOTNODE);
-    EXPECT_EQ(leaf_move(s, t.X, t.Q, 0), KESDB_ERR_COMP_NOTNODE);
-    EXPECT_EQ(kt::readFile(db.mediumPath), beforeParent);
+    // A parent word that names a leaf, or a block that is no record: no list to take it out of.
+    for (const auto& [parent, code] :
+         {std::pair<uint32_t, int32_t>{t.C, KESDB_ERR_COMP_NOTNODE}, {garbage, KESDB_ERR_COMP_READ}}) {
+        ASSERT_EQ(comp_setParent(s, t.X, parent), 0);
+        const std::string beforeParent = kt::readFile(db.mediumPath);
+        EXPECT_EQ(comp_delete(s, t.X), code);
+        EXPECT_EQ(leaf_move(s, t.X, t.Q, 0), code);
+        EXPECT_EQ(kt::readFile(db.mediumPath), beforeParent);
+    }
     ASSERT_EQ(comp_setParent(s, t.X, t.B), 0);
 
 }

@@ -186,6 +186,15 @@ TEST_F(TreeRecord, FieldAccessors) {
     EXPECT_EQ(bytes(16, 200), before);
 }
 
+// A node whose record the end of the medium cuts short: its common part reads, the node does
+// not, so it has no first child.
+TEST_F(TreeRecord, NodeCutShortByTheMediumEndHasNoFirstChild) {
+    CompRecord c{kMediumSize - 24, 0, 0, 0, 0, KESDB_KIND_NODE};
+    ASSERT_EQ(comp_setComponent(s, &c), 0);
+    out([&] { EXPECT_EQ(comp_getFirstChild(s, c.key), 0u); });
+    EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_READ);
+}
+
 TEST(TreeRecordMedia, NoRoomForARecordGivesNoneAndWritesNothing) {
     kt::DbOptions o;
     o.mediumSize = 16 + 24;  // one free element too small for any record
@@ -259,29 +268,6 @@ TEST(TreeRecordMedia, MissingMediumEntryShortReadAndUnopenableMedium) {
     EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(ENOENT));
     EXPECT_EQ(comp_setNode(s, &made), KESDB_ERR_COMP_OPEN);
     kt::captureStdout([&] { EXPECT_EQ(comp_setStringKey(s, made.comp.key, 1), KESDB_ERR_COMP_OPEN); });
-}
-
-TEST(TreeRecordMedia, DriverFailuresOfReadsAndWrites) {
-    tk::FaultComponents f;
-    ASSERT_TRUE(f.ready());
-    Session* s = &f.db.s;
-    const NodeRecord n = makeNode(s);
-    ASSERT_EQ(n.comp.key, 16u);
-    f.shortOp(KESDRV_FAULT_WRITE, 1, 10);
-    EXPECT_EQ(comp_setNode(s, &n), KESDB_ERR_COMP_WRITE);
-    f.failFrom(KESDRV_FAULT_WRITE, 1, EIO);
-    EXPECT_EQ(comp_setComponent(s, &n.comp), KESDB_ERR_COMP_WRITE);
-    EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_COMP_WRITE, EIO));
-    f.reset();
-    f.shortOp(KESDRV_FAULT_READ, 1, 7);
-    const std::string shortRead = "comp_getComponent err1 0x7 0x18 0x10\n";
-    EXPECT_EQ(reads(s, 16), (Reads{{{shortRead, KESDB_ERR_COMP_READ}, {"", -1}, {"", -1}}}));
-    // A loaded medium's name is the configuration line's last token.
-    f.failFrom(KESDRV_FAULT_OPEN, 1, EACCES);
-    const std::string leafOut = "comp_getLeaf err1 " + f.path + "\n";
-    EXPECT_EQ(reads(s, 16), failed(KESDB_ERR_COMP_OPEN, "comp_getComponent err2\n", leafOut));
-    EXPECT_EQ(s->errorDetail, static_cast<uint32_t>(EACCES));
-    EXPECT_EQ(f.opens(), f.closes());
 }
 
 // When the root word cannot be read, a search from the root and the printout of the whole tree

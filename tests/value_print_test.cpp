@@ -24,17 +24,12 @@ std::string printed(Session* s, uint32_t key) {
     return kt::captureStdout([&] { value_print(s, key); });
 }
 
-std::string head(uint32_t key) { return "value " + std::to_string(key); }
-
-struct Line {
-    uint32_t key;
-    std::string tail;
-};
-
+// Each value prints "value <key>" and its tail.
+using Line = std::pair<uint32_t, std::string>;
 void expectLines(Session* s, const std::vector<Line>& lines) {
-    for (const Line& l : lines) {
-        ASSERT_NE(l.key, 0u);
-        EXPECT_EQ(printed(s, l.key), head(l.key) + l.tail);
+    for (const auto& [key, tail] : lines) {
+        ASSERT_NE(key, 0u);
+        EXPECT_EQ(printed(s, key), "value " + std::to_string(key) + tail);
     }
 }
 
@@ -67,9 +62,7 @@ TEST_F(ValuePrint, EveryTypeInItsFormat) {
 // bytes read as zeros, the present ones in host order; a text ends at the value's end or at an
 // inner NUL.
 TEST_F(ValuePrint, ShortValuesNeverReadPastTheirData) {
-    const uint8_t three[3] = {0xAA, 0xBB, 0xCC};
-    const uint8_t one = 0x80;
-    const uint8_t wide[4] = {0x80, 0, 0, 0};
+    const uint8_t three[3] = {0xAA, 0xBB, 0xCC}, one = 0x80, wide[4] = {0x80, 0, 0, 0};
     uint32_t w32 = 0;
     int16_t w16 = 0;
     std::memcpy(&w32, wide, 4);
@@ -84,8 +77,7 @@ TEST_F(ValuePrint, ShortValuesNeverReadPastTheirData) {
         {value_create(s, Uint64, 0, nullptr, 0, 0), " Uint64 [0]\n"},
         {value_create(s, String, 0, "ab\0cd", 5, 0), " str [ab]\n"},
     };
-    const uint8_t after[8] = {0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11};
-    ASSERT_NE(value_create(s, Generic, 0, after, 8, 0), 0u);
+    ASSERT_NE(value_create(s, Generic, 0, "\x11\x11\x11\x11\x11\x11\x11\x11", 8, 0), 0u);
     expectLines(s, lines);
 }
 
@@ -114,15 +106,12 @@ std::vector<uint8_t> bytesOf(Session* s, uint32_t key, int32_t n) {
 // A shorter source fills the front of the destination; a longer one is refused with 49 and
 // nothing written; types are not compared. (The destination's constraint: constraint_write_test.)
 TEST_F(ValueCopy, LengthRules) {
-    const uint8_t four[4] = {1, 2, 3, 4};
-    const uint8_t eight[8] = {9, 9, 9, 9, 9, 9, 9, 9};
-    const uint32_t v4 = value_create(s, Uint32, 0, four, 4, 0);
-    const uint32_t v8 = value_create(s, Generic, 0, eight, 8, 0);
+    const uint32_t v4 = value_create(s, Uint32, 0, "\1\2\3\4", 4, 0);
+    const uint32_t v8 = value_create(s, Generic, 0, "\t\t\t\t\t\t\t\t", 8, 0);
 
     EXPECT_EQ(value_copy(s, v8, v4), 0);
     EXPECT_EQ(bytesOf(s, v8, 8), (std::vector<uint8_t>{1, 2, 3, 4, 9, 9, 9, 9}));
-    const uint8_t other[4] = {7, 7, 7, 7};
-    ASSERT_EQ(value_setGeneric(s, v4, other, 4), 0);
+    ASSERT_EQ(value_setGeneric(s, v4, "\a\a\a\a", 4), 0);
     EXPECT_EQ(value_copy(s, v4, v8), 49);
     EXPECT_EQ(mk::errorOf(*s), mk::Pair(49, 0));
     EXPECT_EQ(value_copy2(s, v4, v8, 0), 49);
@@ -132,11 +121,14 @@ TEST_F(ValueCopy, LengthRules) {
     EXPECT_EQ(bytesOf(s, f, 4), (std::vector<uint8_t>{7, 7, 7, 7}));
 
     // Unreadable lengths: 0, with the cause in the session, nothing written.
-    EXPECT_EQ(value_copy(s, 0, v4), 0);
-    EXPECT_EQ(db.s.error, 51u);
-    EXPECT_EQ(value_copy(s, v8, 0), 0);
-    EXPECT_EQ(db.s.error, 51u);
-    EXPECT_EQ(value_copy2(s, v8, 0, 1), 0);
+    const std::function<int32_t()> unreadable[] = {[&] { return value_copy(s, 0, v4); },
+                                                   [&] { return value_copy(s, v8, 0); },
+                                                   [&] { return value_copy2(s, v8, 0, 1); }};
+    for (const auto& copy : unreadable) {
+        session_setError(s, 0, 0);
+        EXPECT_EQ(copy(), 0);
+        EXPECT_EQ(db.s.error, 51u);
+    }
     EXPECT_EQ(bytesOf(s, v8, 8), (std::vector<uint8_t>{1, 2, 3, 4, 9, 9, 9, 9}));
 }
 
@@ -214,9 +206,8 @@ TEST_F(ValueCopy, NoMemoryForTheBufferGives86) {
         int step = 3;
         for (const auto& copy : copies) {
             session_setError(s, 0, 0);
-            if (copy() != 86) return step;
-            if (s->error != 86 || s->errorDetail != static_cast<uint32_t>(ENOMEM)) return step + 1;
-            step += 2;
+            if (copy() != 86 || mk::errorOf(*s) != mk::Pair(86, ENOMEM)) return step;
+            ++step;
         }
         return 0;
     });

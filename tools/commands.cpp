@@ -15,6 +15,7 @@
 #include "database.hpp"
 #include "description.hpp"
 #include "fast_media.hpp"
+#include "lock_wait.hpp"
 #include "progress.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
@@ -101,28 +102,12 @@ uint32_t leafType(Database& db, uint32_t key, const std::string& path) {
     return static_cast<uint32_t>(type);
 }
 
-// An exclusive lock on a component for the length of a scope (try once).
-class ScopedLock {
-public:
-    ScopedLock(Database& db, uint32_t key, const std::string& what) : db_(db), key_(key) {
-        const int32_t rc = kesDBMLock(&db.s, key, 1);
-        if (rc != 0) fail(what + ": " + codeText(rc) + " (the component is locked)", exitFor(rc));
-    }
-    ~ScopedLock() { kesDBMUnlock(&db_.s, key_); }
-    ScopedLock(const ScopedLock&) = delete;
-    ScopedLock& operator=(const ScopedLock&) = delete;
-
-private:
-    Database& db_;
-    uint32_t key_;
-};
-
 }  // namespace
 
 int cmdCreate(const CreateOptions& o) {
     Progress progress("create", 0);
     // Everything that can be checked is checked before anything is made.
-    std::vector<Item> items;
+    std::vector<Item> items = o.items;
     if (!o.from.empty()) items = parseDescription(o.from);
     progress.setTotal(countItems(items));
     if (highestHook(items) > o.hooks.size())
@@ -155,25 +140,22 @@ int cmdCreate(const CreateOptions& o) {
             if (int32_t e = kesdb_layMedium((tmp + "/" + m).c_str(), o.size, 0); e != 0)
                 fail(std::string("cannot lay down ") + m + ": " + std::strerror(e));
         writeText(tmp + "/" + kDescriptorFile, descriptorText(o.fourFiles));
-        writeText(tmp + "/media.conf", mediaConfigText(tmp, o.fourFiles, libDir()));
+        // Media files are named relative to the directory, so it works wherever it is moved;
+        // the drivers of another machine are stood in for by the tool's own while building.
+        writeText(tmp + "/media.conf", mediaConfigText(o.fourFiles, libs));
         // Building needs no hook; the hooks of another machine are not loaded here.
         writeText(tmp + "/hook.conf", o.targetLibDir.empty() ? hooks : "");
         {
             // Nobody sees the directory before it is complete, so it is built through the
-            // mapped driver and written to the device once, below.
-            Database db(tmp);
+            // mapped driver and written to the device once, below; its tables are private,
+            // so the new directory has none.
+            Database db(tmp, Access::Private);
             FastMedia fast(db, FastMedia::Access::Exclusive);
             makeRoot(db);
             importInto(db, items, static_cast<uint32_t>(o.hooks.size()), &progress);
             fast.flush();
         }
-        // The configuration names the media files and libraries at their final place, and
-        // the tables used while building (they name the temporary directory) go.
-        writeText(tmp + "/media.conf",
-                  mediaConfigText(o.installDir.empty() ? finalDir : o.installDir, o.fourFiles, libs));
         writeText(tmp + "/hook.conf", hooks);
-        for (const char* t : {"db.tbl", "session.tbl", "lock.tbl"})
-            for (const char* suffix : {"", ".sem", KESDB_WATCH_SUFFIX}) unlink((tmp + "/" + t + suffix).c_str());
         // Every file and the directory reach the device before the directory takes its name.
         for (const char* m : o.fourFiles ? std::vector<const char*>(kMediaFiles, kMediaFiles + 4)
                                          : std::vector<const char*>(single, single + 1))
@@ -188,17 +170,11 @@ int cmdCreate(const CreateOptions& o) {
         fs::remove_all(tmp, ec);
         throw;
     }
-    if (elsewhere) return kExitOk;  // started where it is installed
-    // Database ids come from a shared table that hands a released slot out again only
-    // after the others, and a lock is named by the id: one registration kept from here on
-    // gives the database the same id in every later process, so a lock taken by one
-    // "kesdb lock" is seen by the next command.
-    Database pin(finalDir);
-    pin.keepRegistered();
+    (void)elsewhere;  // started where it is installed; its first start-up there keeps its id
     return kExitOk;
 }
 
-int cmdImport(const std::string& dir, const std::string& file) {
+int cmdImport(const std::string& dir, const std::string& file, double wait) {
     Progress progress("import", 0);
     const std::vector<Item> items = parseDescription(file);  // checked before the database is touched
     progress.setTotal(countItems(items));
@@ -209,7 +185,7 @@ int cmdImport(const std::string& dir, const std::string& file) {
     if (highestHook(items) > hooks)
         fail(file + ": the description uses hook " + std::to_string(highestHook(items)) + " but only " +
              std::to_string(hooks) + " hooks are configured");
-    ScopedLock lock(db, root, "import");
+    ScopedLock lock(db, root, wait, "import");
 
     // All or nothing: the media files are copied aside first and put back when the import
     // fails half-way.
@@ -243,15 +219,22 @@ int cmdImport(const std::string& dir, const std::string& file) {
     return kExitOk;
 }
 
-int cmdExport(const std::string& dir, const std::string& file) {
-    std::string text;
+int cmdExport(const std::string& dir, const std::string& fileIn, const std::string& pathIn, bool noHooks) {
+    std::string text, file = fileIn, path = pathIn;
     {
-        Database db(dir);
+        Database db(dir, readAccess(noHooks));
         FastMedia fast(db, FastMedia::Access::Shared);  // reads only: nothing to write back
+        // An argument that names a component of the tree is that path, never a file name.
+        if (path.empty() && !file.empty() && file[0] == '/') {
+            const uint32_t key = quietly([&] { return kesDBMSearchByName(&db.s, file.c_str()); });
+            if (key != 0 && db.pathOf(key) == file) path.swap(file);
+        }
+        if (!path.empty()) db.find(path);  // an unknown path fails here
         Progress progress("export", 0);
         text = exportText(db, &progress);
     }
-    if (file.empty()) {
+    if (!path.empty()) text = subtreeText(text, path);
+    if (file.empty() || file == "-") {
         std::fputs(text.c_str(), data());
     } else {
         writeText(file, text);
@@ -259,8 +242,8 @@ int cmdExport(const std::string& dir, const std::string& file) {
     return kExitOk;
 }
 
-int cmdGet(const std::string& dir, const std::string& path, ValueSet which) {
-    Database db(dir);
+int cmdGet(const std::string& dir, const std::string& path, ValueSet which, bool noHooks) {
+    Database db(dir, readAccess(noHooks));
     const uint32_t key = db.find(path);
     const uint32_t type = leafType(db, key, path);
     const int32_t len = kesDBMGetLength(&db.s, key);
@@ -277,7 +260,7 @@ int cmdGet(const std::string& dir, const std::string& path, ValueSet which) {
     return kExitOk;
 }
 
-int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which) {
+int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which, double wait) {
     Database db(dir);
     const uint32_t key = db.find(path);
     const uint32_t type = leafType(db, key, path);
@@ -301,28 +284,40 @@ int cmdSet(const std::string& dir, const std::string& path, const std::string& t
         fail("value '" + text + "' " + why);
     }
     const int32_t size = static_cast<int32_t>(data.size());
+    ScopedLock lock(db, key, wait, "set " + path);
     const int32_t rc = which == ValueSet::Default ? kesDBMSetDefaultGeneric(&db.s, key, data.data(), size)
-                                                  : kesDBMSetGeneric(&db.s, key, data.data(), size);
+                       : which == ValueSet::Factory
+                           ? value_setGeneric(&db.s, kesDBMGetFactoryValueKey(&db.s, key), data.data(), size)
+                           : kesDBMSetGeneric(&db.s, key, data.data(), size);
     if (rc != 0) refused(db, key, path, rc, data);
     return kExitOk;
 }
 
-int cmdReset(const std::string& dir, const std::string& path) {
+// The named component is locked for the whole command, and each leaf below it while it is
+// copied (a lock covers its own component only).
+int cmdReset(const std::string& dir, const std::string& path, double wait) {
     Database db(dir);
     const uint32_t key = db.find(path);
-    if (int32_t rc = kesDBMDefaultToCurrent(&db.s, key); rc != 0) copyRefused("reset " + path, db.s, rc);
+    ScopedLock lock(db, key, wait, "reset " + path);
+    const int32_t rc = forEachLeafLocked(db, key, key, wait, "reset", [&](uint32_t k) {
+        return kesDBMDefaultToCurrent(&db.s, k);
+    });
+    if (rc != 0) copyRefused("reset " + path, db.s, rc);
     return kExitOk;
 }
 
-int cmdFactoryToDefault(const std::string& dir, const std::string& path) {
+int cmdFactoryToDefault(const std::string& dir, const std::string& path, double wait) {
     Database db(dir);
     const uint32_t key = db.find(path);
-    if (int32_t rc = kesDBMFactoryToDefault(&db.s, key); rc != 0) copyRefused("factory-to-default " + path, db.s, rc);
+    ScopedLock lock(db, key, wait, "factory-to-default " + path);
+    const int32_t rc =
+        forEachLeafLocked(db, key, key, wait, "factory-to-default", [&](uint32_t k) { return kesDBMFactoryToDefault(&db.s, k); });
+    if (rc != 0) copyRefused("factory-to-default " + path, db.s, rc);
     return kExitOk;
 }
 
-int cmdPrint(const std::string& dir, const std::string& path) {
-    Database db(dir);
+int cmdPrint(const std::string& dir, const std::string& path, bool noHooks) {
+    Database db(dir, readAccess(noHooks));
     const uint32_t key = db.find(path);
     // The library prints the tree on standard output, which is the diagnostics' descriptor
     // (main.cpp): for this command it is the data asked for.
@@ -339,20 +334,9 @@ int cmdPrint(const std::string& dir, const std::string& path) {
     return kExitOk;
 }
 
-int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce) {
+int cmdLock(const std::string& dir, const std::string& path, bool shared, double wait) {
     Database db(dir);
-    const uint32_t key = db.find(path);
-    const uint32_t kind = shared ? KESDB_LOCK_SHARED : 0u;
-    // Waiting is a try repeated every 20 ms rather than the library's own wait, so that
-    // an interrupted wait gives its session back before the tool leaves.
-    int32_t rc = kesDBMLock(&db.s, key, kind | 1u);
-    while (!tryOnce && rc == KESDB_ERR_LOCK_BUSY) {
-        if (interrupted()) failInterrupted();
-        usleep(20 * 1000);
-        rc = kesDBMLock(&db.s, key, kind | 1u);
-    }
-    if (rc == KESDB_ERR_LOCK_BUSY) fail(path + ": locked by another session (" + codeText(rc) + ")", kExitBusy);
-    if (rc != 0) failCode("lock " + path, rc);
+    lockWithin(db, db.find(path), shared, wait, "lock " + path);
     return kExitOk;
 }
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "description.hpp"
+
 namespace kesdb {
 
 class Database;
@@ -15,6 +17,7 @@ struct CreateOptions {
     uint32_t size = 1024 * 1024;     // --size: bytes of each medium file
     std::vector<std::string> hooks;  // --hook lines, hook indexes 1, 2, ...
     std::string from;                // --from: description to import
+    std::vector<Item> items;         // or a tree already read and checked (migrate)
     // A database prepared for another place or machine: the directory it will have there
     // (--install-dir) and the directory of the driver and hook libraries there
     // (--target-lib-dir). The configuration files name those; the tool builds with its
@@ -26,22 +29,26 @@ struct CreateOptions {
 enum class ValueSet { Current, Default, Factory };
 
 int cmdCreate(const CreateOptions& options);
-int cmdImport(const std::string& dir, const std::string& file);
-int cmdExport(const std::string& dir, const std::string& file);  // "" for standard output
-int cmdGet(const std::string& dir, const std::string& path, ValueSet which);
-int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which);
-int cmdReset(const std::string& dir, const std::string& path);
-int cmdFactoryToDefault(const std::string& dir, const std::string& path);
-int cmdPrint(const std::string& dir, const std::string& path);  // "" for the whole tree
+// Commands that change values hold the exclusive lock of what they change, waiting up to
+// `wait` seconds for another holder (lock: negative waits without limit, 0 tries once).
+// Reads (`noHooks`: without the hooks) use private tables and leave nothing in DIR.
+int cmdImport(const std::string& dir, const std::string& file, double wait);
+// "" or "-" for standard output; `path`: the subtree at that path, with its ancestors.
+int cmdExport(const std::string& dir, const std::string& file, const std::string& path, bool noHooks);
+int cmdGet(const std::string& dir, const std::string& path, ValueSet which, bool noHooks);
+int cmdSet(const std::string& dir, const std::string& path, const std::string& text, ValueSet which, double wait);
+int cmdReset(const std::string& dir, const std::string& path, double wait);
+int cmdFactoryToDefault(const std::string& dir, const std::string& path, double wait);
+int cmdPrint(const std::string& dir, const std::string& path, bool noHooks);  // "" for the whole tree
 // show: PATH=VALUE per leaf; diff: the leaves whose current value differs from the default
 // (factory) one; describe: one leaf's type, size, values, constraint and hook. --json for each.
-int cmdShow(const std::string& dir, const std::string& path, ValueSet which, bool asJson);
-int cmdDiff(const std::string& dir, const std::string& path, bool factory, bool asJson);
-int cmdDescribe(const std::string& dir, const std::string& path, bool asJson);
+int cmdShow(const std::string& dir, const std::string& path, ValueSet which, bool asJson, bool noHooks);
+int cmdDiff(const std::string& dir, const std::string& path, bool factory, bool asJson, bool noHooks);
+int cmdDescribe(const std::string& dir, const std::string& path, bool asJson, bool noHooks);
 // Why the library refused to read or write `value` at the leaf `key` (code `rc`), in words:
 // "/net/port: 0 is below the minimum 1 (range 1..65535)".
 std::string refusalText(Database& db, uint32_t key, const std::string& path, int32_t rc, const std::string& value);
-int cmdLock(const std::string& dir, const std::string& path, bool shared, bool tryOnce);
+int cmdLock(const std::string& dir, const std::string& path, bool shared, double wait);
 int cmdUnlock(const std::string& dir, const std::string& path);
 int cmdLocks(const std::string& dir, bool asJson);
 // watch: prints PATH=VALUE (or JSON lines) for each leaf below `path` as it changes, until

@@ -1,10 +1,11 @@
 #include "database.hpp"
+#include "journal.hpp"
 
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <filesystem>
 
 #include <unistd.h>
 
@@ -15,8 +16,6 @@ const char* const kMediaFiles[4] = {"components.med", "values.med", "constraints
 namespace {
 
 std::string g_libDir;
-// Whether the caller named the database table; read before the tool changes the environment.
-const bool g_callerDbTable = std::getenv("KESDB_DBTABLE") != nullptr;
 // Most ancestors walked up from a component (the library's walks stop 1024 levels deep).
 constexpr int kAncestorsMax = 1100;
 
@@ -26,51 +25,11 @@ std::string parentDir(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-struct Descriptor {
-    std::string dir;
-    std::map<std::string, std::string> values;
-
-    const std::string* find(const char* key) const {
-        auto it = values.find(key);
-        return it == values.end() ? nullptr : &it->second;
-    }
-    std::string path(const char* key) const {
-        const std::string* v = find(key);
-        if (!v || v->empty()) fail(dir + "/" + kDescriptorFile + ": no " + key + " file");
-        return (*v)[0] == '/' ? *v : dir + "/" + *v;
-    }
-    uint32_t number(const char* key) const {
-        const std::string* v = find(key);
-        if (!v) fail(dir + "/" + kDescriptorFile + ": no " + key + " index");
-        char* end = nullptr;
-        errno = 0;
-        unsigned long n = std::strtoul(v->c_str(), &end, 10);
-        if (v->empty() || *end != '\0' || errno != 0 || n > UINT32_MAX)
-            fail(dir + "/" + kDescriptorFile + ": " + key + "=" + *v + " is not a number");
-        return static_cast<uint32_t>(n);
-    }
-};
-
-Descriptor readDescriptor(const std::string& dir) {
-    std::ifstream in(dir + "/" + kDescriptorFile);
-    if (!in) fail(dir + " is not a kesdb database (no " + kDescriptorFile + ")");
-    Descriptor d;
-    d.dir = dir;
-    std::string line;
-    for (int n = 1; std::getline(in, line); ++n) {
-        if (line.empty() || line[0] == '#') continue;
-        size_t eq = line.find('=');
-        if (eq == std::string::npos)
-            fail(dir + "/" + kDescriptorFile + ":" + std::to_string(n) + ": not a key=value line");
-        d.values[line.substr(0, eq)] = line.substr(eq + 1);
-    }
-    return d;
-}
-
-void putPath(char* field, const std::string& value, const std::string& what) {
-    if (value.size() >= KESDB_PATH_MAX)
-        fail(what + " path longer than " + std::to_string(KESDB_PATH_MAX - 1) + " bytes");
-    std::snprintf(field, KESDB_PATH_MAX, "%s", value.c_str());
+// A failed start-up or descriptor read of DIR: the library's own account of it.
+[[noreturn]] void failStart(const std::string& what, const std::string& dir, int32_t code) {
+    std::string cause = kesDBMInitDirFailure();
+    if (cause.rfind(dir + ": ", 0) == 0) cause.erase(0, dir.size() + 2);
+    fail(what + ": " + (cause.empty() ? codeText(code) : cause + " (" + codeText(code) + ")"));
 }
 
 }  // namespace
@@ -107,20 +66,27 @@ std::string descriptorText(bool fourFiles) {
     return d + "component=0\nvalue=0\nconstraint=0\nstring=0\nreserved=0\ndefmedia=" + kSingleMedium + "\n";
 }
 
-std::string mediaConfigText(const std::string& dir, bool fourFiles, const std::string& libDirectory) {
+std::string mediaConfigText(bool fourFiles, const std::string& libDirectory) {
     std::string conf;
     if (!fourFiles) return conf;
     for (const char* m : kMediaFiles)
         conf += libDirectory +
                 "/libkesdrv_file.so fileMedia_open fileMedia_close fileMedia_read fileMedia_write"
-                " fileMedia_seek fileMedia_sync " +
-                dir + "/" + m + "\n";
+                " fileMedia_seek fileMedia_sync " + m + "\n";
     return conf;
 }
 
 TablePaths tablePaths(const std::string& dir) {
-    const Descriptor d = readDescriptor(dir);
-    return {d.path("session"), d.path("lock")};
+    DBMInitParam p{};
+    if (int32_t rc = quietly([&] { return kesdb_dirParam(dir.c_str(), nullptr, &p); }); rc != 0)
+        failStart("cannot read the database in " + dir, absolutePath(dir), rc);
+    return {p.sessionTablePath, p.lockTablePath};
+}
+
+std::string defaultDir(const std::string& given) {
+    if (!given.empty()) return given;
+    const char* e = std::getenv("KESDB_DIR");
+    return e ? e : "";
 }
 
 std::string absolutePath(const std::string& path) {
@@ -131,54 +97,59 @@ std::string absolutePath(const std::string& path) {
     return out;
 }
 
-Database::Database(const std::string& dirIn) {
+Database::Database(const std::string& dirIn, Access access) {
     dir_ = absolutePath(dirIn);
-    Descriptor d = readDescriptor(dir_);
-    if (!g_callerDbTable) setenv("KESDB_DBTABLE", (dir_ + "/db.tbl").c_str(), 1);
-    setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 0);
-    if (const std::string* m = d.find("defmedia"); m && !m->empty())
-        setenv("KESDB_DEFMEDIA", d.path("defmedia").c_str(), 1);
-    putPath(param_.sessionTablePath, d.path("session"), "session table");
-    putPath(param_.lockTablePath, d.path("lock"), "lock table");
-    putPath(param_.mediaConfigPath, d.path("media"), "media configuration");
-    putPath(param_.hookConfigPath, d.path("hook"), "hook configuration");
-    param_.componentMedium = d.number("component");
-    param_.valueMedium = d.number("value");
-    param_.constraintMedium = d.number("constraint");
-    param_.stringMedium = d.number("string");
-    param_.reserved = d.find("reserved") ? d.number("reserved") : 0;
-
-    // A start-up that fails after registering the database leaves the registration in the
-    // shared database table (a failed start-up undoes nothing), and only its id could give
-    // it back. So the tool registers once itself first, which names the id, and gives
-    // back its own registration after the start-up, and the start-up's too if it failed.
-    int32_t err = 0;
-    const int32_t own = db_init(&param_, &err);
-    if (own < 0) fail("cannot register the database in " + dir_ + ": " + codeText(err));
-    err = 0;
-    // The start-up's own lines ("kesDBMInit err4" ...) are replaced by the tool's message.
-    id_ = quietly([&] { return kesDBMInit(&param_, &err); });
-    db_term(static_cast<uint32_t>(own));
-    if (id_ < 0) {
-        db_term(static_cast<uint32_t>(own));
-        fail("cannot start the database in " + dir_ + ": " + codeText(err));
+    journalRecover(dir_);  // the change of a command killed half-way is undone first
+    const std::string drivers = libDir();
+    DBMDirOptions o{};
+    o.driverDir = drivers.c_str();
+    if (access != Access::Shared) {
+        std::string tmpl = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/kesdb-XXXXXX";
+        if (!mkdtemp(tmpl.data())) fail("cannot make a temporary directory " + tmpl + ": " + std::strerror(errno));
+        tables_ = tmpl;
+        o.tableDir = tables_.c_str();
+        if (access == Access::PrivateNoHooks) o.flags = KESDB_DIR_NO_HOOKS;
     }
+    // The start-up's own lines ("kesDBMInit err4" ...) are replaced by the tool's message;
+    // a failed start-up by directory undoes itself.
+    int32_t err = 0;
+    id_ = quietly([&] { return kesDBMInitDirEx(dir_.c_str(), &o, &err); });
+    if (id_ < 0) {
+        removeTables();
+        failStart("cannot start the database in " + dir_, dir_, err);
+    }
+    if (const DBMInitParam* p = db_getDb(static_cast<uint32_t>(id_))) param_ = *p;
     const int32_t rc = kesDBMInitSession(&s, static_cast<uint32_t>(id_));
     if (rc != 0) {
         kesDBMTerm(static_cast<uint32_t>(id_));
+        removeTables();
         fail("cannot open a session: " + codeText(rc));
     }
 }
 
 Database::~Database() {
     kesDBMTermSession(&s);
-    if (!keepRegistered_) kesDBMTerm(static_cast<uint32_t>(id_));
+    kesDBMTerm(static_cast<uint32_t>(id_));
+    removeTables();
+}
+
+void Database::removeTables() {
+    if (tables_.empty()) return;
+    std::error_code ec;
+    std::filesystem::remove_all(tables_, ec);
+    tables_.clear();
 }
 
 uint32_t Database::root() {
-    uint32_t r = kesDBMGetRoot(&s);
-    if (r == 0) fail(dir_ + ": the database has no root node");
-    return r;
+    const uint32_t r = quietly([&] { return kesDBMGetRoot(&s); });
+    if (r != 0) return r;
+    // The root word could not be read: name the component medium and what is wrong with it.
+    const std::vector<std::string> files = mediaFiles();
+    const std::string medium = files.empty() ? std::string() : files[0];
+    if (s.error != 0 && !medium.empty() && access(medium.c_str(), R_OK | W_OK) != 0)
+        fail(dir_ + ": cannot open the component medium " + medium + ": " + std::strerror(errno));
+    if (s.error != 0) fail(dir_ + ": cannot read the root node from " + medium + ": " + codeText(s.error));
+    fail(dir_ + ": the database has no root node");
 }
 
 std::string Database::name(uint32_t key) {
@@ -224,7 +195,7 @@ std::vector<std::string> Database::mediaFiles() const {
     for (uint32_t index : {param_.componentMedium, param_.valueMedium, param_.constraintMedium, param_.stringMedium}) {
         std::string f;
         if (index == 0) {
-            const char* e = std::getenv("KESDB_DEFMEDIA");
+            const char* e = kesdb_defMediaFile();
             f = e ? e : "";
         } else if (static_cast<int32_t>(index) < media_getCount() && media_table[index].name) {
             f = media_table[index].name;

@@ -4,8 +4,10 @@
 //   kesdb.conf   the descriptor: key=value lines from which the start-up parameter block is
 //                filled (session, lock, media, hook: file names, relative to the directory
 //                unless absolute; component, value, constraint, string, reserved: the four
-//                media indexes and the reserved word; defmedia: the built-in medium's file)
-//   media.conf   media drivers (empty when the built-in medium holds every record)
+//                media indexes and the reserved word; defmedia: the built-in medium's file);
+//                the library reads it (kesDBMInitDir)
+//   media.conf   media drivers (empty when the built-in medium holds every record); medium
+//                names relative to the directory, so the directory can be moved
 //   hook.conf    hook libraries, one line per hook index 1, 2, ...
 //   medium.bin   the built-in medium, or components.med, values.med, constraints.med and
 //                strings.med reached through the named-file driver
@@ -36,15 +38,19 @@ void setLibDir(const std::string& dir);
 std::string libDir();
 
 // The descriptor of a new database, and the media configuration that names the four
-// media files of DIR and the file driver in LIBDIR (empty for the single-file layout).
+// media files (relative to the directory) and the file driver in LIBDIR (empty for the
+// single-file layout).
 std::string descriptorText(bool fourFiles);
-std::string mediaConfigText(const std::string& dir, bool fourFiles, const std::string& libDirectory);
+std::string mediaConfigText(bool fourFiles, const std::string& libDirectory);
 
 // The session and lock table files named by the descriptor of DIR.
 struct TablePaths {
     std::string session, lock;
 };
 TablePaths tablePaths(const std::string& dir);
+
+// The database directory: -d DIR, else $KESDB_DIR; "" when neither names one.
+std::string defaultDir(const std::string& given);
 
 // Absolute form of an existing path.
 std::string absolutePath(const std::string& path);
@@ -72,22 +78,26 @@ auto quietly(F&& body) {
     return body();
 }
 
-// A started database with one open session, closed again in the destructor.
-//
-// Environment: KESDB_DBTABLE is set to DIR/db.tbl unless the caller set it, so every
-// table stays inside the directory; SIM_BYTE_ORDER is set to BIG_ENDIAN unless set (the
-// free-list elements are then written in host order, which the allocator reads back; see
-// main.cpp); KESDB_DEFMEDIA names the built-in medium of a single-file database.
+// How a command opens the database.
+enum class Access {
+    Shared,   // the directory's own tables: the locks and sessions of every process
+    Private,  // tables in a private temporary directory, removed afterwards: reads that
+              // leave nothing in the directory they read (a device image's database)
+    PrivateNoHooks,  // as Private, and without hooks (hook libraries built for another machine)
+};
+
+// Reads leave nothing in the directory they read: their tables are private.
+inline Access readAccess(bool noHooks) { return noHooks ? Access::PrivateNoHooks : Access::Private; }
+
+// A started database with one open session, closed again in the destructor. It is started
+// as applications start it (kesDBMInitDir), with the tool's own drivers standing in for the
+// drivers media.conf names where the tool has one of the same name.
 class Database {
 public:
-    explicit Database(const std::string& dir);
+    explicit Database(const std::string& dir, Access access = Access::Shared);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
-
-    // Leaves this start-up's registration in the database table when the process ends,
-    // so the database keeps its id for later processes (locks are named by it).
-    void keepRegistered() { keepRegistered_ = true; }
 
     const DBMInitParam& param() const { return param_; }
     const std::string& dir() const { return dir_; }
@@ -107,11 +117,12 @@ public:
 
 private:
     std::string name(uint32_t key);
+    void removeTables();
 
     std::string dir_;
+    std::string tables_;  // private table directory, or empty
     DBMInitParam param_{};
     int32_t id_ = -1;
-    bool keepRegistered_ = false;
 };
 
 }  // namespace kesdb

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <iostream>
 #include <set>
 #include <sstream>
 
@@ -19,29 +20,6 @@ const std::set<std::string> kLeafKeys = {"name",    "type",  "size", "current", 
 
 std::string childPath(const std::string& parent, const std::string& name) {
     return (parent == "/" ? "" : parent) + "/" + name;
-}
-
-// One value of a leaf, `size` bytes long.
-std::string leafValue(const Item& it, const json& j, const std::string& where) {
-    std::string out;
-    if (it.type == String) {
-        if (!j.is_string()) fail(where + ": a String value must be a JSON string");
-        out = j.get<std::string>();
-        if (out.find('\0') != std::string::npos) fail(where + ": text contains a NUL character");
-        if (static_cast<int64_t>(out.size()) + 1 > it.size)
-            fail(where + ": text of " + std::to_string(out.size()) + " bytes does not fit size " +
-                 std::to_string(it.size) + " (the NUL needs one byte)");
-        out.resize(static_cast<size_t>(it.size), '\0');
-    } else if (it.type == Generic) {
-        if (!j.is_string() || !fromHex(j.get<std::string>(), out))
-            fail(where + ": a Generic value must be a string of hex digit pairs");
-        if (static_cast<int64_t>(out.size()) > it.size)
-            fail(where + ": " + std::to_string(out.size()) + " bytes do not fit size " + std::to_string(it.size));
-        out.resize(static_cast<size_t>(it.size), '\0');
-    } else if (!numberFromJson(it.type, j, out)) {
-        fail(where + ": " + j.dump() + " is not a " + typeName(it.type) + " value");
-    }
-    return out;
 }
 
 const char* verdictText(int32_t code) {
@@ -197,6 +175,29 @@ Item parseItem(const json& j, const std::string& parentPath, int depth) {
 
 }  // namespace
 
+// One value of a leaf, `size` bytes long.
+std::string leafValue(const Item& it, const json& j, const std::string& where) {
+    std::string out;
+    if (it.type == String) {
+        if (!j.is_string()) fail(where + ": a String value must be a JSON string");
+        out = j.get<std::string>();
+        if (out.find('\0') != std::string::npos) fail(where + ": text contains a NUL character");
+        if (static_cast<int64_t>(out.size()) + 1 > it.size)
+            fail(where + ": text of " + std::to_string(out.size()) + " bytes does not fit size " +
+                 std::to_string(it.size) + " (the NUL needs one byte)");
+        out.resize(static_cast<size_t>(it.size), '\0');
+    } else if (it.type == Generic) {
+        if (!j.is_string() || !fromHex(j.get<std::string>(), out))
+            fail(where + ": a Generic value must be a string of hex digit pairs");
+        if (static_cast<int64_t>(out.size()) > it.size)
+            fail(where + ": " + std::to_string(out.size()) + " bytes do not fit size " + std::to_string(it.size));
+        out.resize(static_cast<size_t>(it.size), '\0');
+    } else if (!numberFromJson(it.type, j, out)) {
+        fail(where + ": " + j.dump() + " is not a " + typeName(it.type) + " value");
+    }
+    return out;
+}
+
 std::vector<Item> parseDescriptionText(const std::string& text, const std::string& label) {
     json j;
     try {
@@ -217,6 +218,11 @@ std::vector<Item> parseDescriptionText(const std::string& text, const std::strin
 }
 
 std::vector<Item> parseDescription(const std::string& file) {
+    if (file == "-") {
+        std::stringstream buf;
+        buf << std::cin.rdbuf();
+        return parseDescriptionText(buf.str(), "standard input");
+    }
     std::ifstream in(file, std::ios::binary);
     if (!in) fail("cannot read " + file + ": " + std::strerror(errno));
     std::stringstream buf;

@@ -42,7 +42,11 @@ struct Item {
     std::vector<Item> children;
 };
 
-// Reads and checks a description file; fails with "FILE: PATH: what is wrong".
+// One value of the leaf `it` (its type and size set) from JSON: exactly `size` bytes.
+// Fails with "WHERE: what is wrong".
+std::string leafValue(const Item& it, const json& j, const std::string& where);
+
+// Reads and checks a description file ("-": standard input); fails with "FILE: PATH: what is wrong".
 std::vector<Item> parseDescription(const std::string& file);
 // The same for a description held in memory; `label` starts the messages.
 std::vector<Item> parseDescriptionText(const std::string& text, const std::string& label);

@@ -28,7 +28,7 @@ bool isRegularFile(const std::string& path) {
 // medium's file, or the name of a named-file driver entry. Empty otherwise.
 std::string mappableFile(uint32_t index, const MediaEntry& e) {
     if (index == 0) {
-        const char* path = std::getenv("KESDB_DEFMEDIA");
+        const char* path = kesdb_defMediaFile();
         return e.open == defMedia_open && path && isRegularFile(path) ? path : std::string();
     }
     Dl_info info{};

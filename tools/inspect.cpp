@@ -66,8 +66,8 @@ std::string hookLine(uint32_t index) {
 
 }  // namespace
 
-int cmdShow(const std::string& dir, const std::string& path, ValueSet which, bool asJson) {
-    Database db(dir);
+int cmdShow(const std::string& dir, const std::string& path, ValueSet which, bool asJson, bool noHooks) {
+    Database db(dir, readAccess(noHooks));
     const uint32_t key = db.find(path);
     json all = json::object();
     forEachLeaf(db, key, canonical(path), [&](const Item& leaf) {
@@ -81,8 +81,8 @@ int cmdShow(const std::string& dir, const std::string& path, ValueSet which, boo
     return kExitOk;
 }
 
-int cmdDiff(const std::string& dir, const std::string& path, bool factory, bool asJson) {
-    Database db(dir);
+int cmdDiff(const std::string& dir, const std::string& path, bool factory, bool asJson, bool noHooks) {
+    Database db(dir, readAccess(noHooks));
     const uint32_t key = db.find(path);
     const char* other = factory ? "factory" : "default";
     json all = json::object();
@@ -101,8 +101,8 @@ int cmdDiff(const std::string& dir, const std::string& path, bool factory, bool 
     return kExitOk;
 }
 
-int cmdDescribe(const std::string& dir, const std::string& path, bool asJson) {
-    Database db(dir);
+int cmdDescribe(const std::string& dir, const std::string& path, bool asJson, bool noHooks) {
+    Database db(dir, readAccess(noHooks));
     const uint32_t key = db.find(path);
     const std::string p = canonical(path);
     if (kesDBMGetType(&db.s, key) < 0) fail(p + " is a node, not a leaf; \"kesdb show " + p + "\" lists its leaves");

@@ -9,7 +9,7 @@
 // description, options, handler), from which the parser, "kesdb --help", "kesdb help CMD"
 // and "kesdb CMD --help" are made, so they cannot disagree. Options may stand before or
 // after the command; "--" ends them (so a value such as "--x" can be set). Numbers such as
-// "-5" are arguments.
+// "-5" are arguments, and so is "-" (standard input or output).
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +22,9 @@
 #include "commands.hpp"
 #include "common.hpp"
 #include "database.hpp"
+#include "edit.hpp"
+#include "lock_wait.hpp"
+#include "migrate.hpp"
 
 namespace kesdb {
 namespace {
@@ -31,7 +34,7 @@ using Handler = int (*)(CommandLine&);
 
 struct OptionSpec {
     const char* name;
-    bool takesValue;
+    int takesValue;  // how many values follow the option (0 for a flag)
 };
 
 struct CommandSpec {
@@ -69,11 +72,26 @@ uint32_t sizeOption(const std::string& text) {
     return static_cast<uint32_t>(n);
 }
 
-// The directory of a command that works on a database.
-const std::string& dirOf(const CommandLine& cl) {
-    if (cl.dir.empty()) usageError(std::string(cl.command->name) + " needs the database directory: -d DIR", cl.command->name);
-    return cl.dir;
+// The directory of a command that works on a database: -d DIR, else $KESDB_DIR.
+std::string dirOf(const CommandLine& cl) {
+    const std::string dir = defaultDir(cl.dir);
+    if (dir.empty())
+        usageError(std::string(cl.command->name) + " needs the database directory: -d DIR (or KESDB_DIR)", cl.command->name);
+    return dir;
 }
+
+// --wait SECONDS, or `otherwise` when it is not given.
+double waitOf(const CommandLine& cl, double otherwise) {
+    if (!cl.has("--wait")) return otherwise;
+    const std::string text = cl.last("--wait");
+    char* end = nullptr;
+    errno = 0;
+    const double n = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || errno != 0 || !(n >= 0) || n > 1e9)
+        usageError("--wait " + text + " is not a number of seconds (0 or more)", cl.command->name);
+    return n;
+}
+bool noHooks(const CommandLine& cl) { return cl.has("--no-hooks"); }
 
 // --default or --factory (exclusive), else the current value.
 ValueSet valueSet(const CommandLine& cl) {
@@ -102,8 +120,9 @@ int runOrphans(CommandLine& cl) {
     o.clear = cl.has("--clear");
     o.closedLocks = cl.has("--closed");
     if (o.closedLocks && !o.clear) usageError("orphans: --closed goes with --clear", "orphans");
-    if (!cl.dir.empty()) {
-        const TablePaths paths = tablePaths(cl.dir);
+    const std::string dir = defaultDir(cl.dir);
+    if (!dir.empty() && !(cl.has("--session-table") && cl.has("--lock-table"))) {
+        const TablePaths paths = tablePaths(dir);
         o.sessionTable = paths.session;
         o.lockTable = paths.lock;
     }
@@ -142,64 +161,107 @@ const std::vector<CommandSpec> kCommands = {
       {"--install-dir", true},
       {"--target-lib-dir", true}},
      0, 1, runCreate},
-    {"import", "FILE",
+    {"import", "[--merge] FILE|- [--wait SECONDS]",
      "Build the tree of a description below the root of an empty database. All or\n"
-     "nothing: when it fails half-way the media are put back as they were.",
-     {}, 1, 1, [](CommandLine& cl) { return cmdImport(dirOf(cl), cl.arg(0)); }},
-    {"export", "[FILE]",
-     "Write the tree as a description to FILE or standard output; importing it\n"
-     "again and exporting gives the same bytes.",
-     {}, 0, 1, [](CommandLine& cl) { return cmdExport(dirOf(cl), cl.arg(0)); }},
-    {"get", "PATH [--default | --factory]",
+     "nothing: when it fails half-way the media are put back as they were. --merge:\n"
+     "write the current, default or factory values of the leaves a partial\n"
+     "description names (an export --path gives one) into an existing database; every\n"
+     "path and value is checked first, then all are written through the hooks, or none.",
+     {{"--merge", false}, {"--wait", true}}, 1, 1,
+     [](CommandLine& cl) {
+         const double wait = waitOf(cl, kDefaultWait);
+         return cl.has("--merge") ? cmdMerge(dirOf(cl), cl.arg(0), wait) : cmdImport(dirOf(cl), cl.arg(0), wait);
+     }},
+    {"export", "[--path PATH] [FILE|-] [--no-hooks]",
+     "Write the tree (or the component at PATH inside its ancestors) as a description\n"
+     "to FILE or standard output; importing it again and exporting gives the same\n"
+     "bytes. An argument that names a component of the tree is taken as the PATH.",
+     {{"--path", true}, {"--no-hooks", false}}, 0, 1,
+     [](CommandLine& cl) { return cmdExport(dirOf(cl), cl.arg(0), cl.last("--path"), noHooks(cl)); }},
+    {"migrate", "FILE [--check] [--size BYTES]",
+     "Bring the database to the structure of the description FILE (a new firmware's),\n"
+     "keeping each current value the new leaf accepts (same or exactly convertible\n"
+     "type, fitting size, passing range or enumeration), else its new default. One\n"
+     "line per leaf reset, added or dropped, with the reason. --check: the report\n"
+     "only. Built beside DIR and exchanged with it: all or nothing, also when killed.\n"
+     "Refused (5) while a process has the database open or a lock is held. --size:\n"
+     "bytes of each new medium file (default: as the old ones).",
+     {{"--check", false}, {"--size", true}}, 1, 1,
+     [](CommandLine& cl) {
+         const uint32_t size = cl.has("--size") ? sizeOption(cl.last("--size")) : 0;
+         return cmdMigrate(dirOf(cl), cl.arg(0), cl.has("--check"), size);
+     }},
+    {"add", "PATH [--type T [--size N] [--value V] [--range MIN MAX STEP | --enum A,B,...]] [--wait SECONDS]",
+     "Add a leaf of type T (without --type: an empty node) below an existing node;\n"
+     "--value sets all three values (default 0, the range minimum, the first member\n"
+     "or empty).",
+     {{"--type", 1}, {"--size", 1}, {"--value", 1}, {"--range", 3}, {"--enum", 1}, {"--wait", 1}}, 1, 1,
+     [](CommandLine& cl) {
+         if (cl.has("--range") && cl.has("--enum")) usageError("add: --range and --enum exclude each other", "add");
+         AddOptions o{cl.arg(0), cl.last("--type"), cl.last("--size"), cl.last("--value"), {}, cl.last("--enum")};
+         if (cl.has("--range")) o.range.assign(cl.options["--range"].end() - 3, cl.options["--range"].end());
+         return cmdAdd(dirOf(cl), o, waitOf(cl, kDefaultWait));
+     }},
+    {"delete", "PATH [--wait SECONDS]", "Delete a leaf, or a node with everything below it.", {{"--wait", true}}, 1, 1,
+     [](CommandLine& cl) { return cmdDelete(dirOf(cl), cl.arg(0), waitOf(cl, kDefaultWait)); }},
+    {"factory-reset", "[PATH] [--wait SECONDS]",
+     "Copy factory values to default values and default values to current values\n"
+     "below PATH (default: the whole tree), in one step.",
+     {{"--wait", true}}, 0, 1,
+     [](CommandLine& cl) { return cmdFactoryReset(dirOf(cl), cl.arg(0), waitOf(cl, kDefaultWait)); }},
+    {"get", "PATH [--default | --factory] [--no-hooks]",
      "Print a leaf's current (default, factory) value by its type: numbers in decimal\n"
      "(floating point in the shortest form that reads back the same), String as\n"
      "text, Generic as hex digit pairs.",
-     {{"--default", false}, {"--factory", false}}, 1, 1,
-     [](CommandLine& cl) { return cmdGet(dirOf(cl), cl.arg(0), valueSet(cl)); }},
-    {"set", "PATH VALUE [--default]",
-     "Write a leaf's current (default) value. The text must parse for the leaf's type\n"
+     {{"--default", false}, {"--factory", false}, {"--no-hooks", false}}, 1, 1,
+     [](CommandLine& cl) { return cmdGet(dirOf(cl), cl.arg(0), valueSet(cl), noHooks(cl)); }},
+    {"set", "PATH VALUE [--default | --factory] [--wait SECONDS]",
+     "Write a leaf's current (default, factory) value. The text must parse for the leaf's type\n"
      "(integers in decimal or 0x hex; nan, inf, -inf for floating point) and fit it;\n"
      "the library then applies the constraint and the hooks. A refusal names the\n"
      "rule (\"0 is below the minimum 1 (range 1..65535)\") and exits with 4.",
-     {{"--default", false}}, 2, 2,
-     [](CommandLine& cl) {
-         return cmdSet(dirOf(cl), cl.arg(0), cl.arg(1), cl.has("--default") ? ValueSet::Default : ValueSet::Current);
-     }},
-    {"show", "[PATH] [--default | --factory] [--json]",
+     {{"--default", false}, {"--factory", false}, {"--wait", true}}, 2, 2,
+     [](CommandLine& cl) { return cmdSet(dirOf(cl), cl.arg(0), cl.arg(1), valueSet(cl), waitOf(cl, kDefaultWait)); }},
+    {"show", "[PATH] [--default | --factory] [--json] [--no-hooks]",
      "Print every leaf at or below PATH (default: the whole tree) as PATH=VALUE, one\n"
      "line each, values as get prints them; the default or factory values with\n"
      "--default or --factory. --json: one object, path to value.",
-     {{"--default", false}, {"--factory", false}, {"--json", false}}, 0, 1,
-     [](CommandLine& cl) { return cmdShow(dirOf(cl), cl.arg(0), valueSet(cl), cl.has("--json")); }},
-    {"diff", "[PATH] [--factory] [--json]",
+     {{"--default", false}, {"--factory", false}, {"--json", false}, {"--no-hooks", false}}, 0, 1,
+     [](CommandLine& cl) { return cmdShow(dirOf(cl), cl.arg(0), valueSet(cl), cl.has("--json"), noHooks(cl)); }},
+    {"diff", "[PATH] [--factory] [--json] [--no-hooks]",
      "Print the leaves at or below PATH whose current value differs from the default\n"
      "(with --factory: the factory) value, as PATH=CURRENT (default DEFAULT).\n"
      "--json: one object, path to {\"current\": V, \"default\": V}.",
-     {{"--factory", false}, {"--json", false}}, 0, 1,
-     [](CommandLine& cl) { return cmdDiff(dirOf(cl), cl.arg(0), cl.has("--factory"), cl.has("--json")); }},
-    {"describe", "PATH [--json]",
+     {{"--factory", false}, {"--json", false}, {"--no-hooks", false}}, 0, 1,
+     [](CommandLine& cl) { return cmdDiff(dirOf(cl), cl.arg(0), cl.has("--factory"), cl.has("--json"), noHooks(cl)); }},
+    {"describe", "PATH [--json] [--no-hooks]",
      "Print what a leaf is, one NAME=VALUE line each: path, type, size, the current,\n"
      "default and factory values, the range (min, max, step) or the enumeration's\n"
      "members, and the hook (its index; when loaded, its library and functions as a\n"
      "hook.conf line). --json: the leaf as in a description, with its path.",
-     {{"--json", false}}, 1, 1, [](CommandLine& cl) { return cmdDescribe(dirOf(cl), cl.arg(0), cl.has("--json")); }},
-    {"reset", "[PATH]",
+     {{"--json", false}, {"--no-hooks", false}}, 1, 1,
+     [](CommandLine& cl) { return cmdDescribe(dirOf(cl), cl.arg(0), cl.has("--json"), noHooks(cl)); }},
+    {"reset", "[PATH] [--wait SECONDS]",
      "Copy default values to current values below PATH (default: the whole tree),\n"
      "through the leaves' hooks.",
-     {}, 0, 1, [](CommandLine& cl) { return cmdReset(dirOf(cl), cl.arg(0)); }},
-    {"factory-to-default", "[PATH]",
+     {{"--wait", true}}, 0, 1, [](CommandLine& cl) { return cmdReset(dirOf(cl), cl.arg(0), waitOf(cl, kDefaultWait)); }},
+    {"factory-to-default", "[PATH] [--wait SECONDS]",
      "Copy factory values to default values below PATH (default: the whole tree).",
-     {}, 0, 1, [](CommandLine& cl) { return cmdFactoryToDefault(dirOf(cl), cl.arg(0)); }},
-    {"print", "[PATH]",
+     {{"--wait", true}}, 0, 1,
+     [](CommandLine& cl) { return cmdFactoryToDefault(dirOf(cl), cl.arg(0), waitOf(cl, kDefaultWait)); }},
+    {"print", "[PATH] [--no-hooks]",
      "Print the tree, or the subtree at PATH, in the library's own debugging format\n"
      "(record keys and values; show and describe are meant for reading).",
-     {}, 0, 1, [](CommandLine& cl) { return cmdPrint(dirOf(cl), cl.arg(0)); }},
-    {"lock", "PATH [--shared] [--try]",
+     {{"--no-hooks", false}}, 0, 1, [](CommandLine& cl) { return cmdPrint(dirOf(cl), cl.arg(0), noHooks(cl)); }},
+    {"lock", "PATH [--shared] [--try | --wait SECONDS]",
      "Lock a component: exclusive unless --shared; wait until the lock is free unless\n"
-     "--try (then exit 5 when it is taken). The lock stays in the lock table after\n"
-     "the tool ends, until unlocked.",
-     {{"--shared", false}, {"--try", false}}, 1, 1,
-     [](CommandLine& cl) { return cmdLock(dirOf(cl), cl.arg(0), cl.has("--shared"), cl.has("--try")); }},
+     "--try (fail at once) or --wait (fail after SECONDS); then exit 5, naming the\n"
+     "holder. The lock stays in the lock table after the tool ends, until unlocked.",
+     {{"--shared", false}, {"--try", false}, {"--wait", true}}, 1, 1,
+     [](CommandLine& cl) {
+         if (cl.has("--try") && cl.has("--wait")) usageError("lock: --try and --wait exclude each other", "lock");
+         return cmdLock(dirOf(cl), cl.arg(0), cl.has("--shared"), cl.has("--try") ? 0 : waitOf(cl, -1));
+     }},
     {"unlock", "PATH", "Release a lock on a component.", {}, 1, 1,
      [](CommandLine& cl) { return cmdUnlock(dirOf(cl), cl.arg(0)); }},
     {"locks", "[--json]",
@@ -228,7 +290,8 @@ const std::vector<CommandSpec> kCommands = {
 
 const char kCommonOptions[] =
     "Options for every command:\n"
-    "  -d DIR, --dir DIR   the database directory (create also takes it as its argument)\n"
+    "  -d DIR, --dir DIR   the database directory (default $KESDB_DIR; create also takes it\n"
+    "                      as its argument)\n"
     "  -q, --quiet         drop the library's diagnostics (else they go to standard error)\n"
     "  --lib-dir DIR       directory of the driver and hook libraries (default: $KESDB_LIB_DIR,\n"
     "                      else the installed ../lib/kesdbm beside the kesdb program, else\n"
@@ -244,6 +307,12 @@ const char kMore[] =
     "Paths are written /net/port; / is the root. Standard output carries only what a\n"
     "command prints; errors and the library's diagnostics go to standard error.\n"
     "\n"
+    "Commands that change values (set, reset, factory-to-default, import) hold the exclusive\n"
+    "lock of each component they change, waiting up to --wait SECONDS (default 10) for\n"
+    "another holder; then they fail with status 5, naming the holder. Reads (get, show,\n"
+    "diff, describe, export, print) leave nothing in DIR; --no-hooks starts the database\n"
+    "without hooks (a device image's, whose hooks are built for the target).\n"
+    "\n"
     "Description (JSON): {\"children\": [COMPONENT, ...]}\n"
     "  node: {\"name\": N, \"children\": [COMPONENT, ...]}\n"
     "  leaf: {\"name\": N, \"type\": T, \"size\": S, \"current\": V, \"default\": V, \"factory\": V,\n"
@@ -257,10 +326,11 @@ const char kMore[] =
     "  a later sibling's name (the path search would stop at the node).\n"
     "\n"
     "Environment:\n"
-    "  KESDB_DBTABLE   database table (default DIR/db.tbl)\n"
-    "  SIM_BYTE_ORDER  byte-order rule of the library (default here BIG_ENDIAN, the order in\n"
-    "                  which the free lists are read back on this host and on the target)\n"
+    "  KESDB_DIR       database directory (see -d)\n"
     "  KESDB_LIB_DIR   library directory (see --lib-dir)\n"
+    "The database is started from its directory as applications start it (kesDBMInitDir):\n"
+    "its table is DIR/db.tbl, its files are named relative to DIR, and KESDB_DBTABLE,\n"
+    "KESDB_DEFMEDIA and SIM_BYTE_ORDER are not read.\n"
     "\n";
 
 std::string indented(const char* text, const char* indent) {
@@ -312,7 +382,7 @@ CommandLine parse(const std::vector<std::string>& argv) {
             if (i + 1 >= argv.size()) usageError(option + " needs a value", cl.command ? cl.command->name : "");
             return argv[++i];
         };
-        if (optionsEnded || a.empty() || a[0] != '-' ||
+        if (optionsEnded || a.empty() || a == "-" || a[0] != '-' ||
             (a.size() > 1 && a[1] != '-' && a != "-d" && a != "-h" && a != "-q")) {
             // An argument ("-5" too): the command first, then its arguments.
             if (!cl.command) {
@@ -348,6 +418,11 @@ CommandLine parse(const std::vector<std::string>& argv) {
             if (!option) usageError((cmd.empty() ? "" : cmd + ": ") + "unknown option " + name, cmd);
             if (!option->takesValue && eq != std::string::npos) usageError(name + " takes no value", cmd);
             cl.options[name].push_back(option->takesValue ? value(name, eq) : "");
+            for (int more = 1; more < option->takesValue; ++more) {
+                if (i + 1 >= argv.size())
+                    usageError(name + " needs " + std::to_string(option->takesValue) + " values", cmd);
+                cl.options[name].push_back(argv[++i]);
+            }
         }
     }
     return cl;
@@ -377,10 +452,6 @@ int run(const std::vector<std::string>& argv) {
 int main(int argc, char** argv) {
     kesdb::installSignalHandlers();
     kesdb::separateOutput();
-    // The free-list allocator writes its elements byte-reversed under "LITTLE_ENDIAN" (and,
-    // when this is unset, on a little-endian host) but reads them back unconverted; in
-    // BIG_ENDIAN they are written as read, which is right on this host and on the target.
-    setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 0);
     int status = kesdb::kExitOk;
     try {
         status = kesdb::run(std::vector<std::string>(argv + 1, argv + argc));

@@ -104,25 +104,8 @@ void buildLeaf(Database& db, const Item& it, uint32_t parent, uint32_t previous,
 // children keep the description's order.
 void build(Database& db, const std::vector<Item>& items, uint32_t parent, const std::string& parentPath, int depth,
            Progress* progress) {
-    Session& s = db.s;
     uint32_t previous = 0;
-    for (const Item& it : items) {
-        checkInterrupted();
-        if (progress) progress->step();
-        const std::string path = childPath(parentPath, it.name);
-        const std::string stored = depth == 1 ? it.name : "/" + it.name;
-        const uint32_t name = kesDBMCreateString(&s, stored.c_str(), db.param().stringMedium);
-        if (name == 0) libraryFailure(s, "cannot store the name of " + path);
-        uint32_t key = 0;
-        if (it.leaf) {
-            buildLeaf(db, it, parent, previous, name, path, key);
-        } else {
-            key = kesDBMCreateNode(&s, name, parent, previous, 0);
-            if (key == 0) libraryFailure(s, "cannot create node " + path);
-            build(db, it.children, key, path, depth + 1, progress);
-        }
-        previous = key;
-    }
+    for (const Item& it : items) previous = buildComponent(db, it, parent, previous, parentPath, depth, progress);
 }
 
 // The record and the data of the `which` value of the leaf at `path`.
@@ -294,6 +277,26 @@ void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, 
 
 }  // namespace
 
+uint32_t buildComponent(Database& db, const Item& it, uint32_t parent, uint32_t previous, const std::string& parentPath,
+                        int depth, Progress* progress) {
+    Session& s = db.s;
+    checkInterrupted();
+    if (progress) progress->step();
+    const std::string path = childPath(parentPath, it.name);
+    const std::string stored = depth == 1 ? it.name : "/" + it.name;
+    const uint32_t name = kesDBMCreateString(&s, stored.c_str(), db.param().stringMedium);
+    if (name == 0) libraryFailure(s, "cannot store the name of " + path);
+    uint32_t key = 0;
+    if (it.leaf) {
+        buildLeaf(db, it, parent, previous, name, path, key);
+    } else {
+        key = kesDBMCreateNode(&s, name, parent, previous, 0);
+        if (key == 0) libraryFailure(s, "cannot create node " + path);
+        build(db, it.children, key, path, depth + 1, progress);
+    }
+    return key;
+}
+
 void makeRoot(Database& db) {
     Session& s = db.s;
     NodeRecord root{};
@@ -412,6 +415,26 @@ json leafJson(const Item& it) {
 void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit) {
     size_t visited = 0;
     leavesBelow(db, key, path, 1, visited, visit);
+}
+
+std::string subtreeText(const std::string& description, const std::string& path) {
+    json top = json::parse(description);
+    json* level = &top;
+    size_t at = 1;
+    while (at < path.size()) {
+        const size_t slash = path.find('/', at);
+        const std::string name = path.substr(at, slash == std::string::npos ? std::string::npos : slash - at);
+        at = slash == std::string::npos ? path.size() : slash + 1;
+        if (name.empty()) continue;
+        json kept = json::array();
+        for (json& c : (*level)["children"])
+            if (c["name"] == name) kept.push_back(std::move(c));
+        if (kept.empty()) fail("unknown path " + path, kExitNoPath);
+        (*level)["children"] = std::move(kept);
+        level = &(*level)["children"][0];
+        if (!level->contains("children")) break;
+    }
+    return top.dump(2) + "\n";
 }
 
 }  // namespace kesdb

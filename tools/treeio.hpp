@@ -34,9 +34,19 @@ void makeRoot(Database& db);
 // `progress` when one is given.
 void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks, Progress* progress = nullptr);
 
+// Creates one component (a node with everything below it) under `parent`, behind the
+// sibling `previous` (0: at the head of the list), `depth` levels below the root (1 for
+// the root's children). Returns its key; fails as importInto does.
+uint32_t buildComponent(Database& db, const Item& it, uint32_t parent, uint32_t previous, const std::string& parentPath,
+                        int depth, Progress* progress = nullptr);
+
 // The tree below the root as a description, ending with a newline; each component read
 // is a step of `progress` when one is given.
 std::string exportText(Database& db, Progress* progress = nullptr);
+
+// Of such a description, only the component at `path` with its ancestors (each with that
+// one child), so that it can be merged back (import --merge).
+std::string subtreeText(const std::string& description, const std::string& path);
 
 // Number of components in `items`, their descendants included.
 uint64_t countItems(const std::vector<Item>& items);

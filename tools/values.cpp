@@ -20,33 +20,6 @@ constexpr TypeName kTypes[] = {{"Generic", Generic}, {"String", String}, {"Sint8
                                {"Sint32", Sint32},   {"Sint64", Sint64}, {"Uint8", Uint8},     {"Uint16", Uint16},
                                {"Uint32", Uint32},   {"Uint64", Uint64}, {"Float32", Float32}, {"Float64", Float64}};
 
-// Calls f with a value of the numeric type `type` (numeric codes only).
-template <class F>
-auto withType(uint32_t type, F&& f) {
-    switch (type) {
-        case Sint8:
-            return f(int8_t{});
-        case Sint16:
-            return f(int16_t{});
-        case Sint32:
-            return f(int32_t{});
-        case Sint64:
-            return f(int64_t{});
-        case Uint8:
-            return f(uint8_t{});
-        case Uint16:
-            return f(uint16_t{});
-        case Uint32:
-            return f(uint32_t{});
-        case Uint64:
-            return f(uint64_t{});
-        case Float32:
-            return f(float{});
-        default:
-            return f(double{});
-    }
-}
-
 template <class T>
 std::string bytesOf(T v) {
     return std::string(reinterpret_cast<const char*>(&v), sizeof v);

@@ -10,6 +10,33 @@
 
 namespace kesdb {
 
+// Calls f with a value of the numeric type `type` (numeric codes only).
+template <class F>
+auto withType(uint32_t type, F&& f) {
+    switch (type) {
+        case Sint8:
+            return f(int8_t{});
+        case Sint16:
+            return f(int16_t{});
+        case Sint32:
+            return f(int32_t{});
+        case Sint64:
+            return f(int64_t{});
+        case Uint8:
+            return f(uint8_t{});
+        case Uint16:
+            return f(uint16_t{});
+        case Uint32:
+            return f(uint32_t{});
+        case Uint64:
+            return f(uint64_t{});
+        case Float32:
+            return f(float{});
+        default:
+            return f(double{});
+    }
+}
+
 const char* typeName(uint32_t type);
 bool typeByName(const std::string& name, uint32_t& type);
 bool isNumeric(uint32_t type);

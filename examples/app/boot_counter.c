@@ -4,8 +4,10 @@
  *   kesdbm_boot_counter DIR
  *
  * On its first run it prepares the database in DIR (one medium file reached through the
- * installed named-file driver); every run starts the library, increments /boot/count, prints
- * the settings and shuts down. The shared tables live in DIR too (KESDB_DBTABLE=DIR/db.tbl). */
+ * installed named-file driver); every run starts the database from its directory, increments
+ * /boot/count, prints the settings and shuts down. The shared tables live in DIR too, and DIR
+ * may be moved or copied: its files name each other relative to it. A database made with
+ * "kesdb create DIR" is started the same way, with kesDBMInitDir(DIR). */
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -29,24 +31,19 @@ static const char *path(const char *name) {
     return p;
 }
 
-static DBMInitParam parameters(void) {
-    DBMInitParam p;
-    memset(&p, 0, sizeof p);
-    snprintf(p.sessionTablePath, sizeof p.sessionTablePath, "%s", path("session.tbl"));
-    snprintf(p.lockTablePath, sizeof p.lockTablePath, "%s", path("lock.tbl"));
-    snprintf(p.mediaConfigPath, sizeof p.mediaConfigPath, "%s", path("media.conf"));
-    snprintf(p.hookConfigPath, sizeof p.hookConfigPath, "%s", path("hook.conf"));
-    /* All four kinds of record in one medium: media-table entry 1, the first configured driver. */
-    p.componentMedium = p.valueMedium = p.constraintMedium = p.stringMedium = 1;
-    return p;
-}
-
-/* The media configuration: the installed file driver on DIR/settings.med; no hooks. */
+/* The descriptor (the start-up parameter block: tables and configuration files relative to
+ * DIR; all four kinds of record in one medium, media-table entry 1, the first configured
+ * driver) and the media configuration: the installed file driver on settings.med; no hooks. */
 static int writeConfiguration(void) {
+    FILE *descriptor = fopen(path("kesdb.conf"), "w");
+    if (!descriptor) return -1;
+    fputs("session=session.tbl\nlock=lock.tbl\nmedia=media.conf\nhook=hook.conf\n"
+          "component=1\nvalue=1\nconstraint=1\nstring=1\n", descriptor);
+    if (fclose(descriptor) != 0) return -1;
     FILE *media = fopen(path("media.conf"), "w");
     if (!media) return -1;
     fprintf(media, "%s/libkesdrv_file.so fileMedia_open fileMedia_close fileMedia_read fileMedia_write "
-                   "fileMedia_seek fileMedia_sync %s\n", KESDBM_MODULE_DIR, path("settings.med"));
+                   "fileMedia_seek fileMedia_sync settings.med\n", KESDBM_MODULE_DIR);
     if (fclose(media) != 0) return -1;
     FILE *hooks = fopen(path("hook.conf"), "w");
     return hooks && fclose(hooks) == 0 ? 0 : -1;
@@ -86,21 +83,16 @@ int main(int argc, char **argv) {
         perror(g_dir);
         return 1;
     }
-    setenv("KESDB_DBTABLE", path("db.tbl"), 1);
-    /* Free lists in the target's (big-endian) order also on a little-endian development host. */
-    setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 0);
-
     int fresh = access(path("settings.med"), F_OK) != 0;
     if (fresh && (kesdb_layMedium(path("settings.med"), 16 * 1024, 0) != 0 || writeConfiguration() != 0)) {
         fprintf(stderr, "cannot prepare the database in %s\n", g_dir);
         return 1;
     }
 
-    DBMInitParam param = parameters();
     int32_t err = 0;
-    int32_t id = kesDBMInit(&param, &err);
+    int32_t id = kesDBMInitDir(g_dir, &err);
     if (id < 0) {
-        printf("kesDBMInit: %d %s\n", err, kesdb_errorName(err));
+        printf("kesDBMInitDir: %d %s: %s\n", err, kesdb_errorName(err), kesDBMInitDirFailure());
         return 2;
     }
     Session s;

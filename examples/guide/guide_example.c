@@ -4,9 +4,10 @@
  *
  *   guide_example DIR [MODULEDIR]
  *
- * DIR is created if needed and holds everything: the four media files, both configuration
- * files and the three shared tables (KESDB_DBTABLE is set to DIR/db.tbl, so the system-wide
- * default table is never touched). MODULEDIR is the directory of the installed medium driver
+ * DIR is created if needed and holds everything: the four media files, the descriptor and
+ * both configuration files, and the three shared tables. The database is started from its
+ * directory (kesDBMInitDir), which names its files relative to it; the system-wide default
+ * table is never touched. MODULEDIR is the directory of the installed medium driver
  * and sample hooks (libkesdrv_file.so, libkeshook_sample.so); its default is compiled in. */
 #include <errno.h>
 #include <stdio.h>
@@ -43,11 +44,22 @@ static int32_t show(const char *what, int32_t rc) {
 
 /* ---- 1. Preparing a database -------------------------------------------------------------
  * Four media files, one per kind of record, each laid down with its header and one free
- * element; the media configuration names the file driver for each, the hook configuration
- * one entry of the sample hook library (hook index 1). */
+ * element; the media configuration names the file driver for each (medium names relative to
+ * the directory), the hook configuration one entry of the sample hook library (hook index 1),
+ * and the descriptor kesdb.conf the start-up parameter block: the table and configuration
+ * files, and the media-table index of each kind of record (entry 0 is the built-in medium;
+ * the configured drivers follow, 1..4). "kesdb create DIR --files" makes the same layout. */
+static const char kDescriptor[] = "session=session.tbl\nlock=lock.tbl\nmedia=media.conf\nhook=hook.conf\n"
+                                  "component=1\nvalue=2\nconstraint=3\nstring=4\n";
+
 static const char *const kMedia[4] = {"components.med", "values.med", "constraints.med", "strings.med"};
 
 static int prepare(const char *moduleDir) {
+    FILE *descriptor = fopen(path("kesdb.conf"), "w");
+    if (!descriptor || fputs(kDescriptor, descriptor) < 0 || fclose(descriptor) != 0) {
+        perror("kesdb.conf");
+        return -1;
+    }
     FILE *media = fopen(path("media.conf"), "w");
     FILE *hooks = fopen(path("hook.conf"), "w");
     if (!media || !hooks) {
@@ -66,30 +78,14 @@ static int prepare(const char *moduleDir) {
         }
         fprintf(media, "%s/libkesdrv_file.so fileMedia_open fileMedia_close fileMedia_read fileMedia_write "
                        "fileMedia_seek fileMedia_sync %s\n",
-                moduleDir, path(kMedia[i]));
+                moduleDir, kMedia[i]);
     }
     /* Hook 1: the sample write policy before every write; no other hook function. */
     fprintf(hooks, "%s/libkeshook_sample.so policy_preSet NULL NULL NULL\n", moduleDir);
     int bad = fclose(media) != 0;
     bad |= fclose(hooks) != 0;
-    printf("prepared 4 media of 64 KiB, media.conf and hook.conf\n");
+    printf("prepared 4 media of 64 KiB, kesdb.conf, media.conf and hook.conf\n");
     return bad ? -1 : 0;
-}
-
-/* The start-up parameter block: table and configuration paths, and the media-table index of
- * each kind of record (entry 0 is the built-in medium; the configured drivers follow, 1..4). */
-static DBMInitParam parameters(void) {
-    DBMInitParam p;
-    memset(&p, 0, sizeof p);
-    snprintf(p.sessionTablePath, sizeof p.sessionTablePath, "%s", path("session.tbl"));
-    snprintf(p.lockTablePath, sizeof p.lockTablePath, "%s", path("lock.tbl"));
-    snprintf(p.mediaConfigPath, sizeof p.mediaConfigPath, "%s", path("media.conf"));
-    snprintf(p.hookConfigPath, sizeof p.hookConfigPath, "%s", path("hook.conf"));
-    p.componentMedium = 1;
-    p.valueMedium = 2;
-    p.constraintMedium = 3;
-    p.stringMedium = 4;
-    return p;
 }
 
 /* A name in the string table. */
@@ -238,21 +234,17 @@ int main(int argc, char **argv) {
         perror(g_dir);
         return 1;
     }
-    /* The shared tables live in DIR. On a little-endian development host the free lists are
-     * kept in the target's order (see the guide); on the big-endian target this changes nothing. */
-    setenv("KESDB_DBTABLE", path("db.tbl"), 1);
-    setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 0);
+    /* A fresh start: no tables left from an earlier run. */
     for (int i = 0; i < 3; ++i) unlink(path((const char *[]){"db.tbl", "session.tbl", "lock.tbl"}[i]));
 
     printf("1. prepare\n");
     if (prepare(moduleDir) != 0) return 1;
 
     printf("2. start up and open sessions\n");
-    DBMInitParam p = parameters();
     int32_t err = 0;
-    int32_t id = kesDBMInit(&p, &err);
+    int32_t id = kesDBMInitDir(g_dir, &err);
     if (id < 0) {
-        printf("kesDBMInit failed: %d %s\n", err, kesdb_errorName(err));
+        printf("kesDBMInitDir failed: %d %s: %s\n", err, kesdb_errorName(err), kesDBMInitDirFailure());
         return 2;
     }
     Session a, b;

@@ -75,6 +75,65 @@ KESDB_API int32_t kesDBMInit(const DBMInitParam *param, int32_t *errorWord);
  * @return 0, or the first non-zero result in that order (#KESDB_ERR_MUNMAP, a semaphore code).
  */
 KESDB_API int32_t kesDBMTerm(uint32_t dbId);
+
+/**
+ * Extension: starts the database of a database directory, such as one made by
+ * "kesdb create DIR", exactly as the kesdb tool starts it, whatever the caller's working
+ * directory and environment. The directory's descriptor "kesdb.conf" (key=value lines:
+ * session, lock, media, hook: file names; component, value, constraint, string, reserved:
+ * the start-up parameter block's words; defmedia: the built-in medium's file, optional)
+ * gives the parameter block, with every relative name taken relative to the directory, so a
+ * copied or moved directory works where it lands. The database table is DIR/db.tbl
+ * ($KESDB_DBTABLE is not read), the built-in medium is the descriptor's file ($KESDB_DEFMEDIA
+ * is not read), names without a leading '/' in media.conf (medium names, and driver and hook
+ * libraries named with a '/') are relative to the directory, and free-list elements are
+ * written in host order ($SIM_BYTE_ORDER is not read). Every process that starts a directory
+ * so gets the same database id, and the id stays the same as long as the directory's
+ * database table exists, so component locks exclude each other across all of them.
+ *
+ * One database directory per process: the library keeps one media table, hook table and
+ * database table per process, so a process that has started one directory (or anything with
+ * kesDBMInit()) is refused another directory with #KESDB_ERR_DIR_OTHER until it has shut
+ * down everything it started. Starting the same directory again only counts, as with
+ * kesDBMInit(). A failed start-up undoes its own steps, leaving the process as before.
+ * Shut down with kesDBMTerm(). kesDBMInitDirFailure() tells what failed.
+ * @param dir The database directory.
+ * @param errorWord Receives the code when the call fails; left untouched on success.
+ * @return The database id (1..31), or -1 with the code in @p errorWord: the codes of
+ *         kesDBMInit(), #KESDB_ERR_DIR_BAD or #KESDB_ERR_DIR_OTHER.
+ */
+KESDB_API int32_t kesDBMInitDir(const char *dir, int32_t *errorWord);
+
+/** kesDBMInitDirEx() flag: start without hooks (hook indexes of leaves then name no hook). */
+#define KESDB_DIR_NO_HOOKS 1u
+
+/** Extension: options of kesDBMInitDirEx(). */
+typedef struct DBMDirOptions {
+    uint32_t flags;        /**< #KESDB_DIR_NO_HOOKS or 0. */
+    const char *tableDir;  /**< Directory of the database, session and lock tables instead of the
+                                database directory (a private one leaves nothing in it); NULL: none. */
+    const char *driverDir; /**< Directory whose driver libraries replace those media.conf names,
+                                by base name, where it has one (the host's own drivers for a
+                                device image's database); NULL: none. */
+} DBMDirOptions;
+
+/**
+ * Extension: kesDBMInitDir() with options, for inspecting a database prepared for another
+ * machine (its hooks and drivers built for that one). A process started with some options is
+ * refused the same directory with others (#KESDB_ERR_DIR_OTHER).
+ * @param dir The database directory.
+ * @param options The options; NULL for none (as kesDBMInitDir()).
+ * @param errorWord Receives the code when the call fails.
+ * @return As kesDBMInitDir().
+ */
+KESDB_API int32_t kesDBMInitDirEx(const char *dir, const DBMDirOptions *options, int32_t *errorWord);
+
+/**
+ * Extension: what made the last kesDBMInitDir() or kesDBMInitDirEx() of this process fail.
+ * @return One line of text naming the file, library or directory ("cannot load the driver
+ *         /usr/lib/kesdbm/libkesdrv_file.so: ..."); the empty string after a success.
+ */
+KESDB_API const char *kesDBMInitDirFailure(void);
 /** @} */
 
 /** @name Value access

@@ -113,6 +113,8 @@ typedef struct Session {
 #define KESDB_ERR_NULLARG 89 /**< A required pointer argument is null (detail 0; nothing is recorded for a null session). */
 #define KESDB_ERR_DB_MUTEX 95 /**< The database table's mutex could not be taken (start-up). */
 #define KESDB_ERR_COMP_NOMATCH 100 /**< A component's name is not a prefix of the searched path, or an absolute path was not found (detail: the component's key, or unchanged). */
+#define KESDB_ERR_DIR_BAD 110 /**< Extension: the directory is not a database directory (no readable kesdb.conf, a line or a value of it not valid, a name too long) (start-up). */
+#define KESDB_ERR_DIR_OTHER 111 /**< Extension: the process has started another database, or this directory with other options (start-up). */
 /** @} */
 
 /** Entries of the session table (entry 0 unused, so 1024 sessions at most). */

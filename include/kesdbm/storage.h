@@ -482,6 +482,24 @@ KESDB_API int32_t flst_m_setRoot(Session *s, uint32_t medium, uint32_t root);
  */
 KESDB_API int32_t kesdb_layMedium(const char *path, uint32_t size, uint32_t root);
 
+/**
+ * Extension, for tools: the file the built-in medium opens now.
+ * @return The descriptor's file of a database started from its directory (kesDBMInitDir()),
+ *         else $KESDB_DEFMEDIA; NULL when neither names one.
+ */
+KESDB_API const char *kesdb_defMediaFile(void);
+
+/**
+ * Extension, for tools: the start-up parameter block kesDBMInitDirEx() would start @p dir
+ * with, without starting anything.
+ * @param dir The database directory.
+ * @param options As for kesDBMInitDirEx(); NULL for none.
+ * @param param Receives the block.
+ * @return 0, #KESDB_ERR_NULLARG, #KESDB_ERR_NOMEM or #KESDB_ERR_DIR_BAD (the cause in
+ *         kesDBMInitDirFailure()).
+ */
+KESDB_API int32_t kesdb_dirParam(const char *dir, const DBMDirOptions *options, DBMInitParam *param);
+
 #ifdef __cplusplus
 }
 #endif

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,11 +20,8 @@ namespace kt {
 
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/kesdbm-test-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (!mkdtemp(buffer.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = buffer.data();
+    path_ = std::string(base && *base ? base : "/tmp") + "/kesdbm-test-XXXXXX";
+    if (!mkdtemp(path_.data())) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() {
@@ -45,26 +43,23 @@ std::string readFile(const std::string& path) {
 
 std::vector<uint8_t> readBytes(const std::string& path, uint32_t offset, uint32_t length) {
     std::vector<uint8_t> bytes(length);
-    int fd = open(path.c_str(), O_RDONLY);
-    if (fd < 0) return {};
-    ssize_t n = pread(fd, bytes.data(), length, offset);
-    close(fd);
+    const int fd = open(path.c_str(), O_RDONLY);
+    const ssize_t n = fd < 0 ? 0 : pread(fd, bytes.data(), length, offset);
+    if (fd >= 0) close(fd);
     bytes.resize(n < 0 ? 0 : static_cast<size_t>(n));
     return bytes;
 }
 
 uint32_t readWord(const std::string& path, uint32_t offset) {
-    std::vector<uint8_t> bytes = readBytes(path, offset, 4);
+    const std::vector<uint8_t> bytes = readBytes(path, offset, 4);
     uint32_t word = 0;
-    if (bytes.size() == 4) std::memcpy(&word, bytes.data(), 4);
-    return word;
+    return bytes.size() == 4 ? (std::memcpy(&word, bytes.data(), 4), word) : 0;
 }
 
 void writeBytes(const std::string& path, uint32_t offset, const void* data, uint32_t length) {
-    int fd = open(path.c_str(), O_WRONLY);
-    if (fd < 0) return;
-    if (pwrite(fd, data, length, offset) != static_cast<ssize_t>(length)) perror("pwrite");
-    close(fd);
+    const int fd = open(path.c_str(), O_WRONLY);
+    if (fd < 0 || pwrite(fd, data, length, offset) != static_cast<ssize_t>(length)) perror(path.c_str());
+    if (fd >= 0) close(fd);
 }
 
 std::string libPath(const std::string& fileName) { return std::string(KT_LIB_DIR) + "/" + fileName; }
@@ -106,11 +101,9 @@ pid_t spawnProgram(const TempDir& dir, const std::string& fileName, const std::v
 }
 
 Outcome finishProgram(const TempDir& dir, pid_t pid, const std::string& tag) {
-    int status = 0;
-    waitpid(pid, &status, 0);
+    const int code = waitChild(pid);
     const std::string outFile = dir.file(".out" + tag), errFile = dir.file(".err" + tag);
-    Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(outFile),
-              readFile(errFile)};
+    Outcome r{code, readFile(outFile), readFile(errFile)};
     unlink(outFile.c_str());
     unlink(errFile.c_str());
     return r;
@@ -148,12 +141,8 @@ std::string captureStdout(const std::function<void()>& body) {
     fflush(stdout);
     dup2(saved, STDOUT_FILENO);
     close(saved);
-    std::string text;
-    off_t size = lseek(capture, 0, SEEK_END);
-    if (size > 0) {
-        text.resize(static_cast<size_t>(size));
-        if (pread(capture, text.data(), text.size(), 0) != size) text.clear();
-    }
+    std::string text(static_cast<size_t>(std::max<off_t>(lseek(capture, 0, SEEK_END), 0)), '\0');
+    if (pread(capture, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) text.clear();
     close(capture);
     return text;
 }
@@ -167,9 +156,9 @@ int timeScale() {
 pid_t forkChild(const std::function<int()>& body) {
     fflush(stdout);
     fflush(stderr);
-    pid_t pid = fork();
+    const pid_t pid = fork();
     if (pid == 0) {
-        int code = body();
+        const int code = body();
         fflush(stdout);
         _exit(code);
     }
@@ -179,9 +168,7 @@ pid_t forkChild(const std::function<int()>& body) {
 int waitChild(pid_t pid) {
     int status = 0;
     if (waitpid(pid, &status, 0) != pid) return -1;
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
 int runChild(const std::function<int()>& body) { return waitChild(forkChild(body)); }

@@ -58,6 +58,11 @@ inline uint32_t u32Of(Session* s, uint32_t valueKey) {
     int32_t length = 4;
     return value_getGeneric(s, valueKey, &v, &length) == 0 ? v : 0xDEADBEEFu;
 }
+// The Uint32 current value of a leaf, or 0xDEADBEEF when it cannot be read.
+inline uint32_t leafU32(Session* s, uint32_t leafKey) {
+    uint32_t v = 0;
+    return kesDBMGetUint32(s, leafKey, &v) == 0 ? v : 0xDEADBEEFu;
+}
 
 // The children of a node in list order (at most `limit`, so a damaged list cannot hang a test).
 inline std::vector<uint32_t> children(Session* s, uint32_t key, size_t limit = 1000) {
