@@ -35,7 +35,7 @@ case "$target" in
 esac
 [ "$type" = MinSizeRel ] || build="$build-$type"
 
-cmake -S . -B "$build" "${toolchain[@]}" -DCMAKE_BUILD_TYPE="$type" -DKESDB_WERROR=ON \
+cmake --no-warn-unused-cli -S . -B "$build" "${toolchain[@]}" -DCMAKE_BUILD_TYPE="$type" -DKESDB_WERROR=ON \
   -DKESDB_TESTS=OFF -DKESDB_TOOLS=OFF -DKESDB_BENCH=OFF >/dev/null
 cmake --build "$build" --target kesdbm kesosw -j"$(nproc 2>/dev/null || echo 2)" >/dev/null
 
