@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <string>
 
@@ -163,8 +164,8 @@ TEST(LayMedium, HeaderAndOneFreeElement) {
     kt::writeFile(path, std::string(500, 'x'));  // truncated and zeroed
     ASSERT_EQ(kesdb_layMedium(path.c_str(), 100, 0x40), 0);
     const uint32_t expect[6] = {0, 0, 0x40, 16, 0, 84};
-    Bytes image(reinterpret_cast<const uint8_t*>(expect), reinterpret_cast<const uint8_t*>(expect) + 24);
-    image.resize(100, 0);
+    Bytes image(100, 0);
+    std::memcpy(image.data(), expect, sizeof expect);
     EXPECT_EQ(kt::readBytes(path, 0, 200), image);
     ASSERT_EQ(kesdb_layMedium(path.c_str(), 24, 0), 0);  // the smallest serves one 8-byte block
     Session s{};
