@@ -47,7 +47,7 @@ fi
 jobs=$(nproc 2>/dev/null || echo 2)
 out=build-fuzz
 cmake -S fuzz -B "$out" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESDB_WERROR=ON >/dev/null
 cmake --build "$out" -j"$jobs" >/dev/null
 
 # The targets start a database under TMPDIR and remove it at exit.

@@ -94,10 +94,22 @@ int defMedia_sync(int descriptor, int32_t* errPtr, uint32_t syncArg) {
     return r;
 }
 
-MediaEntry media_table[KESDB_MEDIA_MAX] = {
-    {nullptr, defMediaName, 0u, defMedia_open, defMedia_close, defMedia_read, defMedia_write, defMedia_seek,
-     defMedia_sync},
-};
+// Entry 0 is filled when the library is loaded, before any caller can see the table: an
+// initialised table would take its whole size in the library file, a zeroed one none.
+MediaEntry media_table[KESDB_MEDIA_MAX];
+
+}  // extern "C"
+
+namespace {
+
+__attribute__((constructor)) void media_layBuiltIn() {
+    media_table[0] = {nullptr, defMediaName, 0u, defMedia_open, defMedia_close, defMedia_read, defMedia_write,
+                      defMedia_seek, defMedia_sync};
+}
+
+}  // namespace
+
+extern "C" {
 
 // Fills one table entry from one configuration line (already cut at its comment).
 // 0: entry complete; positive: error code; -1: the line is not usable.
