@@ -53,8 +53,10 @@ TEST_F(Create, MediaAreSizedAndGrow) {
         {{"create", "sized", "--size", "4096", "--from", "d.json"}, 0, ""},
         {{"check", "sized"}, 0, ""},
         {{"create", "nul", "--from", "nul.json"}, 2, "/a\\x00b: name contains a NUL character\n"},
+        {{"create", "big", "--from", "big.json"}, 2, "big.json: not valid JSON: number overflow parsing '8e999'"},
     };
     kt::writeFile(dir.file("nul.json"), R"({"children": [{"name": "a\u0000b", "type": "Uint8", "current": 1}]})");
+    kt::writeFile(dir.file("big.json"), R"({"children": [{"name": "a", "type": "Float64", "current": 8e999}]})");
     for (const Row& row : rows) {
         const Outcome r = kesdb(row.args);
         EXPECT_EQ(r.code, row.code) << ::testing::PrintToString(row.args) << "\n" << r.err;
