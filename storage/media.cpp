@@ -12,6 +12,7 @@
 
 #include "kesdbm/session.h"
 #include "kesdbm/storage.h"
+#include "storage/config_file.hpp"
 #include "storage/dir_state.hpp"
 #include "storage/medium_io.hpp"
 
@@ -177,7 +178,7 @@ int32_t media_init(const char* path) {
     if (mediaRefCount != 1) return 0;  // loaded by an earlier call; path is not looked at
     if (!path) return KESDB_ERR_MEDIA_CONFOPEN;
 
-    FILE* file = fopen(path, "r");
+    FILE* file = kes::openConfigFile(path);
     if (!file) return KESDB_ERR_MEDIA_CONFOPEN;
     char* line = static_cast<char*>(malloc(KESDB_CONF_LINE));
     if (!line) {
@@ -207,6 +208,7 @@ int32_t media_init(const char* path) {
 }
 
 int32_t media_term(void) {
+    if (mediaRefCount <= 0) return 0;  // more shut-downs than set-ups: nothing to undo
     --mediaRefCount;
     if (mediaRefCount != 0) return 0;
     for (int32_t i = 1; i < mediaCount; ++i) {

@@ -246,8 +246,6 @@ TEST_F(Tool, BadDescriptionIsRejectedAndLeavesNothing) {
         {R"({"children":[{"name":"net","children":[]},{"name":"network","type":"Uint8","current":1}]})",
          "/network: could not be found by its path behind the node /net"},
         {"{\"children\":[\n{\"name\":", "not valid JSON: parse error at line 2, column 9"},
-        // Valid, but too large for the medium: the library fails half-way through the build.
-        {many(40, "\"type\":\"String\",\"size\":200,\"current\":\"x\""), "kesdb: cannot create leaf /n", {"--size", "4096"}},
     };
     for (const auto& c : cases) {
         kt::writeFile(dir.file("bad.json"), c.json);
