@@ -152,25 +152,19 @@ TEST(Stress, ConcurrentProcessesLoseNoUpdateAndKeepTheTreeSound) {
         workers.push_back(kt::forkChild([&, i] { return Worker{l, area->proc[i], i}.run(db.param, area, rounds); }));
     for (int i = 0; i < 30000 && area->ready.load() < procs; ++i) usleep(1000);
     area->go.store(1);
-    bool allPassed = true;
-    for (int i = 0; i < procs; ++i) {
-        const int status = kt::waitChild(workers[i]);
-        EXPECT_EQ(status, 0) << area->proc[i].failure;
-        allPassed &= status == 0;
-    }
-    ASSERT_TRUE(allPassed);
+    for (int i = 0; i < procs; ++i) ASSERT_EQ(kt::waitChild(workers[i]), 0) << area->proc[i].failure;
     ASSERT_GT(db.start(), 0);
 
-    for (int c = 0; c < kCounters; ++c) {
-        uint32_t sum = 0;
-        for (int i = 0; i < procs; ++i) sum += area->proc[i].increments[c];
-        EXPECT_EQ(tk::leafU32(s, l.counters[c]), sum) << "counter " << c;
-    }
-    for (int i = 0; i < procs; ++i) expected.insert(area->proc[i].createdIds, area->proc[i].createdIds + area->proc[i].created);
+    uint32_t sums[kCounters] = {};
     for (int i = 0; i < procs; ++i) {
         const ProcLog& p = area->proc[i];
-        for (uint32_t k = 0; k < p.deleted; ++k) {
-            const auto it = expected.find(p.deletedIds[k]);
+        for (int c = 0; c < kCounters; ++c) sums[c] += p.increments[c];
+        expected.insert(p.createdIds, p.createdIds + p.created);
+    }
+    for (int c = 0; c < kCounters; ++c) EXPECT_EQ(tk::leafU32(s, l.counters[c]), sums[c]) << "counter " << c;
+    for (int i = 0; i < procs; ++i) {
+        for (uint32_t k = 0; k < area->proc[i].deleted; ++k) {
+            const auto it = expected.find(area->proc[i].deletedIds[k]);
             ASSERT_NE(it, expected.end()) << "deleted a leaf never created";
             expected.erase(it);
         }
