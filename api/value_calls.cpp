@@ -104,17 +104,15 @@ int32_t setGeneric(Session* s, uint32_t key, Slot slot, const void* data, int32_
     return 0;
 }
 
-// Typed calls: the natural length of the type, through the generic calls. The read does not
-// hand the number of bytes read back; a value shorter than the type fills only its first bytes.
-template <class T>
-int32_t getTyped(Session* s, uint32_t key, T* value) {
-    int32_t length = static_cast<int32_t>(sizeof(T));
-    return kesDBMGetGeneric(s, key, value, &length);
+// Typed calls: the natural length of the type, through the generic calls; one body for the
+// ten numeric types, told the width. The read does not hand the number of bytes read back;
+// a value shorter than the type fills only its first bytes.
+__attribute__((noinline)) int32_t getTyped(Session* s, uint32_t key, void* value, int32_t width) {
+    return kesDBMGetGeneric(s, key, value, &width);
 }
 
-template <class T>
-int32_t setTyped(Session* s, uint32_t key, T value) {
-    return kesDBMSetGeneric(s, key, &value, static_cast<int32_t>(sizeof(T)));
+__attribute__((noinline)) int32_t setTyped(Session* s, uint32_t key, const void* value, int32_t width) {
+    return kesDBMSetGeneric(s, key, value, width);
 }
 
 }  // namespace
@@ -156,8 +154,12 @@ int32_t kesDBMSetDefaultGeneric(Session* s, uint32_t key, const void* data, int3
 }
 
 #define KESDB_TYPED_CALLS(Name, T)                                                                       \
-    int32_t kesDBMGet##Name(Session* s, uint32_t key, T* value) { return getTyped<T>(s, key, value); } \
-    int32_t kesDBMSet##Name(Session* s, uint32_t key, T value) { return setTyped<T>(s, key, value); }
+    int32_t kesDBMGet##Name(Session* s, uint32_t key, T* value) {                                      \
+        return getTyped(s, key, value, static_cast<int32_t>(sizeof(T)));                                \
+    }                                                                                                   \
+    int32_t kesDBMSet##Name(Session* s, uint32_t key, T value) {                                       \
+        return setTyped(s, key, &value, static_cast<int32_t>(sizeof(T)));                               \
+    }
 
 KESDB_TYPED_CALLS(Float64, double)
 KESDB_TYPED_CALLS(Float32, float)

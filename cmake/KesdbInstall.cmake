@@ -3,7 +3,8 @@
 # Layout (relative to the prefix; GNUInstallDirs decides lib vs. lib64 or a multiarch dir):
 #   lib/libkesdbm.so.1.0.0, .so.1, .so         the library     (Runtime; .so: Development)
 #   lib/libkesosw.so.1.0.0, .so.1, .so         its wrapper     (Runtime; .so: Development)
-#   lib/kesdbm/libkesdrv_file.so               medium driver   (Runtime)
+#   lib/kesdbm/libkesdrv_file.so               medium drivers  (Runtime)
+#   lib/kesdbm/libkesdrv_mmap.so
 #   lib/kesdbm/libkeshook_sample.so            sample hooks    (Runtime)
 #   include/kesdbm/*.h                         public headers  (Development)
 #   lib/cmake/kesdbm/                          find_package(kesdbm)  (Development)
@@ -22,7 +23,7 @@ install(TARGETS kesdbm kesosw EXPORT kesdbmTargets
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 # Drivers and hook samples shipped for devices. The fault-injection driver is for tests only.
-set(KESDB_SHIPPED_MODULES kesdrv_file keshook_sample)
+set(KESDB_SHIPPED_MODULES kesdrv_file kesdrv_mmap keshook_sample)
 foreach(module ${KESDB_SHIPPED_MODULES})
   if(TARGET ${module})
     install(TARGETS ${module} EXPORT kesdbmTargets
@@ -49,7 +50,8 @@ install(DIRECTORY ${CMAKE_BINARY_DIR}/docs/html
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation OPTIONAL)
 
 # find_package(kesdbm): imported targets kesdbm::kesdbm (the library), kesdbm::kesosw and the
-# modules kesdbm::kesdrv_file, kesdbm::keshook_sample; KESDBM_MODULE_DIR names their directory.
+# modules kesdbm::kesdrv_file, kesdbm::kesdrv_mmap, kesdbm::keshook_sample; KESDBM_MODULE_DIR
+# names their directory.
 install(EXPORT kesdbmTargets NAMESPACE kesdbm:: FILE kesdbmTargets.cmake
   DESTINATION ${KESDB_CMAKE_DIR} COMPONENT Development)
 configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/kesdbmConfig.cmake.in

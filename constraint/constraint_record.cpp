@@ -122,31 +122,6 @@ using kes::cstrt::Detail;
 using kes::cstrt::kArraySeekCheck;
 using kes::cstrt::kMaxArrayBytes;
 
-namespace {
-
-// Range read-out and write-in by range code (2..11).
-struct RangeDataOps {
-    int32_t (*getData)(Session*, uint32_t, void*, uint32_t);
-    int32_t (*setData)(Session*, uint32_t, const void*, uint32_t);
-};
-
-constexpr RangeDataOps kRangeData[12] = {
-    {nullptr, nullptr},
-    {nullptr, nullptr},
-    {rangeS8_getData, rangeS8_setData},
-    {rangeS16_getData, rangeS16_setData},
-    {rangeS32_getData, rangeS32_setData},
-    {rangeS64_getData, rangeS64_setData},
-    {rangeU8_getData, rangeU8_setData},
-    {rangeU16_getData, rangeU16_setData},
-    {rangeU32_getData, rangeU32_setData},
-    {rangeU64_getData, rangeU64_setData},
-    {rangeF32_getData, rangeF32_setData},
-    {rangeF64_getData, rangeF64_setData},
-};
-
-}  // namespace
-
 extern "C" {
 
 int32_t constraint_init(void) { return 0; }
@@ -203,7 +178,7 @@ int32_t constraint_getData(Session* s, uint32_t key, void* buffer, uint32_t size
     if (!buffer) return kes::cstrt::nullArgument(s);
     ConstraintHeader h;
     if (!constraint_get(s, key, &h)) return 0;
-    if (kes::cstrt::isRangeCode(h.type)) return kRangeData[h.type].getData(s, key, buffer, size);
+    if (kes::cstrt::isRangeCode(h.type)) return kes::cstrt::rangeGetData(s, key, buffer, size, h.type);
     if (kes::cstrt::isEnumCode(h.type)) {
         EnumRecord r;
         if (!enum_get(s, key, &r)) return kes::lastError(s);
@@ -225,7 +200,7 @@ int32_t constraint_setData(Session* s, uint32_t key, const void* data, uint32_t 
     if (!data) return kes::cstrt::nullArgument(s);
     ConstraintHeader h;
     if (!constraint_get(s, key, &h)) return 0;
-    if (kes::cstrt::isRangeCode(h.type)) return kRangeData[h.type].setData(s, key, data, length);
+    if (kes::cstrt::isRangeCode(h.type)) return kes::cstrt::rangeSetData(s, key, data, length, h.type);
     if (kes::cstrt::isEnumCode(h.type)) {
         const uint32_t size = kes::cstrt::enumMemberSize(h.type);
         return enum_setData(s, key, size, length / size, data);

@@ -1,5 +1,5 @@
 // Enumeration constraints: the enumeration record, its data, and the membership test per
-// numeric type (one template, exported through thin wrappers).
+// numeric type (one body, exported through thin wrappers).
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -18,41 +18,53 @@ namespace {
 
 using kes::cstrt::Detail;
 
-// Membership test for members of type T guarding value type Code. Integers compare by
-// value in their width; floating-point members by IEEE equality (+0 == -0, a NaN equals
-// nothing).
-template <class T, uint32_t Code>
-int32_t checkEnum(Session* s, uint32_t key, uint32_t valueType, const void* data, int32_t length) {
-    static_assert(kes::cstrt::widthOfValueType(Code) == sizeof(T));
-    if (valueType != Code) return session_setError(s, KESDB_ERR_CSTRT_TYPE, 0);
+// Whether two members of value type `code` are equal. Integers compare by value in their
+// width, which is equality of their bytes; floating-point members by IEEE equality (+0 == -0,
+// a NaN equals nothing).
+bool sameMember(const unsigned char* a, const unsigned char* b, uint32_t code) {
+    if (code == 10) {
+        float x, y;
+        std::memcpy(&x, a, sizeof x);
+        std::memcpy(&y, b, sizeof y);
+        return x == y;
+    }
+    if (code == 11) {
+        double x, y;
+        std::memcpy(&x, a, sizeof x);
+        std::memcpy(&y, b, sizeof y);
+        return x == y;
+    }
+    return std::memcmp(a, b, kes::cstrt::widthOfValueType(code)) == 0;
+}
+
+// Membership test for members guarding value type `code` (2..11): one body for the family,
+// which differs only in the member width and in how two members compare.
+int32_t checkEnum(Session* s, uint32_t key, uint32_t valueType, const void* data, int32_t length, uint32_t code) {
+    if (valueType != code) return session_setError(s, KESDB_ERR_CSTRT_TYPE, 0);
     EnumRecord r;
     if (!enum_get(s, key, &r)) return kes::lastError(s);
     // The length must be the record's element size. A record whose element size is not
     // the member width of its type is refused the same way (65) before its array is read:
     // comparing it would step outside the copy of the array or the caller's data.
-    if (r.elementSize != static_cast<uint32_t>(length) || r.elementSize != sizeof(T))
+    const uint32_t width = kes::cstrt::widthOfValueType(code);
+    if (r.elementSize != static_cast<uint32_t>(length) || r.elementSize != width)
         return session_setError(s, KESDB_ERR_CSTRT_LENGTH, 0);
     if (!data) return kes::cstrt::nullArgument(s);
     void* copy = constraint_getEnumArray(s, r.arrayKey, r.elementSize, r.count);
     if (!copy) return kes::lastError(s);
-    T v;
-    std::memcpy(&v, data, sizeof v);
     const unsigned char* members = static_cast<const unsigned char*>(copy);
     bool found = false;
-    for (uint32_t i = 0; i < r.count && !found; ++i) {
-        T m;
-        std::memcpy(&m, members + static_cast<size_t>(i) * sizeof(T), sizeof m);
-        found = (m == v);
-    }
+    for (uint32_t i = 0; i < r.count && !found; ++i)
+        found = sameMember(members + static_cast<size_t>(i) * width, static_cast<const unsigned char*>(data), code);
     std::free(copy);
     return found ? 0 : session_setError(s, KESDB_ERR_CSTRT_NOTMEMBER, 0);
 }
 
 }  // namespace
 
-#define KES_ENUM_MEMBER(Suffix, T, Code)                                                                    \
+#define KES_ENUM_MEMBER(Suffix, Code)                                                                       \
     int32_t checkEnum##Suffix(Session* s, uint32_t key, uint32_t valueType, const void* data, int32_t length) { \
-        return checkEnum<T, Code>(s, key, valueType, data, length);                                          \
+        return checkEnum(s, key, valueType, data, length, Code);                                             \
     }
 
 extern "C" {
@@ -91,15 +103,15 @@ int32_t enum_setData(Session* s, uint32_t key, uint32_t size, uint32_t count, co
     return constraint_setEnumArray(s, r.arrayKey, size, count, data);
 }
 
-KES_ENUM_MEMBER(S8, int8_t, 2)
-KES_ENUM_MEMBER(S16, int16_t, 3)
-KES_ENUM_MEMBER(S32, int32_t, 4)
-KES_ENUM_MEMBER(S64, int64_t, 5)
-KES_ENUM_MEMBER(U8, uint8_t, 6)
-KES_ENUM_MEMBER(U16, uint16_t, 7)
-KES_ENUM_MEMBER(U32, uint32_t, 8)
-KES_ENUM_MEMBER(U64, uint64_t, 9)
-KES_ENUM_MEMBER(F32, float, 10)
-KES_ENUM_MEMBER(F64, double, 11)
+KES_ENUM_MEMBER(S8, 2)
+KES_ENUM_MEMBER(S16, 3)
+KES_ENUM_MEMBER(S32, 4)
+KES_ENUM_MEMBER(S64, 5)
+KES_ENUM_MEMBER(U8, 6)
+KES_ENUM_MEMBER(U16, 7)
+KES_ENUM_MEMBER(U32, 8)
+KES_ENUM_MEMBER(U64, 9)
+KES_ENUM_MEMBER(F32, 10)
+KES_ENUM_MEMBER(F64, 11)
 
 }  // extern "C"

@@ -69,4 +69,10 @@ int32_t writeRecord(Session* s, uint32_t key, const void* record, uint32_t size,
 // 62 (no block), 60 (short write, errno). True on success.
 bool newRecord(Session* s, void* record, uint32_t size, Detail openDetail, bool write);
 
+// Range data (min, max, step packed) of the range record at `key` whose range code is `code`
+// (2..11): read into `buffer` of `size` bytes (65 when it is too small), or written from
+// `data` of `length` bytes (65 unless it is exactly the data length).
+int32_t rangeGetData(Session* s, uint32_t key, void* buffer, uint32_t size, uint32_t code);
+int32_t rangeSetData(Session* s, uint32_t key, const void* data, uint32_t length, uint32_t code);
+
 }  // namespace kes::cstrt

@@ -62,7 +62,6 @@ struct Pool {
     }
 };
 
-
 Session* g_s = nullptr;
 
 // One operation; `comp`, `value`, `str` and `cstrt` pick from the four pools.
@@ -84,13 +83,10 @@ void run(Session* s, Pool& comp, Pool& value, Pool& str, Pool& cstrt, const Op& 
             if (op.b & 2) comp_searchByName(s, k, kf::kPaths[op.d % kf::kPathCount]);
             break;
         case 2: {
-            int32_t len = op.c % 65;
-            switch (op.b % 4) {
-                case 0: kesDBMGetGeneric(s, k, buf, &len); break;
-                case 1: kesDBMGetDefaultGeneric(s, k, buf, &len); break;
-                case 2: kesDBMGetFactoryGeneric(s, k, buf, &len); break;
-                default: kesDBMGetCreateListGeneric(s, k, buf, len); break;
-            }
+            int32_t len = op.c % 65, which = op.b % 4;
+            if (which == 3) kesDBMGetCreateListGeneric(s, k, buf, len);
+            if (which < 3) (which ? which == 1 ? kesDBMGetDefaultGeneric : kesDBMGetFactoryGeneric : kesDBMGetGeneric)(
+                               s, k, buf, &len);
             break;
         }
         case 3: (op.b & 1 ? kesDBMSetDefaultGeneric : kesDBMSetGeneric)(s, k, data, op.c % 33); break;
@@ -126,8 +122,7 @@ void run(Session* s, Pool& comp, Pool& value, Pool& str, Pool& cstrt, const Op& 
             break;
         case 6: kesDBMCopy(s, k, comp(op.b)); break;
         case 7:
-            (op.c % 3 == 0 ? kesDBMCurrentToDefault : op.c % 3 == 1 ? kesDBMFactoryToDefault : kesDBMDefaultToCurrent)(
-                s, k);
+            (op.c % 3 ? op.c % 3 == 1 ? kesDBMFactoryToDefault : kesDBMDefaultToCurrent : kesDBMCurrentToDefault)(s, k);
             break;
         case 8: (op.b & 1 ? kesDBMDeleteComponentWithSub : kesDBMDeleteComponent)(s, k); break;
         case 9: op.c & 1 ? kesDBMDeleteValue(s, value(op.a)) : kesDBMDeleteString(s, str(op.b)); break;
@@ -137,16 +132,13 @@ void run(Session* s, Pool& comp, Pool& value, Pool& str, Pool& cstrt, const Op& 
                                       op.g % 5));
             break;
         case 12:
-            if (op.g % 3 == 0) kesDBMMoveLeaf(s, k, comp(op.b), comp(op.c));
             if (op.g % 3 == 1) kesDBMMoveNode(s, k, comp(op.b), comp(op.c), op.f & 1 ? comp(op.d) : 0);
-            if (op.g % 3 == 2) kesDBMMoveSubTree(s, k, comp(op.b), comp(op.c));
+            else (op.g % 3 ? kesDBMMoveSubTree : kesDBMMoveLeaf)(s, k, comp(op.b), comp(op.c));
             break;
         case 13:
-            if (op.g & 1)
-                kesDBMSetConstraintKey(s, value(op.a), cstrt(op.b));
-            else
-                value.add(kesDBMCreateValue(s, op.b % 13, value.raw, op.c & 0x80 ? nullptr : data, op.c % 33,
-                                            op.d & 1 ? kf::kValueMedium : op.d % 6));
+            op.g & 1 ? kesDBMSetConstraintKey(s, value(op.a), cstrt(op.b))
+                     : value.add(kesDBMCreateValue(s, op.b % 13, value.raw, op.c & 0x80 ? nullptr : data, op.c % 33,
+                                                   op.d & 1 ? kf::kValueMedium : op.d % 6));
             break;
         case 14: {
             std::string name(op.c % 12, 'a');
@@ -173,11 +165,7 @@ void run(Session* s, Pool& comp, Pool& value, Pool& str, Pool& cstrt, const Op& 
                 default: kesDBMSetCurrentComponent(s, k); break;
             }
             break;
-        case 17:
-            value_print(s, value(op.a));
-            kesDBMGetType(s, comp(op.b));
-            kesDBMGetLength(s, comp(op.c));
-            break;
+        case 17: value_print(s, value(op.a)), kesDBMGetType(s, comp(op.b)), kesDBMGetLength(s, comp(op.c)); break;
         case 18:
             switch (op.c % 7) {
                 case 0: kesDBMSetStringKey(s, k, str(op.b)); break;
@@ -190,10 +178,8 @@ void run(Session* s, Pool& comp, Pool& value, Pool& str, Pool& cstrt, const Op& 
             }
             break;
         case 19:
-            if (op.g & 1)
-                flst_m_release(s, kf::kFirstMedium + op.b % kf::kMedia, k, op.c);
-            else
-                flst_m_get(s, kf::kFirstMedium + op.b % kf::kMedia, op.c + 1u);
+            op.g & 1 ? flst_m_release(s, kf::kFirstMedium + op.b % kf::kMedia, k, op.c)
+                     : flst_m_get(s, kf::kFirstMedium + op.b % kf::kMedia, op.c + 1u);
             break;
         case 20: {
             const uint32_t c = cstrt(op.a);
@@ -211,54 +197,35 @@ void run(Session* s, Pool& comp, Pool& value, Pool& str, Pool& cstrt, const Op& 
         }
         case 21: kesDBMSync(s, op.b % 6, value.raw); break;
         case 22:
-            if (op.c & 1)
-                value_copy2(s, value(op.a), value(op.b), op.d % 5);
-            else
-                value_copy(s, value(op.a), value(op.b));
+            op.c & 1 ? value_copy2(s, value(op.a), value(op.b), op.d % 5) : value_copy(s, value(op.a), value(op.b));
             break;
-        default:
-            kesdb_getString(s, str(op.a), text, op.c % 64 + 1);
-            kesDBMGetStringKey(s, k);
-            break;
+        default: kesdb_getString(s, str(op.a), text, op.c % 64 + 1), kesDBMGetStringKey(s, k);
     }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    kf::silenceStdout();
-    kf::preloadProjectLibraries();
     g_s = kf::startDatabase();
     kf::capAllocations();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const uint8_t* program = nullptr;
-    size_t programSize = 0;
-    kf::parseInput(data, size, kf::media(), &program, &programSize);
+    const size_t start = kf::parseInput(data, size);
     Session* s = g_s;
-    s->error = 0;
-    s->errorDetail = 0;
+    session_setError(s, 0, 0);
     s->current = kesDBMGetRoot(s);
 
     Pool pools[kf::kMedia];  // components, values, constraints, strings: as the media
-    const kf::Images& m = kf::media();
-    if (m.m[0].size() >= 12) {
-        uint32_t root;
-        memcpy(&root, m.m[0].data() + 8, sizeof root);
-        pools[0].add(root);
-    }
-    for (uint32_t i = 0; i < kf::kMedia; ++i) pools[i].scan(m.m[i]);
+    if (uint32_t root; kf::g_media[0].size() >= 12) pools[0].add((memcpy(&root, kf::g_media[0].data() + 8, 4), root));
+    for (uint32_t i = 0; i < kf::kMedia; ++i) pools[i].scan(kf::g_media[i]);
     size_t walkCount = 0;
-    for (size_t i = 0; i + 8 <= programSize && i / 8 < kMaxOps; i += 8) {
+    for (size_t i = start; i + 8 <= size && (i - start) / 8 < kMaxOps; i += 8) {
         Op op;
-        memcpy(&op, program + i, sizeof op);
+        memcpy(&op, data + i, sizeof op);
         if (op.walks() && ++walkCount > kMaxWalks) continue;
-        if (!(op.code & 0x80)) {
-            s->error = 0;
-            s->errorDetail = 0;
-        }
+        if (!(op.code & 0x80)) session_setError(s, 0, 0);
         for (Pool& p : pools) p.raw = op.raw();
         run(s, pools[0], pools[1], pools[3], pools[2], op);
         if (kf::openDescriptors() != 0) kf::fail("a medium was left open after a library call");

@@ -34,11 +34,8 @@ kf::Bytes everyOperation(uint8_t salt) {
 }
 
 kf::Bytes randomProgram(uint32_t& state, size_t ops) {
-    kf::Bytes p;
-    for (size_t i = 0; i < ops * 8; ++i) {
-        state = state * 1103515245u + 12345u;
-        p.push_back(static_cast<uint8_t>(state >> 16));
-    }
+    kf::Bytes p(ops * 8);
+    for (uint8_t& byte : p) byte = static_cast<uint8_t>((state = state * 1103515245u + 12345u) >> 16);
     return p;
 }
 
@@ -52,23 +49,19 @@ int main(int argc, char** argv) {
     const std::string dir = argv[1];
     for (const char* sub : {"", "/media", "/search", "/config"}) mkdir((dir + sub).c_str(), 0775);
 
-    kf::silenceStdout();
-    kf::preloadProjectLibraries();
     Session* s = kf::startDatabase();
 
     // Media: each seed database with several programs.
-    const std::pair<kf::Seed, const char*> seeds[] = {
-        {kf::Seed::Small, "small"}, {kf::Seed::Types, "types"}, {kf::Seed::Full, "full"}};
+    const std::pair<unsigned, const char*> seeds[] = {
+        {kf::kSeedSmall, "small"}, {kf::kSeedTypes, "types"}, {kf::kSeedFull, "full"}};
     uint32_t state = 1;
     for (const auto& [which, name] : seeds) {
         kf::buildSeedDatabase(s, which);
-        const kf::Images images = kf::media();
-        const std::string base = dir + "/media/" + name;
         std::vector<std::pair<std::string, kf::Bytes>> programs = {
             {"-none", {}}, {"-every", everyOperation(0)}, {"-every2", everyOperation(7)}};
         for (int i = 0; i < 4; ++i) programs.push_back({"-random" + std::to_string(i), randomProgram(state, 16)});
         for (const auto& [suffix, program] : programs)
-            writeText(base + suffix + ".bin", kf::serialize(images, program));
+            writeText(dir + "/media/" + name + suffix + ".bin", kf::serialize(kf::g_media, program));
     }
 
     // Search: paths.

@@ -19,6 +19,7 @@
 // library that does not exist.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -30,36 +31,27 @@ namespace kf {
 
 constexpr uint32_t kMedia = 4;           // components, values, constraints, strings
 constexpr uint32_t kFirstMedium = 1;     // media-table index of the component medium
-constexpr uint32_t kComponentMedium = 1, kValueMedium = 2, kConstraintMedium = 3, kStringMedium = 4;
+constexpr uint32_t kValueMedium = 2, kStringMedium = 4;
 constexpr size_t kMediumCap = 1u << 20;  // a write beyond this fails with ENOSPC
 
 using Bytes = std::vector<uint8_t>;
+using Images = std::array<Bytes, kMedia>;
 
-struct Images {
-    Bytes m[kMedia];
-};
-
-// The media the memory driver works on.
-Images& media();
+// The media the memory driver works on, and its successful writes so far.
+extern Images g_media;
+extern uint64_t g_writes;
 // Descriptors opened and not closed yet (0 between two library calls).
 int openDescriptors();
-// Number of successful writes since the counter was last cleared.
-uint64_t writes();
-void clearWrites();
 
-// Splits an input into the four images and the rest.
-void parseInput(const uint8_t* data, size_t size, Images& images, const uint8_t** rest, size_t* restSize);
+// Splits an input into the four images (into g_media) and the rest; the offset of the rest.
+size_t parseInput(const uint8_t* data, size_t size);
 // The input holding the images and `rest`.
 Bytes serialize(const Images& images, const Bytes& rest);
 
-// Sends standard output to /dev/null (the library's diagnostics), unless KESDB_FUZZ_VERBOSE
-// is set.
-void silenceStdout();
-// Path of one of the project's libraries in the build.
-std::string libPath(const std::string& fileName);
-// Keeps one reference to each project library, so the loads made by configuration lines only
-// raise the loader's count.
-void preloadProjectLibraries();
+// The start of every target: standard output goes to /dev/null (the library's diagnostics)
+// unless KESDB_FUZZ_VERBOSE is set, and one reference to each project library is kept, so the
+// loads made by configuration lines only raise the loader's count.
+void setUp();
 
 // The hook configuration of the started database: three hooks from the sample library. Read
 // hooks neither dereference the length argument nor read the buffer (the create-list read
@@ -68,8 +60,9 @@ void preloadProjectLibraries();
 // caller's data, as documented for the length that preSet leaves).
 extern const char* const kHookConfig;
 
-// Starts a database on the memory media (lays down empty media first) in a private
-// directory under $TMPDIR that is removed at exit, and opens a session; aborts on failure.
+// setUp(), then starts a database on the memory media (lays down empty media first) in a
+// private directory under $TMPDIR that is removed at exit, and opens a session; aborts on
+// failure.
 Session* startDatabase();
 
 // The components of the seed database: key, name (as stored), kind, children in list order.
@@ -77,20 +70,19 @@ struct SeedComponent {
     uint32_t key;
     std::string name;
     bool leaf;
-    std::vector<size_t> children;  // indexes into SeedTree::components
+    std::vector<size_t> children;  // indexes into the tree
 };
-struct SeedTree {
-    std::vector<SeedComponent> components;  // [0] is the root
-};
+using SeedTree = std::vector<SeedComponent>;  // [0] is the root
 
-// Lays down the four memory media and builds a seed database in them through the library.
-//   Full   nodes and leaves of every value type, range and enumeration constraints, hooked
-//          leaves, an empty node (22 components);
-//   Small  the /net subtree (strings, a range, an enumeration, an empty node) and one leaf;
-//   Types  one leaf of each numeric type and a Generic one, with constraints and hooks.
+// Lays down the four memory media and builds a seed database in them through the library,
+// from the top-level parts whose bits are set in `parts`:
+//   1  /net: strings, a range, an enumeration, an empty node;
+//   2  /time: a string and a hooked leaf;
+//   4  /sys: one leaf of each numeric type and a Generic one, with constraints and hooks;
+//   8  /flag, one leaf.
 // Aborts on failure.
-enum class Seed { Full, Small, Types };
-SeedTree buildSeedDatabase(Session* s, Seed which);
+constexpr unsigned kSeedFull = 15, kSeedSmall = 9, kSeedTypes = 4;
+SeedTree buildSeedDatabase(Session* s, unsigned parts);
 
 // Paths over the seed database: ones that reach components, stop inside the tree or miss it.
 extern const char* const kPaths[];

@@ -10,6 +10,7 @@
 #include "kesdbm/hook.h"
 #include "kesdbm/session.h"
 #include "kesdbm/storage.h"
+#include "storage/config_file.hpp"
 #include "storage/dir_state.hpp"
 
 // The entry is five pointer-sized words, in this order (one 32-bit word each on the target).
@@ -85,7 +86,7 @@ int32_t fillHookEntry(char* line, HookEntry* entry) {
 int32_t hook_init(const char* path) {
     if (++hookRefs != 1) return 0;
     int32_t status = 0;
-    FILE* file = path ? std::fopen(path, "r") : nullptr;
+    FILE* file = kes::openConfigFile(path);
     if (!file) {
         std::printf("hook_init err3\n");
         return KESDB_ERR_HOOK_CONFOPEN;

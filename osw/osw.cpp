@@ -192,7 +192,7 @@ int32_t attachSet(const char* key, SemObjects** out) {
     if (!path) return systemFailure(ENOMEM);
     std::memcpy(path, key, length);
     std::memcpy(path + length, ".sem", 5);
-    FdHold file(open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0664));
+    FdHold file(open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0664));  // never through a link
     int openErr = errno;
     std::free(path);
     if (file.fd < 0) return systemFailure(openErr);

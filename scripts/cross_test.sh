@@ -16,7 +16,7 @@ build=${KESDB_CROSS_BUILD_DIR:-build-ppc}
 
 # Time limits of the tests are multiplied by 5 under the emulator (the native ones stay as they are).
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-powerpc-linux-gnu.cmake \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESDB_BENCH=OFF -DKESDB_TEST_TIME_SCALE=5 >/dev/null
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESDB_BENCH=OFF -DKESDB_WERROR=ON -DKESDB_TEST_TIME_SCALE=5 >/dev/null
 cmake --build "$build" -j"$jobs"
 built=$(date +%s)
 

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (fuzz/, with clang, in build-fuzz/) and runs each of them in
 # turn: fuzz_media (corrupted media contents), fuzz_config (media and hook configuration
-# files), fuzz_search (path search).
+# files), fuzz_search (path search), fuzz_tables (damaged shared table files at start-up),
+# fuzz_describe (the tool's description, import and export).
 #
 #   scripts/fuzz.sh                 short run: 20 seconds per target (the test suite's run)
 #   scripts/fuzz.sh --time 300      300 seconds per target
@@ -28,13 +29,13 @@ while [ $# -gt 0 ]; do
     --runs) runs="$2"; shift ;;
     --time) time_per_target="$2"; shift ;;
     --timeout) timeout_s="$2"; shift ;;
-    fuzz_media|fuzz_config|fuzz_search) targets+=("$1") ;;
-    -h|--help) sed -n '2,17p' "$0"; exit 0 ;;
+    fuzz_media|fuzz_config|fuzz_search|fuzz_tables|fuzz_describe) targets+=("$1") ;;
+    -h|--help) sed -n '2,18p' "$0"; exit 0 ;;
     *) echo "fuzz.sh: unknown argument $1" >&2; exit 2 ;;
   esac
   shift
 done
-[ ${#targets[@]} -gt 0 ] || targets=(fuzz_media fuzz_config fuzz_search)
+[ ${#targets[@]} -gt 0 ] || targets=(fuzz_media fuzz_config fuzz_search fuzz_tables fuzz_describe)
 
 # clang, and the package of its version that holds the libFuzzer runtime (Debian 12:
 # libclang-rt-14-dev; older releases ship it in libclang-common-N-dev, a dependency of clang).
@@ -46,7 +47,7 @@ fi
 jobs=$(nproc 2>/dev/null || echo 2)
 out=build-fuzz
 cmake -S fuzz -B "$out" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESDB_WERROR=ON >/dev/null
 cmake --build "$out" -j"$jobs" >/dev/null
 
 # The targets start a database under TMPDIR and remove it at exit.
@@ -55,7 +56,11 @@ rm -rf "$out/seeds" "$TMPDIR"
 mkdir -p "$TMPDIR" "$out/logs"
 "$out/bin/fuzz_seeds" "$out/seeds"
 
-declare -A seed_dir=([fuzz_media]=media [fuzz_config]=config [fuzz_search]=search)
+# Descriptions: the samples and examples of the project; tables: none (from empty input).
+mkdir -p "$out/seeds/describe" "$out/seeds/tables"
+cp examples/*.json "$out/seeds/describe/"
+declare -A seed_dir=([fuzz_media]=media [fuzz_config]=config [fuzz_search]=search [fuzz_tables]=tables
+                     [fuzz_describe]=describe)
 status=0
 for t in "${targets[@]}"; do
   corpus="$out/corpus/$t"

@@ -30,7 +30,7 @@ vg+=";--trace-children=yes"
 vg+=";--suppressions=$suppressions;--log-file=$logs/%p.log"
 
 # Tests run 20 to 50 times slower under valgrind: their time limits are raised to match.
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DKESDB_SANITIZE=OFF -DKESDB_BENCH=OFF \
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DKESDB_SANITIZE=OFF -DKESDB_BENCH=OFF -DKESDB_WERROR=ON \
   -DKESDB_TEST_TIME_SCALE=25 "-DCMAKE_CROSSCOMPILING_EMULATOR=$vg"
 cmake --build "$build" -j"$jobs"
 

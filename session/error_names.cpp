@@ -1,5 +1,8 @@
-// Names of the error codes, for diagnostics and tools.
+// Names of the error codes, for diagnostics and tools. The list below is packed at compile
+// time into one block of codes, offsets and text: a table of pointers would need a relocation
+// per name when the library is loaded, and take three times the room.
 #include <cstddef>
+#include <iterator>
 
 #include "kesdbm/session.h"
 
@@ -10,7 +13,7 @@ struct ErrorName {
     const char* name;
 };
 
-constexpr ErrorName kNames[] = {
+constexpr ErrorName kList[] = {
         {KESDB_ERR_HOOK_LINE, "KESDB_ERR_HOOK_LINE"},
         {KESDB_ERR_COMP_NOTLEAF, "KESDB_ERR_COMP_NOTLEAF"},
         {KESDB_ERR_COMP_NOTNODE, "KESDB_ERR_COMP_NOTNODE"},
@@ -90,11 +93,45 @@ constexpr ErrorName kNames[] = {
         {KESDB_ERR_DIR_OTHER, "KESDB_ERR_DIR_OTHER"},
 };
 
+constexpr size_t kCount = std::size(kList);
+
+constexpr size_t lengthOf(const char* text) {
+    size_t n = 0;
+    while (text[n] != '\0') ++n;
+    return n;
+}
+
+constexpr size_t textSize() {
+    size_t n = 0;
+    for (const ErrorName& e : kList) n += lengthOf(e.name) + 1;
+    return n;
+}
+
+struct PackedNames {
+    int32_t code[kCount];
+    uint16_t at[kCount];  // offset of each name in text
+    char text[textSize()];
+};
+static_assert(textSize() <= 0xFFFF, "name offsets are 16 bits");
+
+constexpr PackedNames pack() {
+    PackedNames p{};
+    size_t at = 0;
+    for (size_t i = 0; i < kCount; ++i) {
+        p.code[i] = kList[i].code;
+        p.at[i] = static_cast<uint16_t>(at);
+        for (size_t k = 0; k <= lengthOf(kList[i].name); ++k) p.text[at++] = kList[i].name[k];
+    }
+    return p;
+}
+
+constexpr PackedNames kNames = pack();
+
 }  // namespace
 
 extern "C" const char* kesdb_errorName(int32_t code) {
-    for (const ErrorName& e : kNames) {
-        if (e.code == code) return e.name;
+    for (size_t i = 0; i < kCount; ++i) {
+        if (kNames.code[i] == code) return kNames.text + kNames.at[i];
     }
     return code == 0 ? "OK" : "unknown";
 }

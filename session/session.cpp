@@ -120,6 +120,7 @@ int32_t session_init(const char* path) {
 }
 
 int32_t session_term(void) {
+    if (g_sess.count <= 0) return 0;  // more shut-downs than set-ups: nothing to undo
     if (--g_sess.count != 0) return 0;
     if (g_sess.table) {
         if (!kes::unmapSharedTable(g_sess.table, KESDB_SESSION_TABLE_SIZE)) return KESDB_ERR_MUNMAP;

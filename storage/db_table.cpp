@@ -184,6 +184,7 @@ int32_t db_term(uint32_t dbId) {
         releaseDatabase(dbId);
         misc_postMtx(&g_db.sems);
     }
+    if (g_db.count <= 0) return 0;  // more shut-downs than set-ups: nothing to undo
     if (--g_db.count != 0) return 0;
     kes::dirClear();
     if (g_db.table) {

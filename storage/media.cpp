@@ -12,6 +12,7 @@
 
 #include "kesdbm/session.h"
 #include "kesdbm/storage.h"
+#include "storage/config_file.hpp"
 #include "storage/dir_state.hpp"
 #include "storage/medium_io.hpp"
 
@@ -93,10 +94,22 @@ int defMedia_sync(int descriptor, int32_t* errPtr, uint32_t syncArg) {
     return r;
 }
 
-MediaEntry media_table[KESDB_MEDIA_MAX] = {
-    {nullptr, defMediaName, 0u, defMedia_open, defMedia_close, defMedia_read, defMedia_write, defMedia_seek,
-     defMedia_sync},
-};
+// Entry 0 is filled when the library is loaded, before any caller can see the table: an
+// initialised table would take its whole size in the library file, a zeroed one none.
+MediaEntry media_table[KESDB_MEDIA_MAX];
+
+}  // extern "C"
+
+namespace {
+
+__attribute__((constructor)) void media_layBuiltIn() {
+    media_table[0] = {nullptr, defMediaName, 0u, defMedia_open, defMedia_close, defMedia_read, defMedia_write,
+                      defMedia_seek, defMedia_sync};
+}
+
+}  // namespace
+
+extern "C" {
 
 // Fills one table entry from one configuration line (already cut at its comment).
 // 0: entry complete; positive: error code; -1: the line is not usable.
@@ -165,7 +178,7 @@ int32_t media_init(const char* path) {
     if (mediaRefCount != 1) return 0;  // loaded by an earlier call; path is not looked at
     if (!path) return KESDB_ERR_MEDIA_CONFOPEN;
 
-    FILE* file = fopen(path, "r");
+    FILE* file = kes::openConfigFile(path);
     if (!file) return KESDB_ERR_MEDIA_CONFOPEN;
     char* line = static_cast<char*>(malloc(KESDB_CONF_LINE));
     if (!line) {
@@ -195,6 +208,7 @@ int32_t media_init(const char* path) {
 }
 
 int32_t media_term(void) {
+    if (mediaRefCount <= 0) return 0;  // more shut-downs than set-ups: nothing to undo
     --mediaRefCount;
     if (mediaRefCount != 0) return 0;
     for (int32_t i = 1; i < mediaCount; ++i) {

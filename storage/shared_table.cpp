@@ -43,8 +43,10 @@ SharedTableOpen mapSharedTable(const char* path, uint32_t size, const SharedTabl
         result.code = codes.noFile;
         return result;
     }
-    int fd = open(path, O_RDWR | O_CLOEXEC);
-    if (fd < 0) fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0664);
+    // A symbolic link is never followed (one planted where a table is expected would make
+    // the table, or a file created through it, lie wherever the link points).
+    int fd = open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0 && errno == ENOENT) fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0664);
     if (fd < 0) {
         result.code = codes.noFile;
         return result;

@@ -2,13 +2,13 @@
 // constraints, copies, transfers, searches, moves, deletes, locks, printing, syncs) runs on
 // six media served by the fault-injection driver, and for each kind of driver failure (failed
 // open, read, write, seek, sync; read or write cut to 2 bytes) the 1st, 2nd, ... call of that
-// kind is made to fail, up to the last call the workload makes. Every fault runs in a forked
-// process of its own, so a crash or a hang is caught and reported with the kind and N.
+// kind is made to fail, up to the last call the workload makes.
 //
-// How: a clean run records, step by step, the driver calls made, the session's code, the bytes
-// written and the media afterwards. Then a run of the workload without faults forks, before
-// each step, one process per call of the kind that the step makes; that process arms the call,
-// runs the step and checks; the media are put back before the next one.
+// How: a child process runs the workload without faults. Before each step it forks one
+// process that runs the step cleanly (what the step does: its calls, its code, the bytes it
+// writes), then one process per call of the kind that the step makes, which arms that call,
+// runs the step and checks; the media are put back after each. So a crash or a hang is caught
+// and reported with the kind and N.
 //
 // For every injected fault:
 //   - no crash, no hang; no memory leak under AddressSanitizer (the leak checker runs in the
@@ -25,8 +25,8 @@
 // only every n-th call fail (for slow runs such as valgrind's).
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -38,7 +38,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
-#include <memory>
+#include <new>
 #include <set>
 #include <sstream>
 #include <string>
@@ -72,24 +72,46 @@ constexpr int kChildTimeout = 30;     // seconds before a child counts as hung
 using Bytes = std::vector<uint8_t>;
 using Snapshot = std::vector<Bytes>;  // per medium index
 
-Bytes readAll(const std::string& path) {
-    Bytes bytes;
-    const int fd = open(path.c_str(), O_RDONLY);
-    if (fd < 0) return bytes;
+// A whole file, read in one transfer (thousands of runs read the media and tables).
+std::string readAll(const std::string& path) {
+    std::string bytes;
     struct stat st {};
-    if (fstat(fd, &st) == 0 && st.st_size > 0) {
-        bytes.resize(static_cast<size_t>(st.st_size));
-        const ssize_t n = pread(fd, bytes.data(), bytes.size(), 0);
-        bytes.resize(n < 0 ? 0 : static_cast<size_t>(n));
-    }
-    close(fd);
+    const int fd = open(path.c_str(), O_RDONLY);
+    if (fd >= 0 && fstat(fd, &st) == 0) bytes.resize(static_cast<size_t>(st.st_size));
+    bytes.resize(fd >= 0 ? static_cast<size_t>(std::max<ssize_t>(0, pread(fd, bytes.data(), bytes.size(), 0))) : 0);
+    if (fd >= 0) close(fd);
     return bytes;
 }
 
 Snapshot snapshot(const std::string& dir) {
     Snapshot snap(kMedia);
-    for (uint32_t m = 1; m < kMedia; ++m) snap[m] = readAll(dir + "/" + kFileNames[m]);
+    for (uint32_t m = 1; m < kMedia; ++m) {
+        const std::string bytes = readAll(dir + "/" + kFileNames[m]);
+        snap[m].assign(bytes.begin(), bytes.end());
+    }
     return snap;
+}
+
+// Puts the media back as they were in `snap` (the driver opens them by path at every access).
+void restore(const std::string& dir, const Snapshot& snap) {
+    for (uint32_t m = 1; m < kMedia; ++m) kt::writeFile(dir + "/" + kFileNames[m], std::string(snap[m].begin(), snap[m].end()));
+}
+
+// The shared tables of the database in `dir`, where a run in a process of its own leaves its
+// sessions and locks: read, and put back where they changed (the writes reach the tables'
+// mappings through the page cache).
+const char* const kTables[3] = {"db.tbl", "session.tbl", "lock.tbl"};
+std::vector<std::string> tables(const std::string& dir) {
+    std::vector<std::string> t;
+    for (const char* name : kTables) t.push_back(readAll(dir + "/" + name));
+    return t;
+}
+void restoreTables(const std::string& dir, const std::vector<std::string>& saved) {
+    const std::vector<std::string> now = tables(dir);
+    for (size_t i = 0; i < saved.size(); ++i) {
+        const std::string path = dir + "/" + kTables[i];
+        if (now[i] != saved[i]) saved[i].empty() ? (void)unlink(path.c_str()) : kt::writeFile(path, saved[i]);
+    }
 }
 
 // A byte range of a medium.
@@ -104,14 +126,11 @@ std::vector<Range> diff(const Snapshot& before, const Snapshot& after) {
         const Bytes& a = before[m];
         const Bytes& b = after[m];
         const size_t n = std::max(a.size(), b.size());
-        for (size_t i = 0; i < n;) {
-            const bool differs = i >= a.size() || i >= b.size() || a[i] != b[i];
-            if (!differs) {
-                ++i;
-                continue;
-            }
+        auto differs = [&](size_t i) { return i >= a.size() || i >= b.size() || a[i] != b[i]; };
+        for (size_t i = 0; i < n; ++i) {
+            if (!differs(i)) continue;
             size_t j = i;
-            while (j < n && (j >= a.size() || j >= b.size() || a[j] != b[j])) ++j;
+            while (j < n && differs(j)) ++j;
             if (!ranges.empty() && ranges.back().medium == m && ranges.back().offset + ranges.back().length + 8 >= i) {
                 ranges.back().length = static_cast<uint32_t>(j - ranges.back().offset);
             } else {
@@ -141,18 +160,14 @@ ck::Layout layoutOf(const std::string& dir) {
     return l;
 }
 
-// Lays the media of a fresh database in `dir`, anew for every run.
-void layMedia(const std::string& dir) {
+// The configuration files and fresh media of a database in `dir`, all served by the fault
+// driver. The data and text media only receive appended bytes behind their header.
+void layDatabase(const std::string& dir) {
+    std::string conf;
     for (uint32_t m = 1; m < kMedia; ++m) {
-        // The data and text media only receive appended bytes behind their header.
+        conf += mk::driverLine("libkesdrv_fault.so", "faultMedia_", dir + "/" + kFileNames[m]);
         kesdb_layMedium((dir + "/" + kFileNames[m]).c_str(), m <= kStrings ? kRecordMediumSize : 24, 0);
     }
-}
-
-// The configuration files of the database in `dir` (its media all served by the fault driver).
-void configure(const std::string& dir) {
-    std::string conf;
-    for (uint32_t m = 1; m < kMedia; ++m) conf += mk::driverLine("libkesdrv_fault.so", "faultMedia_", dir + "/" + kFileNames[m]);
     kt::writeFile(dir + "/media.conf", conf);
     kt::writeFile(dir + "/hook.conf", "");
 }
@@ -215,11 +230,9 @@ std::vector<Step> workload() {
     std::vector<Step> st;
     st.push_back({"start", [](Work& w) {
                       DBMInitParam p{};
-                      auto put = [](char* field, const std::string& v) { std::snprintf(field, KESDB_PATH_MAX, "%s", v.c_str()); };
-                      put(p.sessionTablePath, w.dir + "/session.tbl");
-                      put(p.lockTablePath, w.dir + "/lock.tbl");
-                      put(p.mediaConfigPath, w.dir + "/media.conf");
-                      put(p.hookConfigPath, w.dir + "/hook.conf");
+                      for (auto [field, name] : {std::pair{p.sessionTablePath, "session.tbl"}, {p.lockTablePath, "lock.tbl"},
+                                                 {p.mediaConfigPath, "media.conf"}, {p.hookConfigPath, "hook.conf"}})
+                          std::snprintf(field, KESDB_PATH_MAX, "%s/%s", w.dir.c_str(), name);
                       p.componentMedium = kComp;
                       p.valueMedium = kValues;
                       p.constraintMedium = kCstrt;
@@ -449,86 +462,28 @@ Expected specified(uint32_t m, const Kind& kind, uint32_t length, const Step& st
     }
     return e;
 }
-
 // ---- Runs in child processes ------------------------------------------------------------
 
+// What a step does without a fault, recorded by the process that runs it cleanly.
 struct StepRecord {
-    uint32_t calls[KESDRV_FAULT_OPS] = {};  // calls of each operation after the step
-    uint32_t error = 0, detail = 0;         // the session after the step
-    std::vector<Range> wrote;               // what the step changed
-    int64_t grew = 0;                       // heap bytes it left in use (under AddressSanitizer)
+    uint32_t calls = 0;              // calls of the kind's operation after the step
+    uint32_t error = 0, detail = 0;  // the session after the step
+    int64_t grew = 0;                // heap bytes it left in use (under AddressSanitizer)
 };
 
-std::string tempBase() {
-    struct stat st {};
-    // Synchronous writes cost nothing in memory-backed files; thousands of runs add up.
-    if (stat("/dev/shm", &st) == 0 && S_ISDIR(st.st_mode) && access("/dev/shm", W_OK) == 0) return "/dev/shm";
-    const char* t = getenv("TMPDIR");
-    return t && *t ? t : "/tmp";
-}
-
-// A directory for the runs of one test, in memory when the machine has it: the configuration
-// files and the shared tables stay from run to run (each run starts the database and stops it
-// again), the media are laid down anew before each run.
-struct RunDir {
-    RunDir() {
-        const char* saved = getenv("TMPDIR");
-        const std::string old = saved ? saved : "";
-        setenv("TMPDIR", tempBase().c_str(), 1);
-        dir = std::make_unique<kt::TempDir>();
-        if (saved) {
-            setenv("TMPDIR", old.c_str(), 1);
-        } else {
-            unsetenv("TMPDIR");
-        }
-        configure(path());
-    }
-    void fresh() const {
-        layMedia(path());
-        unlink(report().c_str());
-    }
-    std::unique_ptr<kt::TempDir> dir;
-    std::string path() const { return dir->path(); }
-    std::string report() const { return dir->file("report.txt"); }
+// Figures of a sweep, in memory shared with the processes that gather them.
+struct Shared {
+    StepRecord clean;
+    uint32_t calls, runs, injected, survived, ownDamage, notCut;  // calls: of the whole workload
 };
 
-// The clean run: what every step does without a fault. Its directory keeps the media as they
-// stood after each step ("after-<step>-<medium>").
-struct Plan {
-    std::vector<Step> work;           // the workload
-    std::vector<StepRecord> steps;    // what each of its steps did
-    std::string problems;  // what went wrong in the clean run itself
-    RunDir dir;
-    std::string afterFile(size_t step, uint32_t m) const {
-        return dir.dir->file("after-" + std::to_string(step) + "-" + std::to_string(m));
-    }
-    Snapshot after(size_t step) const {
-        Snapshot snap(kMedia);
-        for (uint32_t m = 1; m < kMedia; ++m) snap[m] = readAll(afterFile(step, m));
-        return snap;
-    }
-};
-
-// Writes the child's findings (one line each) where the parent reads them.
+// Writes a child's findings (one line each) where its parent reads them.
 struct Out {
     FILE* f;
     explicit Out(const std::string& path) : f(std::fopen(path.c_str(), "w")) {}
-    ~Out() {
-        if (f) std::fclose(f);
-    }
-    void line(const std::string& text) {
-        if (f) std::fprintf(f, "%s\n", text.c_str());
-    }
+    ~Out() { if (f) std::fclose(f); }
+    void line(const std::string& text) { if (f) std::fprintf(f, "%s\n", text.c_str()); }
 };
-
-// Per child: environment, standard output to nowhere, a timeout.
-void enterChild(const std::string& dir) {
-    setenv("KESDB_DBTABLE", (dir + "/db.tbl").c_str(), 1);
-    setenv("KESDB_DEFMEDIA", (dir + "/none").c_str(), 1);
-    setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
-    if (!std::freopen("/dev/null", "w", stdout)) _exit(90);
-    alarm(kChildTimeout);
-}
 
 // Heap bytes in use (under AddressSanitizer; 0 otherwise).
 int64_t heapInUse() {
@@ -539,7 +494,7 @@ int64_t heapInUse() {
 #endif
 }
 
-// Leaves the child: a memory-leak check under AddressSanitizer, unless `check` says it cannot
+// Leaves a child: a memory-leak check under AddressSanitizer, unless `check` says it cannot
 // find anything (a full check costs far more than the run it ends).
 int leaveChild(int code, bool check = true) {
 #if defined(__SANITIZE_ADDRESS__)
@@ -550,86 +505,17 @@ int leaveChild(int code, bool check = true) {
     return code;
 }
 
-int cleanChild(const Plan& plan) {
-    const std::string dir = plan.dir.path();
-    enterChild(dir);
-    Out out(plan.dir.report());
-    mk::FaultControl f;
-    if (!f.ok()) return 2;
-    f.reset();
-    const std::vector<Step>& steps = plan.work;
-    Work w;
-    w.dir = dir;
-    Snapshot before = snapshot(dir);
-    for (size_t i = 0; i < steps.size(); ++i) {
-        w.s.error = w.s.errorDetail = 0;
-        const int64_t heap = heapInUse();
-        steps[i].run(w);
-        const int64_t grew = heapInUse() - heap;
-        std::ostringstream line;
-        line << "step";
-        for (int op = 0; op < KESDRV_FAULT_OPS; ++op) line << " " << f.calls(op);
-        line << " " << w.s.error << " " << w.s.errorDetail << " " << grew;
-        out.line(line.str());
-        Snapshot after = snapshot(dir);
-        for (const Range& r : diff(before, after))
-            out.line("wrote " + std::to_string(r.medium) + " " + std::to_string(r.offset) + " " + std::to_string(r.length));
-        for (uint32_t m = 1; m < kMedia; ++m)
-            kt::writeFile(plan.afterFile(i, m), std::string(after[m].begin(), after[m].end()));
-        before = std::move(after);
-        const ck::Report c = ck::check(layoutOf(dir));
-        if (!c.ok()) out.line("problem after " + steps[i].name + ": " + c.text());
-    }
-    if (f.opens() != f.closes())
-        out.line("problem: opens " + std::to_string(f.opens()) + " closes " + std::to_string(f.closes()));
-    return leaveChild(0);
-}
-
-int waitFor(pid_t pid) {
+// Runs `body` in a forked process; its exit status, 128 + the signal that ended it, or -1.
+int inChild(const std::function<int()>& body) {
+    // Nothing buffered may be written twice: a child's exit under valgrind flushes the
+    // streams it inherited.
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) _exit(body());
     int status = 0;
     if (waitpid(pid, &status, 0) != pid) return -1;
     if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
-}
-
-std::unique_ptr<Plan> cleanRun(const std::vector<Step>& work) {
-    auto plan = std::make_unique<Plan>();
-    plan->work = work;
-    plan->dir.fresh();
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) _exit(cleanChild(*plan));
-    const int status = waitFor(pid);
-    if (status != 0) plan->problems += "clean run ended with status " + std::to_string(status) + "\n";
-    std::istringstream in(kt::readFile(plan->dir.report()));
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream words(line);
-        std::string tag;
-        words >> tag;
-        if (tag == "step") {
-            StepRecord r;
-            for (uint32_t& c : r.calls) words >> c;
-            words >> r.error >> r.detail >> r.grew;
-            plan->steps.push_back(r);
-        } else if (tag == "wrote" && !plan->steps.empty()) {
-            Range r{};
-            words >> r.medium >> r.offset >> r.length;
-            plan->steps.back().wrote.push_back(r);
-        } else {
-            plan->problems += line + "\n";
-        }
-    }
-    if (plan->steps.size() != work.size()) plan->problems += "the clean run did not finish its steps\n";
-    return plan;
-}
-
-// The step in which call `n` of operation `op` happens in the clean run (steps.size() when
-// the workload makes fewer calls).
-size_t stepOfCall(const Plan& plan, int op, uint32_t n) {
-    for (size_t i = 0; i < plan.steps.size(); ++i)
-        if (plan.steps[i].calls[op] >= n) return i;
-    return plan.steps.size();
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
 bool holds(const Bytes& b, const ck::Place& p) { return uint64_t(p.key) + p.size <= b.size(); }
@@ -637,11 +523,16 @@ bool same(const Bytes& a, const Bytes& b, const ck::Place& p) {
     return holds(a, p) && holds(b, p) && std::equal(a.begin() + p.key, a.begin() + p.key + p.size, b.begin() + p.key);
 }
 
+// What the step did in its clean run, and the media before and after it.
+struct Clean {
+    const StepRecord& record;
+    const Snapshot &before, &after;
+    std::vector<Range> wrote;
+};
+
 // The checks after the step in which the fault took effect; every failed one is a line.
-void checkAfterFault(Out& out, const std::string& dir, const Plan& plan, const Kind& kind, size_t step,
-                     const Step& what, const Session& s, const Snapshot& before, mk::FaultControl& f) {
-    if (f.opens() != f.closes())
-        out.line("opens " + std::to_string(f.opens()) + " closes " + std::to_string(f.closes()));
+void checkAfterFault(Out& out, const std::string& dir, const Kind& kind, const Step& what, const Clean& clean,
+                     const Session& s, mk::FaultControl& f) {
     // The code, from the medium and the transfer the fault hit.
     const std::string medium = f.lastFiredMedium();
     uint32_t m = 0;
@@ -652,8 +543,7 @@ void checkAfterFault(Out& out, const std::string& dir, const Plan& plan, const K
     const int32_t code = static_cast<int32_t>(s.error);
     const Expected e = specified(m, kind, length, what);
     const uint32_t driverDetail = kind.shortTransfer ? 0u : static_cast<uint32_t>(kErrno);
-    const bool withDriverDetail = e.driverDetail.count(code) && s.errorDetail == driverDetail;
-    if (!withDriverDetail && !e.otherDetail.count(code)) {
+    if (!(e.driverDetail.count(code) && s.errorDetail == driverDetail) && !e.otherDetail.count(code)) {
         std::string list;
         for (int32_t c : e.driverDetail) list += " " + std::to_string(c) + "/" + std::to_string(driverDetail);
         for (int32_t c : e.otherDetail) list += " " + std::to_string(c);
@@ -668,6 +558,7 @@ void checkAfterFault(Out& out, const std::string& dir, const Plan& plan, const K
                            (kind.op == KESDRV_FAULT_OPEN || length == 8);
     // Writes and damage only in the bytes the step writes when nothing fails.
     const Snapshot now = snapshot(dir);
+    const Snapshot& before = clean.before;
     // A copy's zero-filled buffer: every data byte the step changed is now 0.
     auto zeroed = [&](uint32_t medium, uint32_t from, uint32_t length) {
         if (!what.copies || medium != kData) return false;
@@ -677,9 +568,8 @@ void checkAfterFault(Out& out, const std::string& dir, const Plan& plan, const K
                 return false;
         return true;
     };
-    const std::vector<Range>& wrote = plan.steps[step].wrote;
     for (const Range& r : diff(before, now))
-        if (!touches(wrote, {r.medium, r.offset, r.length}) && !(unchecked && r.medium == kData) &&
+        if (!touches(clean.wrote, {r.medium, r.offset, r.length}) && !(unchecked && r.medium == kData) &&
             !zeroed(r.medium, r.offset, r.length))
             out.line("wrote " + std::to_string(r.length) + " bytes at " + std::to_string(r.medium) + ":" +
                      std::to_string(r.offset) + ", which the step does not write without a fault");
@@ -687,7 +577,7 @@ void checkAfterFault(Out& out, const std::string& dir, const Plan& plan, const K
     bool own = false;
     for (const ck::Violation& v : c.violations) {
         bool mine = false;
-        for (const ck::Place& p : v.places) mine |= touches(wrote, p);
+        for (const ck::Place& p : v.places) mine |= touches(clean.wrote, p);
         own |= mine;
         if (!mine) {
             ck::Report one;
@@ -702,9 +592,8 @@ void checkAfterFault(Out& out, const std::string& dir, const Plan& plan, const K
     // run, never a mixture or anything else. Specified exceptions: a data write cut short,
     // and a copy of a data read cut short, are taken as they are (only a negative count is a
     // failure there); a copy's zero-filled buffer; and the unchecked write above.
-    const Snapshot clean = plan.after(step);
     for (const ck::Place& a : c.dataAreas) {
-        if (same(now[a.medium], before[a.medium], a) || same(now[a.medium], clean[a.medium], a)) continue;
+        if (same(now[a.medium], before[a.medium], a) || same(now[a.medium], clean.after[a.medium], a)) continue;
         const bool cutWrite = kind.shortTransfer && kind.op == KESDRV_FAULT_WRITE && m == a.medium &&
                               offset < uint64_t(a.key) + a.size && a.key < uint64_t(offset) + length;
         const bool cutRead = kind.shortTransfer && kind.op == KESDRV_FAULT_READ && m == kData;
@@ -722,198 +611,174 @@ uint32_t sampleEvery() {
     return n > 1 && n < 1000000 ? static_cast<uint32_t>(n) : 1u;
 }
 
-// Puts the media back as they were in `snap` (the driver opens them by path at every access).
-void restore(const std::string& dir, const Snapshot& snap) {
-    for (uint32_t m = 1; m < kMedia; ++m) {
-        const std::string path = dir + "/" + kFileNames[m];
-        const int fd = open(path.c_str(), O_WRONLY);
-        if (fd < 0) continue;
-        if (ftruncate(fd, static_cast<off_t>(snap[m].size())) != 0 ||
-            pwrite(fd, snap[m].data(), snap[m].size(), 0) != static_cast<ssize_t>(snap[m].size()))
-            perror(path.c_str());
-        close(fd);
-    }
-}
-
-// Grandchild: step `i` with call `nth` of the kind's operation in it armed, the steps before
-// it having been run by its parent. The first line is "fired" or "not cut"; every failed
-// check is a line of its own. The database is left started: it belongs to the parent.
-int faultStep(const std::string& dir, const std::string& report, const Plan& plan, const Kind& kind, size_t i,
-              const Step& step, uint32_t nth, Work w) {
+// Grandchild: the step with call `nth` of the kind's operation in it armed. The first line is
+// "fired" or "not cut"; every failed check is a line of its own. The database is left
+// started: it belongs to the parent.
+int faultStep(const std::string& dir, const std::string& report, const Kind& kind, const Step& step,
+              const Clean& clean, uint32_t nth, Work w) {
     alarm(kChildTimeout);
     Out out(report);
     mk::FaultControl f;
     if (!f.ok()) return 2;
     f.reset();
-    if (kind.shortTransfer) {
-        f.shortOp(kind.op, nth, kShortBytes);
-    } else {
-        f.fail(kind.op, nth, kErrno);
-    }
-    const Snapshot before = snapshot(dir);
+    kind.shortTransfer ? f.shortOp(kind.op, nth, kShortBytes) : f.fail(kind.op, nth, kErrno);
     w.s.error = w.s.errorDetail = 0;
     const int64_t heap = heapInUse();
     step.run(w);
     // The step leaves as many bytes in use as without a fault (the keys it notes down), or
     // the full leak check runs.
-    const bool mayLeak = heapInUse() - heap > plan.steps[i].grew;
+    const bool mayLeak = heapInUse() - heap > clean.record.grew;
     if (f.fired() == 0) {
         // A short transfer no longer than the armed count: the step must run as it did.
         out.line("not cut");
-        if (w.s.error != plan.steps[i].error || w.s.errorDetail != plan.steps[i].detail)
+        if (w.s.error != clean.record.error || w.s.errorDetail != clean.record.detail)
             out.line("the step left " + std::to_string(w.s.error) + "/" + std::to_string(w.s.errorDetail) +
-                     ", the clean run " + std::to_string(plan.steps[i].error) + "/" +
-                     std::to_string(plan.steps[i].detail));
-        if (snapshot(dir) != plan.after(i)) out.line("the media differ from the clean run's");
+                     ", the clean run " + std::to_string(clean.record.error) + "/" + std::to_string(clean.record.detail));
+        if (snapshot(dir) != clean.after) out.line("the media differ from the clean run's");
     } else {
         out.line("fired");
         f.fail(kind.op, UINT32_MAX, kErrno);  // disarmed: nothing else fails
-        checkAfterFault(out, dir, plan, kind, i, step, w.s, before, f);
+        checkAfterFault(out, dir, kind, step, clean, w.s, f);
     }
     if (f.opens() != f.closes()) out.line("opens " + std::to_string(f.opens()) + " closes " + std::to_string(f.closes()));
     return leaveChild(0, mayLeak);
 }
 
-// Child: runs the workload without a fault and, before each step, forks one grandchild for
-// every call of the kind's operation that the step makes, arming it in the grandchild; after
-// each grandchild the media are put back. So every run repeats only its own step. Writes one
-// "run <N> <status> <first line>" line per grandchild, followed by its further lines, and
-// "problem ..." lines for its own run.
-int sweepChild(const std::string& dir, const std::string& report, const Plan& plan, const Kind& kind) {
-    enterChild(dir);
-    alarm(0);  // each grandchild has its own timeout
-    Out out(report);
+// Child: runs the workload without a fault. Before each step, one grandchild runs it cleanly,
+// then one grandchild per call of the kind's operation that the step makes arms that call;
+// after each the media are put back. Every failure is a line of the report.
+int sweepChild(const std::string& dir, const std::vector<Step>& steps, const Kind& kind, Shared& sh) {
+    setenv("KESDB_DBTABLE", (dir + "/db.tbl").c_str(), 1);
+    setenv("KESDB_DEFMEDIA", (dir + "/none").c_str(), 1);
+    setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
+    if (!std::freopen("/dev/null", "w", stdout)) return 90;
+    Out out(dir + "/report.txt");
     mk::FaultControl f;
     if (!f.ok()) return 2;
     f.reset();
-    const std::vector<Step>& steps = plan.work;
     Work w;
     w.dir = dir;
     const std::string gcReport = dir + "/step-report.txt";
-    uint32_t callsBefore = 0;
-    for (size_t i = 0; i < steps.size(); ++i) {
-        const uint32_t callsAfter = plan.steps[i].calls[kind.op];
-        if (callsAfter > callsBefore) {
-            const Snapshot snap = snapshot(dir);
-            for (uint32_t n = callsBefore + 1; n <= callsAfter; ++n) {
-                if ((n - 1) % sampleEvery() != 0) continue;
-                unlink(gcReport.c_str());
-                // Nothing buffered may be written twice: a child's exit under valgrind flushes
-                // the streams it inherited.
-                std::fflush(nullptr);
-                const pid_t pid = fork();
-                if (pid == 0) _exit(faultStep(dir, gcReport, plan, kind, i, steps[i], n - callsBefore, w));
-                const int status = waitFor(pid);
-                std::istringstream in(kt::readFile(gcReport));
-                std::string first;
-                std::getline(in, first);
-                out.line("run " + std::to_string(n) + " " + std::to_string(status) + " " + first);
-                for (std::string line; std::getline(in, line);) out.line(line);
-                restore(dir, snap);
+    for (const Step& step : steps) {
+        const Snapshot before = snapshot(dir);
+        const std::vector<std::string> saved = tables(dir);
+        const uint32_t callsBefore = f.calls(kind.op);
+        const int status = inChild([&] {
+            alarm(kChildTimeout);
+            w.s.error = w.s.errorDetail = 0;
+            const int64_t heap = heapInUse();
+            step.run(w);
+            sh.clean = {f.calls(kind.op), w.s.error, w.s.errorDetail, heapInUse() - heap};
+            return f.opens() == f.closes() ? 0 : 4;
+        });
+        const StepRecord record = sh.clean;
+        const Snapshot after = snapshot(dir);
+        const Clean clean{record, before, after, diff(before, after)};
+        restoreTables(dir, saved);
+        const ck::Report damage = ck::check(layoutOf(dir));
+        if (status != 0 || !damage.ok())
+            out.line(std::string(kind.name) + ", the run without a fault: step " + step.name + " ended with status " +
+                     std::to_string(status) + " " + damage.text());
+        restore(dir, before);
+        for (uint32_t n = callsBefore + 1; status == 0 && n <= record.calls; ++n) {
+            if ((n - 1) % sampleEvery() != 0) continue;
+            unlink(gcReport.c_str());
+            const int runStatus = inChild([&] { return faultStep(dir, gcReport, kind, step, clean, n - callsBefore, w); });
+            std::istringstream in(kt::readFile(gcReport));
+            std::string first;
+            std::getline(in, first);
+            const std::string where = std::string(kind.name) + " N=" + std::to_string(n) + " (step " + step.name + "): ";
+            const bool fired = first == "fired";
+            bool ok = runStatus == 0 && (fired || first == "not cut"), own = false;
+            ++sh.runs;
+            sh.injected += fired;
+            sh.notCut += first == "not cut";
+            if (runStatus != 0) {
+                out.line(where + (runStatus >= 128 ? "killed by signal " + std::to_string(runStatus - 128)
+                                  : runStatus == 3 ? std::string("memory leak")
+                                                   : "exit status " + std::to_string(runStatus)));
+            } else if (!ok) {
+                out.line(where + "no report");
             }
+            for (std::string line; std::getline(in, line);) {
+                if (line == "own damage") {
+                    own = true;
+                } else {
+                    out.line(where + line);
+                    ok = false;
+                }
+            }
+            sh.survived += fired && ok;
+            sh.ownDamage += fired && own;
+            restore(dir, before);
         }
-        callsBefore = callsAfter;
         w.s.error = w.s.errorDetail = 0;
-        steps[i].run(w);
-        if (w.s.error != plan.steps[i].error || w.s.errorDetail != plan.steps[i].detail || f.calls(kind.op) != callsAfter)
-            out.line("problem: step " + steps[i].name + " ran differently from the clean run");
+        step.run(w);
+        if (w.s.error != record.error || w.s.errorDetail != record.detail || f.calls(kind.op) != record.calls ||
+            snapshot(dir) != after)
+            out.line(std::string(kind.name) + ", the run without a fault: step " + step.name +
+                     " ran differently from its clean run");
     }
-    if (f.opens() != f.closes()) out.line("problem: opens " + std::to_string(f.opens()) + " closes " + std::to_string(f.closes()));
-    if (snapshot(dir) != plan.after(steps.size() - 1)) out.line("problem: the media differ from the clean run's");
+    sh.calls = f.calls(kind.op);
+    if (f.opens() != f.closes())
+        out.line(std::string(kind.name) + ", the run without a fault: opens " + std::to_string(f.opens()) + " closes " +
+                 std::to_string(f.closes()));
     return leaveChild(0);
 }
 
-struct Tally {
-    uint32_t runs = 0, injected = 0, survived = 0, ownDamage = 0, notCut = 0;
+struct Result {
+    Shared figures;
     std::vector<std::string> failures;
 };
 
-// The sweep of one kind: the 1st, 2nd, ... call of its operation made to fail (or fall short)
-// in a run of its own, up to the last call the workload makes; then the whole workload once
-// more with nothing failing.
-Tally sweep(const Plan& plan, const Kind& kind) {
-    Tally t;
-    const std::vector<Step>& steps = plan.work;
-    RunDir d;
-    d.fresh();
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) _exit(sweepChild(d.path(), d.report(), plan, kind));
-    const int status = waitFor(pid);
-    if (status != 0) t.failures.push_back(std::string(kind.name) + ": the sweep ended with status " + std::to_string(status));
-    std::istringstream in(kt::readFile(d.report()));
-    std::string where;
-    bool ok = false, own = false, fired = false;
-    auto close = [&] {
-        if (where.empty()) return;
-        t.survived += fired && ok;
-        t.ownDamage += fired && own;
-    };
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream words(line);
-        std::string tag;
-        words >> tag;
-        if (tag == "run") {
-            close();
-            uint32_t n = 0;
-            int runStatus = 0;
-            words >> n >> runStatus;
-            std::string first;
-            std::getline(words >> std::ws, first);
-            const size_t at = stepOfCall(plan, kind.op, n);
-            where = std::string(kind.name) + " N=" + std::to_string(n) + " (step " + steps[at].name + "): ";
-            ++t.runs;
-            fired = first == "fired";
-            own = false;
-            ok = runStatus == 0 && (fired || first == "not cut");
-            t.injected += fired;
-            t.notCut += first == "not cut";
-            if (runStatus != 0) {
-                t.failures.push_back(where + (runStatus >= 128 ? "killed by signal " + std::to_string(runStatus - 128)
-                                              : runStatus == 3 ? std::string("memory leak")
-                                                               : "exit status " + std::to_string(runStatus)));
-            } else if (!ok) {
-                t.failures.push_back(where + "no report");
-            }
-        } else if (line == "own damage") {
-            own = true;
-        } else if (tag == "problem:") {
-            t.failures.push_back(std::string(kind.name) + ", the run without a fault: " + line);
-        } else {
-            ok = false;
-            t.failures.push_back(where + line);
-        }
-    }
-    close();
-    return t;
+// The sweep of one kind over `work`, in a directory in memory when the machine has one
+// (synchronous writes cost nothing there; thousands of runs add up).
+Result sweep(const std::vector<Step>& work, const Kind& kind) {
+    struct stat st {};
+    if (stat("/dev/shm", &st) == 0 && S_ISDIR(st.st_mode) && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
+    kt::TempDir dir;
+    layDatabase(dir.path());
+    void* map = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (map == MAP_FAILED) return {{}, {"no shared memory"}};
+    Shared& sh = *new (map) Shared{};
+    Result r{};
+    const int status = inChild([&] { return sweepChild(dir.path(), work, kind, sh); });
+    if (status != 0) r.failures.push_back(std::string(kind.name) + ": the sweep ended with status " + std::to_string(status));
+    std::istringstream in(kt::readFile(dir.file("report.txt")));
+    for (std::string line; std::getline(in, line);) r.failures.push_back(line);
+    r.figures = sh;
+    munmap(map, sizeof(Shared));
+    return r;
 }
 
-const Kind& kindNamed(const std::string& name) {
-    for (const Kind& k : kKinds)
-        if (name == k.name) return k;
-    return kKinds[0];
-}
+struct FaultSweep : ::testing::TestWithParam<Kind> {};
+void PrintTo(const Kind& kind, std::ostream* os) { *os << kind.name; }
 
-void runKind(const char* name) {
+TEST_P(FaultSweep, EveryCallOfTheKindFailsInTurn) {
     const auto started = std::chrono::steady_clock::now();
-    const Kind& kind = kindNamed(name);
+    const Kind& kind = GetParam();
     const mk::FaultControl loaded;  // loaded once here, so that each run finds it in place
     ASSERT_TRUE(loaded.ok());
-    const std::unique_ptr<Plan> plan = cleanRun(workload());
-    ASSERT_EQ(plan->problems, "");
-    const Tally t = sweep(*plan, kind);
+    const Result r = sweep(workload(), kind);
+    const Shared& t = r.figures;
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    const uint32_t calls = plan->steps.back().calls[kind.op], every = sampleEvery();
+    const uint32_t every = sampleEvery();
     std::printf("fault sweep %-11s: %4u calls%s, %4u faults injected, %4u survived, %3u failed, "
                 "%3u left damage in their own records, %2u not cut, %.1f s\n",
-                kind.name, calls, every > 1 ? (" (1 in " + std::to_string(every) + ")").c_str() : "", t.injected,
+                kind.name, t.calls, every > 1 ? (" (1 in " + std::to_string(every) + ")").c_str() : "", t.injected,
                 t.survived, t.injected - t.survived, t.ownDamage, t.notCut, seconds);
-    for (const std::string& f : t.failures) std::printf("  FAILED %s\n", f.c_str());
-    EXPECT_TRUE(t.failures.empty()) << t.failures.size() << " failed checks, listed above";
+    for (const std::string& f : r.failures) std::printf("  FAILED %s\n", f.c_str());
+    EXPECT_TRUE(r.failures.empty()) << r.failures.size() << " failed checks, listed above";
     EXPECT_GT(t.injected, 0u);
-    EXPECT_EQ(t.runs, (calls + every - 1) / every);
+    EXPECT_EQ(t.runs, (t.calls + every - 1) / every);
     EXPECT_EQ(t.injected + t.notCut, t.runs);
 }
+
+INSTANTIATE_TEST_SUITE_P(Kinds, FaultSweep, ::testing::ValuesIn(kKinds), [](const ::testing::TestParamInfo<Kind>& i) {
+    std::string name = i.param.name;
+    std::replace(name.begin(), name.end(), ' ', '_');
+    return name;
+});
 
 #if defined(__SANITIZE_ADDRESS__)
 __attribute__((noinline)) void leak64() {
@@ -922,22 +787,11 @@ __attribute__((noinline)) void leak64() {
 }
 #endif
 
-}  // namespace
-
-TEST(FaultSweep, FailedOpens) { runKind("open"); }
-TEST(FaultSweep, FailedReads) { runKind("read"); }
-TEST(FaultSweep, FailedWrites) { runKind("write"); }
-TEST(FaultSweep, FailedSeeks) { runKind("seek"); }
-TEST(FaultSweep, FailedSyncs) { runKind("sync"); }
-TEST(FaultSweep, ShortReads) { runKind("short read"); }
-TEST(FaultSweep, ShortWrites) { runKind("short write"); }
-
 // The sweep finds what it is there to find: behind the first steps of the workload, steps
 // that misbehave when a fault meets them, as a faulty library would. Each misbehaviour is
 // reported for that step and nothing is reported for the library's own steps.
-TEST(FaultSweep, FindsPlantedMisbehaviour) {
-    // Every call of this short workload fails in turn, also in a sampled (slow) run.
-    setenv("KESDB_SWEEP_SAMPLE", "1", 1);
+TEST(FaultSweepHarness, FindsPlantedMisbehaviour) {
+    setenv("KESDB_SWEEP_SAMPLE", "1", 1);  // every call, also in a sampled (slow) run
     const mk::FaultControl loaded;
     ASSERT_TRUE(loaded.ok());
     std::vector<Step> work = workload();
@@ -969,11 +823,9 @@ TEST(FaultSweep, FindsPlantedMisbehaviour) {
                         if (w.s.error != 0) leak64();
                     }});
 #endif
-    const std::unique_ptr<Plan> plan = cleanRun(work);
-    ASSERT_EQ(plan->problems, "");
-    const Tally t = sweep(*plan, kindNamed("open"));
+    const Result r = sweep(work, kKinds[0]);
     std::string all;
-    for (const std::string& f : t.failures) all += f + "\n";
+    for (const std::string& f : r.failures) all += f + "\n";
     auto reported = [&](const std::string& step, const std::string& what) {
         return all.find("(step " + step + "): " + what) != std::string::npos;
     };
@@ -989,5 +841,7 @@ TEST(FaultSweep, FindsPlantedMisbehaviour) {
         if (st.name == "node net") break;
         EXPECT_FALSE(reported(st.name, "")) << all;
     }
-    EXPECT_GT(t.survived, 0u);  // the library's own steps
+    EXPECT_GT(r.figures.survived, 0u);  // the library's own steps
 }
+
+}  // namespace

@@ -3,14 +3,16 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <string>
 
 #include "kesdbm/kesdbm.h"
-#include "mediakit.hpp"
+#include "listkit.hpp"
 
 namespace {
 
+using lk::Free;
 using mk::Bytes;
 using mk::errorOf;
 using mk::Pair;
@@ -30,37 +32,36 @@ protected:
 
 }  // namespace
 
-TEST_F(PathList, GetExactFitFragmentAndSplit) {
-    make(256, 0, {{64, 0, 100}});  // an element that is not on the list
-    Bytes before = all();
-    EXPECT_EQ(flst_get(&s, p(), 8), 0u);
-    EXPECT_EQ(flst_release(&s, p(), 32, 16), 0);
-    EXPECT_EQ(all(), before);
-
-    // Exact fit leaves the list; remainder 5 is filled DE AD DE AD DE and lost; remainder 8
-    // becomes an element, too small for a body fill; zero bytes rewrite the element in place.
-    struct Case { uint32_t size, anchorAfter; Element element; Bytes at159; } cases[] = {
-        {100, 300, {}, Bytes(5, 0)},
-        {95, 300, {}, {0xDE, 0xAD, 0xDE, 0xAD, 0xDE}},
-        {92, 156, {156, 300, 8}, {}},
-        {0, 64, {64, 300, 100}, Bytes(5, 0xBA)},
+TEST_F(PathList, GetFillsFragmentsAndSmallBodies) {
+    // Remainder 5 is filled DE AD DE AD DE and lost; remainder 8 becomes an element, too small
+    // for a body fill; zero bytes rewrite the element in place, its body filled with 0xBA. The
+    // guard byte behind the element stays.
+    struct Case { uint32_t size; Free after; Bytes at159; } cases[] = {
+        {100, {{300, 50}}, Bytes(5, 0)},
+        {95, {{300, 50}}, {0xDE, 0xAD, 0xDE, 0xAD, 0xDE}},
+        {92, {{156, 8}, {300, 50}}, {}},
+        {0, {{64, 100}, {300, 50}}, Bytes(5, 0xBA)},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.size);
-        make(512, 64, {{64, 300, 100}});
-        kt::writeBytes(path, 164, "\x77", 1);  // a guard byte behind the element
+        make(512, 64, {{64, 300, 100}, {300, 0, 50}});
+        kt::writeBytes(path, 164, "\x77", 1);
         EXPECT_EQ(flst_get(&s, p(), c.size), 64u);
-        EXPECT_EQ(word(12), c.anchorAfter);
-        if (c.element[0]) { EXPECT_EQ(element(c.element[0]), Pair(c.element[1], c.element[2])); }
+        EXPECT_EQ(lk::freeList(*this), c.after);
         if (!c.at159.empty()) { EXPECT_EQ(bytes(159, 5), c.at159); }
         EXPECT_EQ(bytes(164, 1), Bytes{0x77});
     }
-    // A split-off element of 160 bytes has its body filled with 0xBA.
-    make(512, 64, {{64, 0, 200}});
-    EXPECT_EQ(flst_get(&s, p(), 40), 64u);
-    EXPECT_EQ(word(12), 104u);
-    EXPECT_EQ(element(104), Pair(0, 160));
-    EXPECT_EQ(bytes(112, 152), Bytes(152, 0xBA));
+    // Bodies of split-off elements up to 1024 bytes are filled with 0xBA; larger ones are not.
+    for (auto [size, marked] : {Pair{9, 1}, {1032, 1024}, {1033, 0}}) {
+        SCOPED_TRACE(size);
+        make(2200, 16, {{16, 0, size + 8}});
+        EXPECT_EQ(flst_get(&s, p(), 8), 16u);
+        EXPECT_EQ(element(24), Pair(0, size));
+        const Bytes body = bytes(32, 1030);
+        uint32_t n = 0;
+        while (n < body.size() && body[n] == 0xBA) ++n;
+        EXPECT_EQ(n, marked);
+    }
     EXPECT_EQ(s.error, 0u);
 }
 
@@ -70,6 +71,9 @@ TEST_F(PathList, ReleaseExaminesOnlyTheHead) {
         {"adjoining the head", 32, 16, 32, {200, 48}},
         {"over the anchor", 12, 8, 48, {48, 8}},
         {"over the anchor, merged", 12, 36, 200, {200, 68}},
+        {"behind the head", 100, 16, 48, {0, 0}},
+        {"overlapping the head", 40, 16, 48, {0, 0}},
+        {"beyond 4 GiB", 0xFFFFFFF0u, 0x20, 48, {0, 0}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -77,36 +81,13 @@ TEST_F(PathList, ReleaseExaminesOnlyTheHead) {
         EXPECT_EQ(flst_release(&s, p(), c.key, c.size), 0);
         EXPECT_EQ(word(12), c.anchorAfter);
         EXPECT_EQ(element(c.key), c.element);
+        EXPECT_EQ(s.error, 0u);
     }
-    // Behind the head, overlapping it, or reaching beyond 4 GiB: nothing changes.
-    make(256, 48, {{48, 200, 32}});
-    Bytes before = all();
-    EXPECT_EQ(flst_release(&s, p(), 100, 16), 0);
-    EXPECT_EQ(flst_release(&s, p(), 40, 16), 0);
-    EXPECT_EQ(flst_release(&s, p(), 0xFFFFFFF0u, 0x20), 0);
-    EXPECT_EQ(all(), before);
-    EXPECT_EQ(s.error, 0u);
-    // The head cannot be read: nothing changes, 55 recorded.
-    make(256, 254);
-    before = all();
+    make(256, 254);  // the head cannot be read: nothing changes, 55 recorded
+    const Bytes before = all();
     EXPECT_EQ(flst_release(&s, p(), 20, 16), 0);
     EXPECT_EQ(all(), before);
     EXPECT_EQ(s.error, 55u);
-}
-
-TEST_F(PathList, ElementBodyFill) {
-    // Bodies up to 1024 bytes are filled with 0xBA; larger ones and empty ones are not.
-    for (auto [size, marked] : {Pair{9, 1}, {1032, 1024}, {1033, 0}, {8, 0}}) {
-        SCOPED_TRACE(size);
-        make(2200, 0);
-        const FreeElement e{0, size};
-        EXPECT_EQ(flst_setElement(&s, p(), 16, &e), 0);
-        EXPECT_EQ(element(16), Pair(0, size));
-        const Bytes body = bytes(24, 1030);
-        uint32_t n = 0;
-        while (n < body.size() && body[n] == 0xBA) ++n;
-        EXPECT_EQ(n, marked);
-    }
 }
 
 TEST_F(PathList, PrimitivesAndTheirFailures) {
@@ -119,8 +100,7 @@ TEST_F(PathList, PrimitivesAndTheirFailures) {
     EXPECT_EQ(bytes(50, 4), (Bytes{0xDE, 0xAD, 0xDE, 0x00}));
     EXPECT_EQ(flst_fillFlagmented(&s, p(), 50, 9), 54);  // more than a fragment
     EXPECT_EQ(errorOf(s), Pair(54, EINVAL));
-    // An element read that brings 4 to 7 bytes is accepted with size 0; fewer than 4 bytes:
-    // 55, detail 0, the buffer untouched.
+    // 4 to 7 bytes read: accepted with size 0; fewer: 55, detail 0, the buffer untouched.
     FreeElement e{9, 9};
     EXPECT_EQ(flst_getElement(&s, p(), 58, &e), &e);
     EXPECT_EQ(e.size, 0u);
@@ -128,9 +108,11 @@ TEST_F(PathList, PrimitivesAndTheirFailures) {
     EXPECT_EQ(flst_getElement(&s, p(), 61, &e), nullptr);
     EXPECT_EQ(errorOf(s), Pair(55, 0));
     EXPECT_EQ(e.next, 9u);
+    const FreeElement written{0x40, 8};
+    EXPECT_EQ(flst_setElement(&s, p(), 16, &written), 0);
+    EXPECT_EQ(element(16), Pair(0x40, 8));
     EXPECT_EQ(flst_getElement(&s, p(), 16, nullptr), nullptr);
     EXPECT_EQ(s.error, 89u);
-
     // A missing file: 53 with ENOENT from every operation, never created.
     const std::string none = dir.file("none.bin");
     const std::pair<const char*, std::function<int64_t()>> missing[] = {
@@ -147,7 +129,6 @@ TEST_F(PathList, PrimitivesAndTheirFailures) {
         EXPECT_EQ(errorOf(s), Pair(53, ENOENT));
     }
     EXPECT_EQ(flst_setFirstOffset(&s, nullptr, 16), 53);
-    EXPECT_EQ(flst_get(nullptr, none.c_str(), 8), 0u);
     EXPECT_EQ(kt::readFile(none), "");
     // A directory: the write-side open fails (53), reading fails after the open (55).
     EXPECT_EQ(flst_setNext(&s, dir.path().c_str(), 16, 0), 53);
@@ -180,16 +161,13 @@ TEST(LayMedium, HeaderAndOneFreeElement) {
     EXPECT_EQ(kt::readFile(path), "");
     EXPECT_EQ(kesdb_layMedium(nullptr, 100, 0), EINVAL);
     EXPECT_EQ(kesdb_layMedium(dir.file("no/such/dir").c_str(), 100, 0), ENOENT);
-
     kt::writeFile(path, std::string(500, 'x'));  // truncated and zeroed
     ASSERT_EQ(kesdb_layMedium(path.c_str(), 100, 0x40), 0);
     const uint32_t expect[6] = {0, 0, 0x40, 16, 0, 84};
-    Bytes image(reinterpret_cast<const uint8_t*>(expect), reinterpret_cast<const uint8_t*>(expect) + 24);
-    image.resize(100, 0);
+    Bytes image(100, 0);
+    std::memcpy(image.data(), expect, sizeof expect);
     EXPECT_EQ(kt::readBytes(path, 0, 200), image);
-
-    // The smallest medium serves one 8-byte block.
-    ASSERT_EQ(kesdb_layMedium(path.c_str(), 24, 0), 0);
+    ASSERT_EQ(kesdb_layMedium(path.c_str(), 24, 0), 0);  // the smallest serves one 8-byte block
     Session s{};
     EXPECT_EQ(flst_get(&s, path.c_str(), 8), 16u);
     EXPECT_EQ(kt::readWord(path, 12), 0u);

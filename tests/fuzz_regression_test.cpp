@@ -58,40 +58,25 @@ protected:
     uint32_t root = 0, top = 0, deepest = 0, leaf = 0;
 };
 
-// Depth first: the root, each /a down to the deepest, the leaf with its three values, the
-// deepest /b, then the /b one level up, whose first child is the deepest /a again.
-TEST_F(SharedLists, PrintEndsAtTheFirstComponentMetAgain) {
+// Depth first, print meets the root, each /a down to the deepest, the leaf with its three
+// values, the deepest /b, then the /b one level up, whose first child is the deepest /a again.
+// The transfers handle the leaf, met before the repeated node; deletion with the subtree
+// unlinks and releases nothing.
+TEST_F(SharedLists, WalksEndAtTheFirstComponentMetAgain) {
+    const uint32_t medium = tk::componentMedium(s), firstFree = flst_m_getFirstOffset(s, medium);
     EXPECT_EQ(bounded([&] {
                   session_setError(s, 0, 0);
                   const std::string out = kt::captureStdout([&] { kesDBMtraverseAndPrint(s, 0); });
                   if (std::count(out.begin(), out.end(), '\n') != 1 + kLevels + 4 + 2) return 1;
                   if (s->error != KESDB_ERR_COMP_READ || s->errorDetail != deepest) return 2;
-                  return 0;
-              }),
-              0);
-}
-
-TEST_F(SharedLists, TransfersEndAtTheFirstComponentMetAgain) {
-    EXPECT_EQ(bounded([&] {
+                  if (comp_currentToDefault(s, root) != KESDB_ERR_COMP_READ || s->errorDetail != deepest) return 3;
+                  if (tk::u32Of(s, leaf_getDefaultValueKey(s, leaf)) != 7) return 4;
+                  if (kesDBMDefaultToCurrent(s, top) != KESDB_ERR_COMP_READ) return 5;
                   session_setError(s, 0, 0);
-                  if (comp_currentToDefault(s, root) != KESDB_ERR_COMP_READ || s->errorDetail != deepest) return 1;
-                  // The leaf, met before the repeated node, was handled.
-                  if (tk::u32Of(s, leaf_getDefaultValueKey(s, leaf)) != 7) return 3;
-                  if (kesDBMDefaultToCurrent(s, top) != KESDB_ERR_COMP_READ) return 4;
-                  return 0;
+                  if (kesDBMDeleteComponentWithSub(s, top) != KESDB_ERR_COMP_READ) return 6;
+                  return s->errorDetail == deepest ? 0 : 7;
               }),
               0);
-}
-
-TEST_F(SharedLists, DeletionWithTheSubtreeChangesNothing) {
-    const uint32_t medium = tk::componentMedium(s);
-    const uint32_t firstFree = flst_m_getFirstOffset(s, medium);
-    EXPECT_EQ(bounded([&] {
-                  session_setError(s, 0, 0);
-                  return kesDBMDeleteComponentWithSub(s, top) != KESDB_ERR_COMP_READ || s->errorDetail != deepest;
-              }),
-              0);
-    // Nothing was unlinked or released.
     EXPECT_EQ(flst_m_getFirstOffset(s, medium), firstFree);
     EXPECT_EQ(tk::childNames(s, root), "/a,/b");
 }

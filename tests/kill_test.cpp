@@ -26,45 +26,30 @@ constexpr int kKilled = 128 + SIGKILL;
 
 enum class Table { Database, Sessions, Locks };
 
-std::string tableName(Table t) {
-    return t == Table::Database ? "database" : t == Table::Sessions ? "session" : "lock";
-}
+std::string tableName(Table t) { return t == Table::Database ? "database" : t == Table::Sessions ? "session" : "lock"; }
 
 struct TableMutex : ::testing::TestWithParam<Table> {
     kt::Db db;
-
     std::string tablePath() const {
-        switch (GetParam()) {
-            case Table::Database:
-                return db.dir.file("db.tbl");  // KESDB_DBTABLE of the test database
-            case Table::Sessions:
-                return db.param.sessionTablePath;
-            case Table::Locks:
-                break;
-        }
-        return db.param.lockTablePath;
+        return GetParam() == Table::Database ? db.dir.file("db.tbl")  // KESDB_DBTABLE of the test database
+               : GetParam() == Table::Sessions ? db.param.sessionTablePath
+                                               : db.param.lockTablePath;
     }
-
     // A library call that needs the table's mutex, undone again; 0 on success. `own` is an
     // open session (the lock table's calls need one).
     int32_t useTable(Session* own) {
-        switch (GetParam()) {
-            case Table::Database: {
-                int32_t err = 0;
-                const int32_t id = kesDBMInit(&db.param, &err);
-                if (id != db.id) return 1000 + err;
-                return kesDBMTerm(static_cast<uint32_t>(id));
-            }
-            case Table::Sessions: {
-                Session other{};
-                if (int32_t rc = kesDBMInitSession(&other, static_cast<uint32_t>(db.id)); rc != 0) return rc;
-                return kesDBMTermSession(&other);
-            }
-            case Table::Locks:
-                break;
+        if (GetParam() == Table::Database) {
+            int32_t err = 0;
+            const int32_t id = kesDBMInit(&db.param, &err);
+            return id != db.id ? 1000 + err : kesDBMTerm(static_cast<uint32_t>(id));
         }
-        if (int32_t rc = kesDBMLock(own, 0x1234, kExclusiveTry); rc != 0) return rc;
-        return kesDBMUnlock(own, 0x1234);
+        if (GetParam() == Table::Sessions) {
+            Session other{};
+            const int32_t rc = kesDBMInitSession(&other, static_cast<uint32_t>(db.id));
+            return rc != 0 ? rc : kesDBMTermSession(&other);
+        }
+        const int32_t rc = kesDBMLock(own, 0x1234, kExclusiveTry);
+        return rc != 0 ? rc : kesDBMUnlock(own, 0x1234);
     }
 };
 

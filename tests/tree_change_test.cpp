@@ -1,7 +1,8 @@
-// Creating, moving and deleting components: sibling order, parent words, released blocks,
-// the order of writes, and changes that must leave the tree as it was.
+// Creating, moving and deleting components, and the value-set transfers over subtrees: sibling
+// order, parent words, released blocks, the order of writes, and refused changes.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -13,174 +14,128 @@
 
 namespace {
 
-// A root r holding P and Q; P holds the leaf A, the node B and the leaf C in this order;
-// B holds the leaves X and Y. list() marks a child whose parent word names another node.
+// A root r holding P and Q; P holds the leaf A, the node B and the leaf C (current, default
+// and factory values 1, 2, 3 each, one more for each next leaf); B holds the leaves X and Y.
 struct Tree {
     Session* s;
     uint32_t r = 0, P = 0, Q = 0, A = 0, B = 0, C = 0, X = 0, Y = 0;
-
+    uint32_t leaf(uint32_t parent, const char* name, uint32_t v) {
+        return tk::leaf(s, parent, 0, name, tk::u32(s, v), tk::u32(s, v + 10), tk::u32(s, v + 20));
+    }
     explicit Tree(Session* session) : s(session) {
         r = tk::makeRoot(s, "r");
         P = tk::node(s, r, 0, "P");
         Q = tk::node(s, r, P, "Q");
-        C = tk::leaf(s, P, 0, "C", tk::u32(s, 3));
+        C = leaf(P, "C", 3);
         B = tk::node(s, P, 0, "B");
-        A = tk::leaf(s, P, 0, "A");
-        Y = tk::leaf(s, B, 0, "Y");
-        X = tk::leaf(s, B, 0, "X");
+        A = leaf(P, "A", 1);
+        Y = leaf(B, "Y", 5);
+        X = leaf(B, "X", 4);
         EXPECT_TRUE(r && P && Q && A && B && C && X && Y);
     }
     std::string list(uint32_t key) const { return tk::childNames(s, key); }
     std::string lists() const { return list(P) + "|" + list(Q) + "|" + list(B); }
+    // One value (0 current, 1 default, 2 factory) of A, C and X.
+    std::array<uint32_t, 3> column(int which) const {
+        std::array<uint32_t, 3> v{};
+        for (int i = 0; i < 3; ++i) {
+            const LeafRecord l = tk::leafRecord(s, i == 0 ? A : i == 1 ? C : X);
+            v[i] = tk::u32Of(s, which == 0 ? l.currentValue : which == 1 ? l.defaultValue : l.factoryValue);
+        }
+        return v;
+    }
 };
 
-// Each case starts from the example tree on a fresh database.
 class TreeChange : public ::testing::Test {
 protected:
     kt::Db db;
     Session* s = &db.s;
     Tree t{s};
+    uint32_t m = tk::componentMedium(s);
 };
 
-TEST_F(TreeChange, CreateGoesToTheHeadOrBehindTheNamedSiblingAndWrapsTheChildBehind) {
-    const uint32_t v1 = tk::u32(s, 1), v2 = tk::u32(s, 2), v3 = tk::u32(s, 3);
-    const LeafRecord head = tk::leafRecord(s, tk::leaf(s, t.P, 0, "new", v1, v2, v3, 4));
-    const LeafRecord expected{{head.comp.key, head.comp.stringKey, 0, t.P, t.A, KESDB_KIND_LEAF}, v1, v2, v3, 4};
-    EXPECT_EQ(std::memcmp(&head, &expected, sizeof head), 0);
-    const uint32_t behind = tk::leaf(s, t.P, t.A, "new2");
-    const uint32_t tail = tk::leaf(s, t.P, t.C, "tail");
-    EXPECT_EQ(t.list(t.P), "new,A,new2,B,C,tail");
-
-    // A node wrapping B, the child behind its place: B keeps its own children.
-    const uint32_t n = tk::node(s, t.P, behind, "node", t.B);
-    EXPECT_EQ(t.list(t.P), "new,A,new2,node,C,tail");
-    EXPECT_EQ(t.list(n), "B");
-    EXPECT_EQ(t.list(t.B), "X,Y");
-    EXPECT_EQ(tk::common(s, n).reserved, 0u);
-    // At the head, wrapping the first child; at the tail without a child.
-    EXPECT_EQ(t.list(tk::node(s, t.P, 0, "head", head.comp.key)), "new");
-    EXPECT_EQ(comp_getFirstChild(s, tk::node(s, t.P, tail, "empty")), 0u);
-    EXPECT_EQ(t.list(t.P), "head,A,new2,node,C,tail,empty");
-}
-
-TEST_F(TreeChange, LeafMoveUnlinksAndInserts) {
+TEST_F(TreeChange, Moves) {
     const struct {
         uint32_t Tree::*leaf, Tree::*parent, Tree::*previous;  // previous null: to the head
         const char *p, *q;
     } moves[] = {
-        {&Tree::A, &Tree::Q, nullptr, "B,C", "A"},     // first child to another head
-        {&Tree::A, &Tree::P, &Tree::C, "B,C,A", ""},    // back, behind the last child
-        {&Tree::A, &Tree::P, nullptr, "A,B,C", ""},    // same parent, tail to head
-        {&Tree::C, &Tree::P, &Tree::A, "A,C,B", ""},    // tail into the middle
-        {&Tree::C, &Tree::P, &Tree::B, "A,B,C", ""},    // behind its own successor
-        {&Tree::C, &Tree::P, &Tree::B, "A,B,C", ""},    // where it already is
+        {&Tree::A, &Tree::Q, nullptr, "B,C", "A"},   {&Tree::A, &Tree::P, &Tree::C, "B,C,A", ""},
+        {&Tree::A, &Tree::P, nullptr, "A,B,C", ""},  {&Tree::C, &Tree::P, &Tree::A, "A,C,B", ""},
+        {&Tree::C, &Tree::P, &Tree::B, "A,B,C", ""}, {&Tree::C, &Tree::P, &Tree::B, "A,B,C", ""},
     };
-    for (const auto& m : moves) {
-        SCOPED_TRACE(m.p);
-        EXPECT_EQ(leaf_move(s, t.*m.leaf, t.*m.parent, m.previous ? t.*m.previous : 0), 0);
-        EXPECT_EQ(t.list(t.P), m.p);
-        EXPECT_EQ(t.list(t.Q), m.q);
+    for (const auto& mv : moves) {
+        SCOPED_TRACE(mv.p);
+        EXPECT_EQ(leaf_move(s, t.*mv.leaf, t.*mv.parent, mv.previous ? t.*mv.previous : 0), 0);
+        EXPECT_EQ(t.list(t.P) + "|" + t.list(t.Q), std::string(mv.p) + "|" + mv.q);
     }
-    EXPECT_EQ(comp_getNextSibling(s, t.C), 0u);
-}
-
-TEST_F(TreeChange, NodeMoveLeavesTheChildrenBehindNodeMoveWithSubTakesThem) {
+    // node_move leaves the children behind (they name P now), node_moveWithSub takes them.
     EXPECT_EQ(node_move(s, t.B, t.Q, 0, 0), 0);
-    EXPECT_EQ(t.list(t.P), "A,X,Y,C");  // the children left behind name P now
-    EXPECT_EQ(t.list(t.Q), "B");
-    EXPECT_EQ(comp_getFirstChild(s, t.B), 0u);
-    // Back to P behind A, wrapping X (the component behind A).
-    EXPECT_EQ(node_move(s, t.B, t.P, t.A, t.X), 0);
-    EXPECT_EQ(t.list(t.P), "A,B,Y,C");
-    EXPECT_EQ(t.list(t.B), "X");
-    // The first child moved behind one of its own former children (which come to its place).
-    const uint32_t D = tk::node(s, t.Q, 0, "D");
-    const uint32_t d2 = tk::leaf(s, D, 0, "d2");
+    EXPECT_EQ(t.lists(), "A,X,Y,C|B|");
+    EXPECT_EQ(node_move(s, t.B, t.P, t.A, t.X), 0);  // back behind A, wrapping X
+    EXPECT_EQ(t.lists(), "A,B,Y,C||X");
+    const uint32_t D = tk::node(s, t.Q, 0, "D"), d2 = tk::leaf(s, D, 0, "d2");
     tk::leaf(s, D, 0, "d1");
-    EXPECT_EQ(node_move(s, D, t.Q, d2, 0), 0);
+    EXPECT_EQ(node_move(s, D, t.Q, d2, 0), 0);  // behind one of its own former children
     EXPECT_EQ(t.list(t.Q), "d1,d2,D");
-
     EXPECT_EQ(node_moveWithSub(s, t.B, t.Q, 0), 0);
-    EXPECT_EQ(t.list(t.P), "A,Y,C");
-    EXPECT_EQ(t.list(t.Q), "B,d1,d2,D");
-    EXPECT_EQ(t.list(t.B), "X");
-    // P below B, which no longer lies below P.
-    EXPECT_EQ(node_moveWithSub(s, t.P, t.B, t.X), 0);
-    EXPECT_EQ(t.list(t.B), "X,P");
-    EXPECT_EQ(t.list(t.P), "A,Y,C");
-    EXPECT_EQ(t.list(t.r), "Q");
+    EXPECT_EQ(t.lists(), "A,Y,C|B,d1,d2,D|X");
+    EXPECT_EQ(node_moveWithSub(s, t.P, t.B, t.X), 0);  // P below B, which no longer lies below P
+    EXPECT_EQ(t.list(t.B) + "|" + t.list(t.r), "X,P|Q");
 }
 
 TEST_F(TreeChange, DeleteSplicesChildrenDeleteWithSubReleasesTheSubtree) {
-    const uint32_t m = tk::componentMedium(s);
-    const uint32_t cName = comp_getStringKey(s, t.C), cValue = leaf_getCurrentValueKey(s, t.C);
+    const uint32_t cValue = leaf_getCurrentValueKey(s, t.C);
     EXPECT_EQ(comp_delete(s, t.B), 0);
-    EXPECT_EQ(t.list(t.P), "A,X,Y,C");
+    EXPECT_EQ(comp_delete(s, t.C), 0);
+    EXPECT_EQ(t.list(t.P), "A,X,Y");
     EXPECT_TRUE(tk::isFree(tk::freeList(s, m), t.B, 28));
     EXPECT_FALSE(tk::isFree(tk::freeList(s, m), t.B, 29));
-    EXPECT_EQ(comp_delete(s, t.C), 0);  // the last child
-    EXPECT_EQ(t.list(t.P), "A,X,Y");
     EXPECT_TRUE(tk::isFree(tk::freeList(s, m), t.C, 40));
-    char text[8] = {};  // the leaf's name and value stay where they were
-    EXPECT_STREQ(kesdb_getString(s, cName, text, sizeof text), "C");
-    EXPECT_EQ(tk::u32Of(s, cValue), 3u);
-    EXPECT_EQ(comp_delete(s, t.A), 0);  // the first child: its successor heads the list
+    EXPECT_EQ(tk::u32Of(s, cValue), 3u);  // the leaf's value stays
+    EXPECT_EQ(comp_delete(s, t.A), 0);
     EXPECT_EQ(t.list(t.P), "X,Y");
-
-    // P holds X, the node Z holding the leaf W, and Y.
-    const uint32_t Z = tk::node(s, t.P, t.X, "Z");
-    const uint32_t W = tk::leaf(s, Z, 0, "W");
-    ASSERT_EQ(t.list(t.P), "X,Z,Y");
+    const uint32_t Z = tk::node(s, t.P, t.X, "Z"), W = tk::leaf(s, Z, 0, "W");
     EXPECT_EQ(comp_deleteWithSub(s, t.P, 1), 0);
     EXPECT_EQ(t.list(t.r), "Q");
     const std::vector<tk::FreeBlock> blocks = tk::freeList(s, m);
     for (uint32_t node : {t.P, Z}) EXPECT_TRUE(tk::isFree(blocks, node, 28));
     for (uint32_t leaf : {t.X, W, t.Y}) EXPECT_TRUE(tk::isFree(blocks, leaf, 40));
-    EXPECT_FALSE(tk::isFree(blocks, t.Q, 1));
-    // Without unlinking, the list is left as it is.
-    EXPECT_EQ(comp_deleteWithSub(s, t.Q, 0), 0);
+    EXPECT_EQ(comp_deleteWithSub(s, t.Q, 0), 0);  // without unlinking
     EXPECT_TRUE(tk::isFree(tk::freeList(s, m), t.Q, 28));
     EXPECT_EQ(comp_getFirstChild(s, t.r), t.Q);
 }
 
 // Refused changes and changes whose reads fail write nothing at all.
 TEST_F(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
-    const uint32_t m = tk::componentMedium(s);
-    // A block that is no record: its key word is 0.
-    const uint32_t garbage = 60000;
+    const uint32_t garbage = 60000;  // a block that is no record: its key word is 0
     const std::string before = kt::readFile(db.mediumPath);
-    auto unchanged = [&] { return kt::readFile(db.mediumPath) == before; };
+    const std::pair<int32_t, int32_t> refused[] = {
+        {leaf_move(s, t.A, t.C, 0), KESDB_ERR_COMP_NOTNODE},          // the new parent is a leaf
+        {node_moveWithSub(s, t.P, t.B, 0), KESDB_ERR_COMP_NOTNODE},   // below itself
+        {node_moveWithSub(s, t.B, t.B, 0), KESDB_ERR_COMP_NOTNODE},
+        {node_move(s, t.B, t.B, 0, 0), KESDB_ERR_COMP_NOTNODE},
+        {node_move(s, t.B, t.P, t.B, 0), KESDB_ERR_COMP_NOTNODE},     // behind itself
+        {node_move(s, t.B, t.Q, 0, t.B), KESDB_ERR_COMP_NOTNODE},     // wrapping itself
+        {node_move(s, t.B, t.P, 0, t.C), KESDB_ERR_COMP_NOTNODE},     // C is not behind the place
+        {leaf_move(s, t.A, t.P, t.X), KESDB_ERR_COMP_NOTNODE},        // X lies under B, not P
+        {leaf_move(s, t.B, t.Q, 0), KESDB_ERR_COMP_NOTLEAF},
+        {node_moveWithSub(s, t.A, t.Q, 0), KESDB_ERR_COMP_NOTNODE},
+        {node_move(s, t.B, t.Q, garbage, 0), KESDB_ERR_COMP_READ},
+        {leaf_move(s, t.A, 0, 0), KESDB_ERR_COMP_NULLKEY},
+        {node_moveWithSub(s, t.B, garbage, 0), KESDB_ERR_COMP_READ},
+        {leaf_move(s, garbage, t.Q, 0), KESDB_ERR_COMP_READ},
+        {comp_delete(s, garbage), KESDB_ERR_COMP_READ},
+        {comp_deleteWithSub(s, garbage, 1), KESDB_ERR_COMP_READ},
+        {comp_delete(s, 0), KESDB_ERR_COMP_NULLKEY},
+    };
+    for (size_t i = 0; i < std::size(refused); ++i) EXPECT_EQ(refused[i].first, refused[i].second) << i;
+    EXPECT_EQ(kt::readFile(db.mediumPath), before);
 
-    EXPECT_EQ(leaf_move(s, t.A, t.C, 0), KESDB_ERR_COMP_NOTNODE);  // the new parent is a leaf
-    EXPECT_EQ(node_moveWithSub(s, t.P, t.B, 0), KESDB_ERR_COMP_NOTNODE);  // below itself
-    EXPECT_EQ(node_moveWithSub(s, t.B, t.B, 0), KESDB_ERR_COMP_NOTNODE);
-    EXPECT_EQ(node_move(s, t.B, t.B, 0, 0), KESDB_ERR_COMP_NOTNODE);
-    EXPECT_EQ(node_move(s, t.B, t.P, t.B, 0), KESDB_ERR_COMP_NOTNODE);  // behind itself
-    EXPECT_EQ(node_move(s, t.B, t.Q, 0, t.B), KESDB_ERR_COMP_NOTNODE);  // wrapping itself
-    EXPECT_EQ(node_move(s, t.B, t.P, 0, t.C), KESDB_ERR_COMP_NOTNODE);  // C is not behind the place
-    EXPECT_EQ(leaf_move(s, t.A, t.P, t.X), KESDB_ERR_COMP_NOTNODE);  // X lies under B, not P
-    EXPECT_EQ(leaf_move(s, t.B, t.Q, 0), KESDB_ERR_COMP_NOTLEAF);
-    EXPECT_EQ(node_move(s, t.A, t.Q, 0, 0), KESDB_ERR_COMP_NOTNODE);
-    EXPECT_EQ(node_moveWithSub(s, t.A, t.Q, 0), KESDB_ERR_COMP_NOTNODE);
-    EXPECT_TRUE(unchanged());
-
-    // Unreadable places and children: the read's code, nothing written.
-    EXPECT_EQ(node_move(s, t.B, t.Q, garbage, 0), KESDB_ERR_COMP_READ);
-    EXPECT_EQ(s->errorDetail, garbage);
-    EXPECT_EQ(leaf_move(s, t.A, 0, 0), KESDB_ERR_COMP_NULLKEY);
-    EXPECT_EQ(node_moveWithSub(s, t.B, garbage, 0), KESDB_ERR_COMP_READ);
-    EXPECT_EQ(leaf_move(s, garbage, t.Q, 0), KESDB_ERR_COMP_READ);
-    EXPECT_EQ(comp_delete(s, garbage), KESDB_ERR_COMP_READ);
-    EXPECT_EQ(comp_deleteWithSub(s, garbage, 1), KESDB_ERR_COMP_READ);
-    EXPECT_EQ(comp_delete(s, 0), KESDB_ERR_COMP_NULLKEY);
-    EXPECT_TRUE(unchanged());
-
-    // Nodes that cannot be placed give their block back: same tree, same free space. A leaf
-    // whose place cannot be read keeps its block, unwritten.
-    const uint32_t nameKey = tk::name(s, "n");  // (strings lie in the same medium: take it first)
+    // Nodes that cannot be placed give their block back. A leaf whose place cannot be read
+    // keeps its block, unwritten.
+    const uint32_t nameKey = tk::name(s, "n");
     const std::vector<tk::FreeBlock> freeNow = tk::freeList(s, m);
     EXPECT_EQ(node_create(s, nameKey, t.P, t.A, t.C), 0u);  // C is not behind A
-    EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_NOTNODE);
     EXPECT_EQ(node_create(s, nameKey, t.P, garbage, 0), 0u);
     EXPECT_EQ(node_create(s, nameKey, t.C, 0, 0), 0u);  // a leaf as parent
     EXPECT_EQ(tk::freeList(s, m), freeNow);
@@ -188,13 +143,10 @@ TEST_F(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
         const std::vector<tk::FreeBlock> freeBefore = tk::freeList(s, m);
         const std::string mediumBefore = kt::readFile(db.mediumPath);
         EXPECT_EQ(leaf_create(s, nameKey, previous ? t.P : 0, previous, 0, 0, 0, 0), 0u);
-        ASSERT_FALSE(freeBefore.empty());
-        EXPECT_FALSE(tk::isFree(tk::freeList(s, m), freeBefore[0].key, 40));
-        const std::string mediumAfter = kt::readFile(db.mediumPath);
-        EXPECT_EQ(mediumAfter.compare(freeBefore[0].key, 40, mediumBefore, freeBefore[0].key, 40), 0);
+        EXPECT_FALSE(tk::isFree(tk::freeList(s, m), freeBefore.at(0).key, 40));
+        EXPECT_EQ(kt::readFile(db.mediumPath).compare(freeBefore[0].key, 40, mediumBefore, freeBefore[0].key, 40), 0);
     }
     EXPECT_EQ(t.lists(), "A,B,C||X,Y");
-
     // A parent word that names a leaf, or a block that is no record: no list to take it out of.
     for (const auto& [parent, code] :
          {std::pair<uint32_t, int32_t>{t.C, KESDB_ERR_COMP_NOTNODE}, {garbage, KESDB_ERR_COMP_READ}}) {
@@ -214,10 +166,9 @@ TEST_F(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
 
 }
 
-// A record with a kind that is neither node nor leaf leaves its parent's list and is not
-// released: error 3. Below a subtree being deleted it is skipped; the rest is released.
+// A record of a kind that is neither node nor leaf leaves its parent's list and is not
+// released: 3. Below a subtree being deleted it is skipped; the rest is released.
 TEST_F(TreeChange, DeleteOfAnUnknownKindUnlinksAndReleasesNothing) {
-    const uint32_t m = tk::componentMedium(s);
     for (int withSub : {0, 1}) {
         Tree u{s};
         CompRecord odd = tk::common(s, u.C);
@@ -237,50 +188,68 @@ TEST_F(TreeChange, DeleteOfAnUnknownKindUnlinksAndReleasesNothing) {
 }
 
 TEST_F(TreeChange, LoopedListsAndCyclesEndWithErrorAndReleaseNothing) {
-    const uint32_t m = tk::componentMedium(s);
-    // P's list loops: C links back to A.
-    ASSERT_EQ(comp_setNextSibling(s, t.C, t.A), 0);
+    ASSERT_EQ(comp_setNextSibling(s, t.C, t.A), 0);  // P's list loops
     EXPECT_EQ(comp_getChildCount(s, t.P), 0);
     EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_READ);
-    session_setError(s, 0, 0);
     EXPECT_EQ(comp_getChildByIndex(s, t.P, 1), t.B);  // positions before the loop closes
     EXPECT_EQ(comp_getChildByIndex(s, t.P, 100), 0u);
-    EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_READ);
-    EXPECT_EQ(comp_getChildByIndex(s, t.P, -1), 0u);
-
-    // A leaf that names P as parent but is not in its list: the search for its predecessor
-    // runs into the loop.
-    const uint32_t stray = tk::leaf(s, t.Q, 0, "stray");
+    const uint32_t stray = tk::leaf(s, t.Q, 0, "stray");  // names P, not in its list
     ASSERT_EQ(comp_setParent(s, stray, t.P), 0);
     const std::string before = kt::readFile(db.mediumPath);
     EXPECT_EQ(leaf_move(s, stray, t.Q, 0), KESDB_ERR_COMP_READ);
-    const std::vector<tk::FreeBlock> freeBefore = tk::freeList(s, m);
     EXPECT_EQ(comp_deleteWithSub(s, t.P, 0), KESDB_ERR_COMP_READ);
     EXPECT_EQ(kt::readFile(db.mediumPath), before);
-    EXPECT_EQ(tk::freeList(s, m), freeBefore);
-    ASSERT_EQ(comp_setNextSibling(s, t.C, 0), 0);
-
-    // A child that names its own ancestor as first child: the subtree is endlessly deep.
-    ASSERT_EQ(comp_delete(s, t.X), 0);
-    const uint32_t X = tk::node(s, t.B, 0, "X");
-    ASSERT_EQ(comp_setFirstChild(s, X, t.B), 0);
-    const std::vector<tk::FreeBlock> freeCycle = tk::freeList(s, m);
-    EXPECT_EQ(comp_deleteWithSub(s, t.B, 0), KESDB_ERR_COMP_READ);
-    EXPECT_EQ(tk::freeList(s, m), freeCycle);
-    // Moving the subtree is refused before its endless depth matters (it is below itself).
-    EXPECT_EQ(node_moveWithSub(s, t.B, X, 0), KESDB_ERR_COMP_NOTNODE);
+    EXPECT_EQ(comp_defaultToCurrent(s, t.P), KESDB_ERR_COMP_READ);
+    // A node holding itself: the subtree is endlessly deep.
+    ASSERT_EQ(comp_setFirstChild(s, t.Q, t.Q), 0);
+    EXPECT_EQ(comp_currentToDefault(s, t.Q), KESDB_ERR_COMP_READ);
 }
 
-// A chain of nodes 1030 levels deep below the root, all named "a". Walks follow it down to
-// 1024 levels below where they start and end with 55 beyond that, without using the stack up.
+// Each transfer copies its set over the subtree (or one leaf) and stops at the first failure.
+TEST_F(TreeChange, Transfers) {
+    const uint32_t narrow = leaf_getCurrentValueKey(s, t.X);
+    ASSERT_EQ(leaf_setCurrentValueKey(s, t.X, tk::u64(s, 5)), 0);  // 8 bytes into a default of 4
+    EXPECT_EQ(comp_currentToDefault(s, t.P), KESDB_ERR_VALUE_SHORTDEST);
+    EXPECT_EQ(t.column(1), (std::array<uint32_t, 3>{1, 13, 14}));  // A before it, C never reached
+    ASSERT_EQ(leaf_setCurrentValueKey(s, t.X, narrow), 0);
+    EXPECT_EQ(comp_currentToDefault(s, t.r), 0);
+    EXPECT_EQ(t.column(1), (std::array<uint32_t, 3>{1, 3, 4}));
+    EXPECT_EQ(comp_factoryToDefault(s, t.P), 0);
+    EXPECT_EQ(t.column(1), (std::array<uint32_t, 3>{21, 23, 24}));
+    EXPECT_EQ(comp_defaultToCurrent(s, t.C), 0);
+    EXPECT_EQ(t.column(0), (std::array<uint32_t, 3>{1, 23, 4}));
+    EXPECT_EQ(comp_defaultToCurrent(s, t.P), 0);
+    EXPECT_EQ(t.column(0), (std::array<uint32_t, 3>{21, 23, 24}));
+    CompRecord odd = tk::common(s, t.C);
+    odd.kind = 2;
+    ASSERT_EQ(comp_setComponent(s, &odd), 0);
+    EXPECT_EQ(comp_currentToDefault(s, t.P), KESDB_ERR_COMP_BADKIND);
+    EXPECT_EQ(comp_factoryToDefault(s, 0), KESDB_ERR_COMP_NULLKEY);
+    EXPECT_EQ(comp_factoryToDefault(s, 60000), KESDB_ERR_COMP_READ);
+}
+
+TEST(TreeTransferHooks, DefaultToCurrentRunsTheLeafsSetHooks) {
+    kt::DbOptions o;
+    o.hookConfig = kt::libPath("libkeshook_sample.so") + " test_refuse5 NULL NULL NULL\n";
+    kt::Db db(o);
+    Tree t(&db.s);
+    LeafRecord hooked = tk::leafRecord(&db.s, t.C);
+    hooked.hookIndex = 1;
+    ASSERT_EQ(comp_setLeaf(&db.s, &hooked), 0);
+    EXPECT_EQ(comp_defaultToCurrent(&db.s, t.P), KESDB_ERR_HOOK_PRESET);
+    EXPECT_EQ(db.s.errorDetail, 5u);
+    EXPECT_EQ(t.column(0), (std::array<uint32_t, 3>{11, 3, 14}));  // C refused by its hook
+    EXPECT_EQ(comp_currentToDefault(&db.s, t.P), 0);  // the other transfers run no hooks
+}
+
+// A chain of nodes 1030 levels deep, all named "a": walks follow it down to 1024 levels below
+// where they start and end with 55 beyond that, without using the stack up.
 TEST(TreeDepth, DeepChainsKeepTheDepthLimit) {
     kt::DbOptions o;
     o.mediumSize = 256 * 1024;
     kt::Db db(o);
     Session* s = &db.s;
-    const uint32_t m = tk::componentMedium(s);
-    const uint32_t root = tk::makeRoot(s, "/");
-    const uint32_t a = tk::name(s, "a");
+    const uint32_t m = tk::componentMedium(s), root = tk::makeRoot(s, "/"), a = tk::name(s, "a");
     std::vector<uint32_t> chain{root};
     while (chain.size() <= 1030 && chain.back() != 0) chain.push_back(node_create(s, a, chain.back(), 0, 0));
     ASSERT_NE(chain.back(), 0u);
@@ -297,9 +266,7 @@ TEST(TreeDepth, DeepChainsKeepTheDepthLimit) {
     EXPECT_EQ(comp_deleteWithSub(s, chain[1], 1), KESDB_ERR_COMP_READ);
     EXPECT_EQ(tk::freeList(s, m), before);
     EXPECT_EQ(comp_getFirstChild(s, root), chain[1]);  // not even unlinked
-    // From further down the whole rest is within reach.
     EXPECT_EQ(comp_deleteWithSub(s, chain[10], 1), 0);
-    EXPECT_EQ(comp_getFirstChild(s, chain[9]), 0u);
     EXPECT_TRUE(tk::isFree(tk::freeList(s, m), chain[1030], 28));
 }
 
@@ -309,16 +276,15 @@ TEST(TreeChangeFaults, WritesComeInTheOrderThatKeepsAnInterruptedChangeKnown) {
     uint32_t nameKey = 0;
     const struct {
         int failFrom;
-        std::function<void(Tree&)> change;  // runs with the writes failing
-        const char* lists;                  // afterwards (null: checked by the change itself)
+        std::function<void(Tree&)> change;
+        const char* lists;  // afterwards (null: checked by the change itself)
     } cases[] = {
         // leaf_move of the first child: the old parent, the new neighbour, the leaf.
         {2, [](Tree& t) { EXPECT_EQ(leaf_move(t.s, t.A, t.Q, 0), KESDB_ERR_COMP_WRITE); }, "B,C||X,Y"},
         {3, [](Tree& t) { EXPECT_EQ(leaf_move(t.s, t.A, t.Q, 0), KESDB_ERR_COMP_WRITE); }, "B,C|A^,B^,C^|X,Y"},
         // node_move with splice: the children first (X, then Y), then the old predecessor A.
         {3, [](Tree& t) { EXPECT_EQ(node_move(t.s, t.B, t.Q, 0, 0), KESDB_ERR_COMP_WRITE); }, "A,B,C||X^,Y^,C^"},
-        // node_create: the allocator's two writes (anchor link, remaining element), the
-        // neighbour (which names the node already), then the wrapped child.
+        // node_create: the allocator's two writes, the neighbour (naming the node already), then the wrapped child.
         {4,
          [&](Tree& t) {
              const uint32_t n = node_create(t.s, nameKey, t.P, t.A, t.B);

@@ -1,13 +1,14 @@
-// Value records: layout on the medium, creation with data areas at the end of the data medium,
-// the length rules of reads and writes, deletion, and the failures of unreadable records and
-// media (for every call that reaches a value's data).
+// Values: records and data areas on the media, the public value calls of every type width,
+// length rules, copies and their failed source reads, the printout, and unreachable data media.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,257 +17,332 @@
 
 namespace {
 
-using ValueRecords = vk::DbTest;
-
-uint32_t fileSize(const std::string& path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? static_cast<uint32_t>(st.st_size) : 0u;
-}
-
+using Value = vk::DbTest;
+using Bytes = std::vector<uint8_t>;
 using vk::dataOf;
+using vk::make;
+using vk::makeLeaf;
 
-TEST_F(ValueRecords, CreateLaysRecordAndAppendsAdjacentZeroedDataAreas) {
-    const uint32_t oldEnd = fileSize(db.mediumPath);
-
-    const uint32_t word = 0xA1B2C3D4u;
-    const uint32_t k1 = value_create(s, Uint32, 0x77, &word, 4, 0);
-    ASSERT_NE(k1, 0u);
-    // key, type, data medium, data offset (the old end), length, creator word as given, no constraint
-    const uint32_t want[7] = {k1, Uint32, 0, oldEnd, 4, 0x77, 0};
-    std::vector<uint8_t> raw = kt::readBytes(db.mediumPath, k1, 28);
-    ASSERT_EQ(raw.size(), 28u);
-    EXPECT_EQ(std::memcmp(raw.data(), want, 28), 0);
-    EXPECT_EQ(kt::readWord(db.mediumPath, oldEnd), word);
-
-    // Without data: zero-filled areas of the given size, each directly behind the previous one.
-    const uint32_t k2 = value_create(s, Generic, 0, nullptr, 5, 0);
-    const uint32_t k3 = value_create(s, 99, 0, nullptr, 3, 0);  // any type code is accepted
-    ValueRecord r2{}, r3{};
-    ASSERT_NE(value_get(s, k2, &r2), nullptr);
-    ASSERT_NE(value_get(s, k3, &r3), nullptr);
-    EXPECT_EQ(r2.dataOffset, oldEnd + 4);
-    EXPECT_EQ(r3.dataOffset, oldEnd + 9);
-    EXPECT_EQ(r3.type, 99u);
-    EXPECT_EQ(fileSize(db.mediumPath), oldEnd + 12);
-    EXPECT_EQ(kt::readBytes(db.mediumPath, r2.dataOffset, 8), std::vector<uint8_t>(8, 0));
-    EXPECT_EQ(value_getType(s, k1), Uint32);
-    EXPECT_EQ(value_getLength(s, k2), 5);
-
-    // A size of 0 makes an empty data area; a negative size is refused before anything happens.
-    EXPECT_EQ(value_getLength(s, value_create(s, Generic, 0, nullptr, 0, 0)), 0);
-    const uint32_t before = fileSize(db.mediumPath);
-    EXPECT_EQ(value_create(s, Generic, 0, nullptr, -1, 0), 0u);
-    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_MEDIA_WRITE));
-    EXPECT_EQ(fileSize(db.mediumPath), before);
+std::string printed(Session* s, uint32_t key) {
+    return kt::captureStdout([&] { value_print(s, key); });
 }
 
-TEST_F(ValueRecords, UnreadableRecordsGiveTheirFailureValues) {
-    ValueRecord r{};
+template <class T>
+void roundTrip(kt::Db& db, uint32_t type, int32_t (*set)(Session*, uint32_t, T), int32_t (*get)(Session*, uint32_t, T*),
+               T value, const std::string& print) {
+    SCOPED_TRACE(type);
+    const uint32_t v = value_create(&db.s, type, 0, nullptr, sizeof(T), 0), leaf = makeLeaf(&db.s, v);
+    ASSERT_EQ(set(&db.s, leaf, value), 0);
+    T out{};
+    ASSERT_EQ(get(&db.s, leaf, &out), 0);
+    EXPECT_EQ(std::memcmp(&out, &value, sizeof(T)), 0);
+    EXPECT_EQ(dataOf(db, v, sizeof(T)), Bytes(reinterpret_cast<uint8_t*>(&value), reinterpret_cast<uint8_t*>(&value) + sizeof(T)));
+    EXPECT_EQ(kesDBMGetType(&db.s, leaf), static_cast<int32_t>(type));
+    EXPECT_EQ(kesDBMGetLength(&db.s, leaf), static_cast<int32_t>(sizeof(T)));
+    EXPECT_EQ(printed(&db.s, v), "value " + std::to_string(v) + " " + print + "\n");
+}
 
-    // Key 0 is refused before the medium is opened: with the medium gone it is still 51.
-    setenv("KESDB_DEFMEDIA", db.dir.file("missing.bin").c_str(), 1);
-    EXPECT_EQ(value_get(s, 0, &r), nullptr);
-    EXPECT_EQ(db.s.error, 51u);
-    EXPECT_EQ(db.s.errorDetail, 0u);
-    EXPECT_EQ(value_getType(s, 0), -1);
-    EXPECT_EQ(value_getLength(s, 0), -1);
-    EXPECT_EQ(value_getConstraintKey(s, 0), 0u);
-    EXPECT_EQ(value_delete(s, 0), 51);
+TEST_F(Value, EveryTypeRoundTripsAndPrints) {
+    roundTrip<double>(db, Float64, kesDBMSetFloat64, kesDBMGetFloat64, 2.25, "flaot64 [2.250000]");
+    roundTrip<float>(db, Float32, kesDBMSetFloat32, kesDBMGetFloat32, -1.5f, "float32 [-1.500000]");
+    roundTrip<uint64_t>(db, Uint64, kesDBMSetUint64, kesDBMGetUint64, 1ull << 63, "Uint64 [9223372036854775808]");
+    roundTrip<uint32_t>(db, Uint32, kesDBMSetUint32, kesDBMGetUint32, 4000000000u, "Uint32 [4000000000]");
+    roundTrip<uint16_t>(db, Uint16, kesDBMSetUint16, kesDBMGetUint16, 65535, "Uint16 [65535]");
+    roundTrip<uint8_t>(db, Uint8, kesDBMSetUint8, kesDBMGetUint8, 255, "Uint8 [255]");
+    roundTrip<int64_t>(db, Sint64, kesDBMSetSint64, kesDBMGetSint64, INT64_MIN, "Sint64 [-9223372036854775808]");
+    roundTrip<int32_t>(db, Sint32, kesDBMSetSint32, kesDBMGetSint32, INT32_MIN, "Sint32 [-2147483648]");
+    roundTrip<int16_t>(db, Sint16, kesDBMSetSint16, kesDBMGetSint16, -32768, "Sint16 [-32768]");
+    roundTrip<int8_t>(db, Sint8, kesDBMSetSint8, kesDBMGetSint8, -128, "Sint8 [-128]");
+    // Strings: the text and its NUL are written, the rest is left; a longer text is cut.
+    const uint32_t sv = value_create(s, String, 0, "ZZZZZZZZZZZZ", 12, 0), leaf = makeLeaf(s, sv);
+    ASSERT_EQ(kesDBMSetString(s, leaf, "hi"), 0);
+    EXPECT_EQ(dataOf(db, sv, 5), (Bytes{'h', 'i', 0, 'Z', 'Z'}));
+    char text[16];
+    ASSERT_EQ(kesDBMGetString(s, leaf, text, sizeof text), 0);
+    EXPECT_STREQ(text, "hi");
+    EXPECT_EQ(printed(s, sv), "value " + std::to_string(sv) + " str [hi]\n");
+    ASSERT_EQ(kesDBMSetString(s, leaf, "0123456789abcdef"), 0);
+    const std::string cut = "0123456789ab";
+    EXPECT_EQ(dataOf(db, sv, 12), Bytes(cut.begin(), cut.end()));
+    EXPECT_EQ(kesDBMSetString(s, leaf, nullptr), KESDB_ERR_NULLARG);
+    // Default and factory values are their own records.
+    const uint32_t three = makeLeaf(s, make<uint32_t>(s, Uint32, 1), make<uint32_t>(s, Uint32, 2), make<uint32_t>(s, Uint32, 3));
+    auto read = [&](int32_t (*get)(Session*, uint32_t, void*, int32_t*)) {
+        uint32_t out = 0;
+        int32_t len = 4;
+        return get(s, three, &out, &len) == 0 ? out : 0xBADu;
+    };
+    const uint32_t nd = 20;
+    ASSERT_EQ(kesDBMSetDefaultGeneric(s, three, &nd, 4), 0);
+    EXPECT_EQ(read(kesDBMGetGeneric) * 100 + read(kesDBMGetDefaultGeneric) * 10 + read(kesDBMGetFactoryGeneric), 303u);
+}
 
-    // The value medium cannot be opened: 44 with the driver's error number.
-    EXPECT_EQ(value_get(s, 16, &r), nullptr);
-    EXPECT_EQ(db.s.error, 44u);
-    EXPECT_EQ(db.s.errorDetail, static_cast<uint32_t>(ENOENT));
-    EXPECT_EQ(value_setConstraintKey(s, 16, 5), 44);
-    r.key = 16;
-    EXPECT_EQ(value_set(s, &r), 44);
-    setenv("KESDB_DEFMEDIA", db.mediumPath.c_str(), 1);
-
-    // A record that runs past the end of the medium: short read, 46.
-    const uint32_t end = fileSize(db.mediumPath);
-    EXPECT_EQ(value_get(s, end - 10, &r), nullptr);
+// Generic values print their first 8 bytes; short values read missing bytes as zeros and never
+// past their data; a text ends at the value's end or an inner NUL; a constraint key is shown.
+TEST_F(Value, PrintSpotChecks) {
+    const uint8_t generic[10] = {0x01, 0x02, 0x03, 0x04, 0xAB, 0xCD, 0xEF, 0x00, 0x99, 0x98}, one = 0x80;
+    const uint32_t constrained = make<int32_t>(s, Sint32, -5);
+    ASSERT_EQ(value_setConstraintKey(s, constrained, 2048), 0);
+    uint32_t w32 = 0;
+    std::memcpy(&w32, &one, 1);
+    const std::pair<uint32_t, std::string> lines[] = {
+        {value_create(s, Generic, 0, generic, 10, 0), " Generic [01020304 abcdef00 ...]\n"},
+        {value_create(s, Generic, 0, generic, 3, 0), " Generic [01020300 00000000 ...]\n"},
+        {value_create(s, Uint32, 0, &one, 1, 0), " Uint32 [" + std::to_string(w32) + "]\n"},
+        {value_create(s, Float64, 0, nullptr, 2, 0), " flaot64 [0.000000]\n"},
+        {value_create(s, String, 0, "abc", 3, 0), " str [abc]\n"},
+        {value_create(s, String, 0, "ab\0cd", 5, 0), " str [ab]\n"},
+        {constrained, " cstrt 2048 Sint32 [-5]\n"},
+        {value_create(s, 12, 0, "abcd", 4, 0), ""},  // an unknown type leaves the line open
+    };
+    ASSERT_NE(value_create(s, Generic, 0, "\x11\x11\x11\x11\x11\x11\x11\x11", 8, 0), 0u);
+    for (const auto& [key, tail] : lines) EXPECT_EQ(printed(s, key), "value " + std::to_string(key) + tail);
+    EXPECT_EQ(printed(s, 0), "no value\n");
+    EXPECT_EQ(printed(s, static_cast<uint32_t>(kt::readFile(db.mediumPath).size()) + 100), "");
     EXPECT_EQ(db.s.error, 46u);
-    EXPECT_EQ(value_getType(s, end - 10), -1);
-    EXPECT_EQ(value_getLength(s, end - 10), -1);
+    ValueRecord r{};
+    ASSERT_NE(value_get(s, constrained, &r), nullptr);
+    r.length = 0x80000000u;  // not allocated
+    ASSERT_EQ(value_set(s, &r), 0);
+    EXPECT_EQ(printed(s, constrained), "err 0\n");
+}
 
-    // No database for the session: 83.
-    Session other = db.s;
-    other.dbId = 31;
-    EXPECT_EQ(value_get(&other, 16, &r), nullptr);
-    EXPECT_EQ(other.error, 83u);
+TEST_F(Value, CreateLaysRecordAndAppendsAdjacentZeroedDataAreas) {
+    const uint32_t oldEnd = static_cast<uint32_t>(kt::readFile(db.mediumPath).size()), word = 0xA1B2C3D4u;
+    const uint32_t k1 = value_create(s, Uint32, 0x77, &word, 4, 0);
+    const uint32_t want[7] = {k1, Uint32, 0, oldEnd, 4, 0x77, 0};
+    EXPECT_EQ(kt::readBytes(db.mediumPath, k1, 28), Bytes(reinterpret_cast<const uint8_t*>(want), reinterpret_cast<const uint8_t*>(want) + 28));
+    EXPECT_EQ(kt::readWord(db.mediumPath, oldEnd), word);
+    const uint32_t k2 = value_create(s, Generic, 0, nullptr, 5, 0), k3 = value_create(s, 99, 0, nullptr, 3, 0);
+    ValueRecord r3{};
+    ASSERT_NE(value_get(s, k3, &r3), nullptr);
+    EXPECT_EQ(r3.dataOffset, oldEnd + 9);
+    EXPECT_EQ(value_getType(s, k3), 99);
+    EXPECT_EQ(value_getLength(s, k2), 5);
+    EXPECT_EQ(kt::readBytes(db.mediumPath, oldEnd + 4, 8), Bytes(8, 0));
+    EXPECT_EQ(value_create(s, Generic, 0, nullptr, -1, 0), 0u);  // refused before anything happens
+    EXPECT_EQ(db.s.error, static_cast<uint32_t>(KESDB_ERR_MEDIA_WRITE));
+    EXPECT_EQ(kt::readFile(db.mediumPath).size(), oldEnd + 12u);
+    session_setError(s, 51, 9);
+    EXPECT_EQ(value_setConstraintKey(s, k1, 0x1234), 0);  // writes the whole record, clears the error
+    EXPECT_EQ(mk::errorOf(db.s), mk::Pair(0, 0));
+    EXPECT_EQ(kt::readWord(db.mediumPath, k1 + 24), 0x1234u);
+    // A deleted record's block is reused; its data area is not.
+    EXPECT_EQ(value_delete(s, k1), 0);
+    EXPECT_EQ(value_create(s, Uint32, 0, nullptr, 4, 0), k1);
+    ValueRecord r1{};
+    ASSERT_NE(value_get(s, k1, &r1), nullptr);
+    EXPECT_EQ(r1.dataOffset, oldEnd + 12);
+}
+
+TEST_F(Value, LengthRules) {
+    const uint32_t u8v = make<uint8_t>(s, Uint8, 0x7B);
+    ASSERT_NE(value_create(s, Generic, 0, "\xEE\xEE\xEE\xEE", 4, 0), 0u);  // right behind its byte
+    const uint32_t leaf = makeLeaf(s, u8v);
+    // A 4-byte variable and a 1-byte value: the first byte moves, the length stays 1.
+    uint32_t out = 0xAABBCCDDu;
+    ASSERT_EQ(kesDBMGetUint32(s, leaf, &out), 0);
+    EXPECT_EQ(out, vk::firstBytes(0xAABBCCDDu, 0x7B7B7B7Bu, 1));
+    const uint32_t word = 0x11223344u;
+    ASSERT_EQ(kesDBMSetUint32(s, leaf, word), 0);
+    EXPECT_EQ(dataOf(db, u8v, 5), (Bytes{reinterpret_cast<const uint8_t*>(&word)[0], 0xEE, 0xEE, 0xEE, 0xEE}));
+    EXPECT_EQ(value_getLength(s, u8v), 1);
+    // A longer value read into a shorter buffer; a shorter write overwrites the first bytes.
+    const uint32_t g8 = value_create(s, Generic, 0, "ABCDEFGH", 8, 0);
+    uint8_t buf[6];
+    std::memset(buf, 0xCC, sizeof buf);
+    int32_t len = 4;
+    EXPECT_EQ(value_getGeneric(s, g8, buf, &len), 0);
+    EXPECT_EQ(Bytes(buf, buf + 6), (Bytes{'A', 'B', 'C', 'D', 0xCC, 0xCC}));
+    EXPECT_EQ(value_setGeneric(s, g8, "xy", 2), 0);
+    EXPECT_EQ(value_setGeneric(s, g8, "zz", -1), 0);  // negative lengths move nothing
+    len = -5;
+    EXPECT_EQ(value_getGeneric(s, g8, buf, &len), 0);
+    EXPECT_EQ(len, 0);
+    EXPECT_EQ(dataOf(db, g8, 8), (Bytes{'x', 'y', 'C', 'D', 'E', 'F', 'G', 'H'}));
+    // The create-list read runs past the value's length; a negative count reads nothing.
+    std::memset(buf, 0xCC, sizeof buf);
+    EXPECT_EQ(kesDBMGetCreateListGeneric(s, leaf, buf, 5), 0);
+    EXPECT_EQ(Bytes(buf, buf + 6), (Bytes{reinterpret_cast<const uint8_t*>(&word)[0], 0xEE, 0xEE, 0xEE, 0xEE, 0xCC}));
+    EXPECT_EQ(value_getCreateListGeneric(s, u8v, buf, -3), 0);
+    EXPECT_EQ(value_getCreateListGeneric(s, u8v, nullptr, 3), KESDB_ERR_NULLARG);
+}
+
+// Nodes give 1, key 0 gives 4 (detail 0, nothing moved); unreadable records give their codes.
+TEST_F(Value, NodesKeyZeroAndUnreadableRecords) {
+    const uint32_t node = vk::makeNode(s);
+    uint32_t out = 0x55555555u;
+    int32_t len = 4;
+    const uint32_t v = 9;
+    const std::function<int32_t(uint32_t)> calls[] = {
+        [&](uint32_t k) { return kesDBMGetGeneric(s, k, &out, &len); },
+        [&](uint32_t k) { return kesDBMGetDefaultGeneric(s, k, &out, &len); },
+        [&](uint32_t k) { return kesDBMGetFactoryGeneric(s, k, &out, &len); },
+        [&](uint32_t k) { return kesDBMGetCreateListGeneric(s, k, &out, 4); },
+        [&](uint32_t k) { return kesDBMSetGeneric(s, k, &v, 4); },
+        [&](uint32_t k) { return kesDBMSetDefaultGeneric(s, k, &v, 4); },
+        [&](uint32_t k) { return kesDBMSetUint32(s, k, 5); },
+        [&](uint32_t k) { return kesDBMGetString(s, k, reinterpret_cast<char*>(&out), 4); },
+    };
+    for (const auto& [key, code] : {std::pair<uint32_t, int32_t>{node, 1}, {0u, 4}}) {
+        for (size_t i = 0; i < std::size(calls); ++i) {
+            session_setError(s, 0, 0);
+            EXPECT_EQ(calls[i](key), code) << key << " " << i;
+            EXPECT_EQ(mk::errorOf(*s), mk::Pair(code, 0));
+        }
+        EXPECT_EQ(out, 0x55555555u);
+        EXPECT_EQ(kesDBMGetType(s, key), -1);
+        EXPECT_EQ(kesDBMGetLength(s, key), 0);
+    }
+    EXPECT_EQ(kesDBMGetGeneric(s, node, &out, nullptr), KESDB_ERR_NULLARG);
+    EXPECT_EQ(kesDBMGetUint32(nullptr, node, &out), KESDB_ERR_DB_NOTFOUND);
+    // A leaf without a value record: -1, reads give 0 with 51 recorded.
+    const uint32_t orphan = makeLeaf(s, 0);
+    EXPECT_EQ(kesDBMGetType(s, orphan), -1);
+    EXPECT_EQ(kesDBMGetLength(s, orphan), -1);
+    EXPECT_EQ(kesDBMGetUint32(s, orphan, &out), 0);
+    EXPECT_EQ(db.s.error, 51u);
+    EXPECT_EQ(value_getCreateListGeneric(s, 0, &out, 3), 0);
+    EXPECT_EQ(value_delete(s, 0), 51);
+    const uint32_t end = static_cast<uint32_t>(kt::readFile(db.mediumPath).size());
+    EXPECT_EQ(value_getLength(s, end - 10), -1);  // cut short by the medium's end
+    EXPECT_EQ(db.s.error, 46u);
     EXPECT_EQ(value_set(s, nullptr), KESDB_ERR_NULLARG);
 }
 
-TEST_F(ValueRecords, SetWritesWholeRecordAndClearsTheError) {
-    const uint32_t k = value_create(s, Sint16, 0, nullptr, 2, 0);
-    ASSERT_NE(k, 0u);
-    session_setError(s, 51, 9);
-    EXPECT_EQ(value_setConstraintKey(s, k, 0x1234), 0);
-    EXPECT_EQ(db.s.error, 0u);
-    EXPECT_EQ(value_getConstraintKey(s, k), 0x1234u);
-    EXPECT_EQ(kt::readWord(db.mediumPath, k + 24), 0x1234u);
-    EXPECT_EQ(value_getType(s, k), Sint16);  // the other words are written back unchanged
-}
-
-TEST_F(ValueRecords, LengthRulesOfDataReadsAndWrites) {
-    const uint32_t u8 = value_create(s, Uint8, 0, nullptr, 1, 0);
-    const uint8_t guardBytes[4] = {0xEE, 0xEE, 0xEE, 0xEE};
-    ASSERT_NE(value_create(s, Generic, 0, guardBytes, 4, 0), 0u);  // right behind u8's byte
-
-    // A 4-byte buffer into a 1-byte value stores its first byte only; the length stays 1.
-    const uint8_t four[4] = {0x11, 0x22, 0x33, 0x44};
-    EXPECT_EQ(value_setGeneric(s, u8, four, 4), 0);
-    EXPECT_EQ(dataOf(db, u8, 5), (std::vector<uint8_t>{0x11, 0xEE, 0xEE, 0xEE, 0xEE}));
-    EXPECT_EQ(value_getLength(s, u8), 1);
-
-    // A 16-byte value read into an 8-byte buffer: 8 bytes, length word 8, nothing past them.
-    uint8_t sixteen[16];
-    for (int i = 0; i < 16; ++i) sixteen[i] = static_cast<uint8_t>(0x40 + i);
-    const uint32_t g16 = value_create(s, Generic, 0, sixteen, 16, 0);
-    ASSERT_NE(g16, 0u);
-    uint8_t eight[10];
-    std::memset(eight, 0xCC, sizeof eight);
-    int32_t len = 8;
-    EXPECT_EQ(value_getGeneric(s, g16, eight, &len), 0);
-    EXPECT_EQ(len, 8);
-    EXPECT_EQ(std::memcmp(eight, sixteen, 8), 0);
-    EXPECT_EQ(eight[8], 0xCC);
-
-    // A shorter write overwrites the first bytes only.
-    const uint8_t two[2] = {0x01, 0x02};
-    EXPECT_EQ(value_setGeneric(s, g16, two, 2), 0);
-    std::vector<uint8_t> now = dataOf(db, g16, 16);
-    ASSERT_EQ(now.size(), 16u);
-    std::memcpy(sixteen, two, 2);
-    EXPECT_EQ(std::memcmp(now.data(), sixteen, 16), 0);
-
-    // Negative lengths move nothing.
-    len = -5;
-    EXPECT_EQ(value_getGeneric(s, g16, eight, &len), 0);
-    EXPECT_EQ(len, 0);
-    EXPECT_EQ(value_setGeneric(s, g16, four, -1), 0);
-    EXPECT_EQ(dataOf(db, g16, 2), (std::vector<uint8_t>{0x01, 0x02}));
-
-    // A corrupt record whose length is 2^31 or more reads and writes nothing.
-    ValueRecord r{};
-    ASSERT_NE(value_get(s, g16, &r), nullptr);
-    r.length = 0x80000000u;
-    ASSERT_EQ(value_set(s, &r), 0);
-    len = 8;
-    std::memset(eight, 0xCC, sizeof eight);
-    EXPECT_EQ(value_getGeneric(s, g16, eight, &len), 0);
-    EXPECT_EQ(len, 0);
-    EXPECT_EQ(eight[0], 0xCC);
-}
-
-TEST(ValueDelete, ReturnsTheBlockButNotTheDataArea) {
-    setenv("SIM_BYTE_ORDER", "", 1);  // free elements in host order, to read them back here
-    kt::Db db;
-    ASSERT_GT(db.id, 0);
-    Session* s = &db.s;
-    const uint32_t k1 = value_create(s, Uint32, 0, nullptr, 4, 0);
-    ASSERT_LT(k1, value_create(s, Uint32, 0, nullptr, 4, 0));
-    ValueRecord r1{};
-    ASSERT_NE(value_get(s, k1, &r1), nullptr);
-
-    EXPECT_EQ(value_delete(s, k1), 0);
-    // The 28-byte block is the first free element now.
-    EXPECT_EQ(flst_m_getFirstOffset(s, 0), k1);
-    FreeElement e{};
-    ASSERT_NE(flst_m_getElement(s, 0, k1, &e), nullptr);
-    EXPECT_EQ(e.size, 28u);
-
-    // The next value reuses the key; its data area is new, behind everything before.
-    const uint32_t k3 = value_create(s, Uint32, 0, nullptr, 4, 0);
-    EXPECT_EQ(k3, k1);
-    ValueRecord r3{};
-    ASSERT_NE(value_get(s, k3, &r3), nullptr);
-    EXPECT_GT(r3.dataOffset, r1.dataOffset + 4);
-}
-
-// No free block fails creation with 45, detail 0; a free list the allocator cannot walk is
-// reported as the allocator found it (24, the key of the broken link as detail), not as a full
-// medium: that would lose the driver's error word of a failed read. Nothing is written either
-// way (not at key 0, no data area); a successful allocation leaves an earlier error as it was.
-TEST_F(ValueRecords, AllocationFailuresWriteNothing) {
-    const struct {
-        uint32_t first, code, detail;
-    } lists[] = {{0, KESDB_ERR_VALUE_WRITE, 0}, {8, KESDB_ERR_MEDIA_READ, 12}};
-    for (const auto& l : lists) {
-        SCOPED_TRACE(l.first);
-        ASSERT_EQ(flst_m_setFirstOffset(&db.s, 0, l.first), 0);
-        const std::string before = kt::readFile(db.mediumPath);
-        ValueRecord r{};
-        r.key = 0xDEAD;
-        EXPECT_EQ(value_new(&db.s, &r), nullptr);
-        EXPECT_EQ(r.key, 0xDEADu);
-        EXPECT_EQ(mk::errorOf(db.s), mk::Pair(l.code, l.detail));
-        session_setError(&db.s, 0, 0);
-        EXPECT_EQ(value_create(&db.s, Uint32, 0, nullptr, 4, 0), 0u);
-        EXPECT_EQ(mk::errorOf(db.s), mk::Pair(l.code, l.detail));
-        EXPECT_EQ(kt::readFile(db.mediumPath), before);
+// A shorter source fills the front (the copy between leaves then zeros the rest), a longer one
+// is refused with 49; types are not compared; a source that cannot be read gives zeros, 0
+// returned and 51 left in the session.
+TEST_F(Value, Copies) {
+    const uint32_t v4 = value_create(s, Uint32, 0, "\1\2\3\4", 4, 0), v8 = value_create(s, Generic, 0, "\t\t\t\t\t\t\t\t", 8, 0);
+    EXPECT_EQ(value_copy(s, v8, v4), 0);
+    EXPECT_EQ(dataOf(db, v8, 8), (Bytes{1, 2, 3, 4, 9, 9, 9, 9}));
+    EXPECT_EQ(value_copy(s, v4, v8), 49);
+    EXPECT_EQ(value_copy2(s, v4, v8, 0), 49);
+    EXPECT_EQ(mk::errorOf(*s), mk::Pair(49, 0));
+    for (const auto& copy : {std::function<int32_t()>([&] { return value_copy(s, 0, v4); }),
+                             std::function<int32_t()>([&] { return value_copy2(s, v8, 0, 1); })}) {
+        session_setError(s, 0, 0);
+        EXPECT_EQ(copy(), 0);
+        EXPECT_EQ(db.s.error, 51u);
     }
-    ASSERT_EQ(flst_m_setFirstOffset(&db.s, 0, 16), 0);
-    session_setError(&db.s, 7, 3);
-    ValueRecord r{};
-    EXPECT_NE(value_new(&db.s, &r), nullptr);
-    EXPECT_EQ(mk::errorOf(db.s), mk::Pair(7, 3));
+    const uint32_t l4 = makeLeaf(s, v4), l8 = makeLeaf(s, v8), orphan = makeLeaf(s, 0);
+    ASSERT_EQ(value_setGeneric(s, v8, "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", 8), 0);
+    EXPECT_EQ(kesDBMCopy(s, l4, l8), 0);
+    EXPECT_EQ(dataOf(db, v8, 8), (Bytes{1, 2, 3, 4, 0, 0, 0, 0}));
+    EXPECT_EQ(kesDBMCopy(s, l8, l4), 0);  // cut to the destination
+    EXPECT_EQ(kesDBMCopy(s, l4, vk::makeNode(s)), 1);
+    EXPECT_EQ(kesDBMCopy(s, orphan, l4), 0);
+    EXPECT_EQ(db.s.error, 51u);
+    EXPECT_EQ(dataOf(db, v4, 4), Bytes(4, 0));
+    EXPECT_EQ(kesDBMCopy(s, l4, orphan), KESDB_ERR_NOMEM);  // no length to allocate
 }
 
-// A data medium that cannot be reached fails every call that moves a value's data: index
-// outside the media table 21, open 22 with the driver's error number, and on a medium that
-// opens but cannot be read, written or sought (a FIFO) 24, 23, 23. A copy or print whose
-// source cannot be read writes nothing.
-TEST(ValueDataMedium, FailuresOfEveryCallReachingTheData) {
+// A read of the source's value record that fails once (the copy between leaves reads it for
+// the length and again for the data) returns 0 with its code: the destination gets zeros.
+TEST(ValueCopyFault, SourceRecordThatCannotBeReadGivesZeros) {
+    kt::TempDir side;
+    const std::string records = side.file("values.bin");
+    ASSERT_EQ(kesdb_layMedium(records.c_str(), 4096, 0), 0);
+    kt::DbOptions o;
+    o.mediaConfig = mk::driverLine("libkesdrv_fault.so", "faultMedia_", records);
+    o.valueMedium = 1;  // value records through the fault driver; leaves and data in medium 0
+    mk::FaultControl fault;
+    ASSERT_TRUE(fault.ok());
+    kt::Db db(o);
+    Session* s = &db.s;
+    const uint32_t src = make<uint32_t>(s, Uint32, 77), dst = make<uint32_t>(s, Uint32, 1234);
+    const uint32_t srcLeaf = makeLeaf(s, src), dstLeaf = makeLeaf(s, dst);
+    const struct {
+        uint32_t failingRead;
+        std::function<int32_t()> copy;
+    } copies[] = {{3, [&] { return value_copy(s, dst, src); }},
+                  {3, [&] { return value_copy2(s, dst, src, 0); }},
+                  {1, [&] { return kesDBMCopy(s, srcLeaf, dstLeaf); }},
+                  {3, [&] { return kesDBMCopy(s, srcLeaf, dstLeaf); }}};
+    for (const auto& c : copies) {
+        SCOPED_TRACE(&c - copies);
+        ASSERT_EQ(value_setGeneric(s, dst, "\1\2\3\4", 4), 0);
+        fault.reset();
+        fault.fail(KESDRV_FAULT_READ, c.failingRead, EIO);
+        session_setError(s, 0, 0);
+        EXPECT_EQ(c.copy(), 0);
+        EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_VALUE_READ, EIO));
+        EXPECT_EQ(vk::readU32(s, dst), 0u);
+        fault.reset();
+        session_setError(s, 7, 3);
+        EXPECT_EQ(c.copy(), 0);
+        EXPECT_EQ(vk::readU32(s, dst), 77u);
+        EXPECT_EQ(mk::errorOf(*s), mk::Pair(7, 3));
+        EXPECT_EQ(fault.opens(), fault.closes());
+    }
+}
+
+// A destination too long to buffer under the address space limit: every copy gives 86.
+TEST_F(Value, NoMemoryForTheCopyBufferGives86) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "address space limits do not work under the address sanitizer";
+#else
+    const uint32_t src = make<uint32_t>(s, Uint32, 1), dst = make<uint32_t>(s, Uint32, 2);
+    const uint32_t srcLeaf = makeLeaf(s, src), dstLeaf = makeLeaf(s, dst);
+    ValueRecord r{};
+    ASSERT_NE(value_get(s, dst, &r), nullptr);
+    r.length = 0x7FFFFFFFu;
+    ASSERT_EQ(value_set(s, &r), 0);
+    EXPECT_EQ(kt::runChild([&] {
+                  if (!kt::leaveNoRoomFor(0x7FFFFFFFu)) return 2;
+                  const int32_t codes[] = {value_copy(s, dst, src), value_copy2(s, dst, src, 0),
+                                           kesDBMCopy(s, srcLeaf, dstLeaf)};
+                  for (int32_t code : codes)
+                      if (code != 86) return 3;
+                  return mk::errorOf(*s) == mk::Pair(86, ENOMEM) ? 0 : 4;
+              }),
+              0);
+#endif
+}
+
+// Data in a medium of its own, at that medium's end; when it cannot be reached (outside the
+// media table 21, not openable 22 with the driver's error number) reads move nothing, a copy
+// writes nothing and the printout shows the code.
+TEST(ValueDataMedium, DataThatCannotBeReached) {
     kt::TempDir side;
     const std::string dataPath = side.file("data.bin");
     kt::Db db(vk::withFileMedium(dataPath, std::string(8, 'x')));
-    ASSERT_GT(db.id, 0);
     Session* s = &db.s;
-    const uint32_t v = 0x01020304;
-    const uint32_t k = value_create(s, Uint32, 0, &v, 4, 1);
-    ASSERT_NE(k, 0u);
+    const uint32_t v = 0x01020304, k = value_create(s, Uint32, 0, &v, 4, 1), dst = make<uint32_t>(s, Uint32, 1234);
+    EXPECT_EQ(kt::readWord(dataPath, 8), v);
     ValueRecord r{};
     ASSERT_NE(value_get(s, k, &r), nullptr);
-    EXPECT_EQ(r.dataMedium, 1u);
-    EXPECT_EQ(r.dataOffset, 8u);  // the end of the data medium, not of the value medium
-    EXPECT_EQ(kt::readWord(dataPath, 8), v);
-    const uint32_t leaf = vk::makeLeaf(s, k);
-    uint32_t out = 0;
-    ASSERT_EQ(kesDBMGetCreateListGeneric(s, leaf, &out, 4), 0);
-    EXPECT_EQ(out, v);
-    const uint32_t dst = vk::make<uint32_t>(s, Uint32, 1234);
-
-    r.dataMedium = 7;  // outside the media table
+    r.dataMedium = 7;
     ASSERT_EQ(value_set(s, &r), 0);
+    uint32_t out = 0xCAFEu;
     int32_t len = 4;
     EXPECT_EQ(value_getGeneric(s, k, &out, &len), 0);
     EXPECT_EQ(db.s.error, 21u);
     r.dataMedium = 1;
     ASSERT_EQ(value_set(s, &r), 0);
-
     ASSERT_EQ(unlink(dataPath.c_str()), 0);
     EXPECT_EQ(value_getGeneric(s, k, &out, &len), 22);
-    EXPECT_EQ(db.s.errorDetail, static_cast<uint32_t>(ENOENT));
-    EXPECT_EQ(kesDBMGetCreateListGeneric(s, leaf, &out, 4), 22);
+    EXPECT_EQ(mk::errorOf(db.s), mk::Pair(22, ENOENT));
+    EXPECT_EQ(out, 0xCAFEu);
     EXPECT_EQ(value_copy(s, dst, k), 0);
     EXPECT_EQ(db.s.error, 22u);
     EXPECT_EQ(vk::readU32(s, dst), 1234u);
-    EXPECT_EQ(kt::captureStdout([&] { value_print(s, k); }), "err 22\n");
+    EXPECT_EQ(printed(s, k), "err 22\n");
+}
 
-    ASSERT_EQ(mkfifo(dataPath.c_str(), 0600), 0);
-    len = 4;
-    out = 0xCAFEu;
-    EXPECT_EQ(value_getGeneric(s, k, &out, &len), 0);
-    EXPECT_EQ(mk::errorOf(db.s), mk::Pair(24, ESPIPE));
-    EXPECT_EQ(len, -1);
-    EXPECT_EQ(out, 0xCAFEu);
-    EXPECT_EQ(value_setGeneric(s, k, &v, 4), 0);
-    EXPECT_EQ(db.s.error, 23u);
-    EXPECT_EQ(value_copy(s, dst, k), 0);
-    EXPECT_EQ(db.s.error, 24u);
-    EXPECT_EQ(value_copy2(s, dst, k, 0), 0);
-    EXPECT_EQ(vk::readU32(s, dst), 1234u);
+// No free block fails creation with 45, detail 0; a free list the allocator cannot walk as the
+// allocator found it (24, the broken link's key). Nothing is written either way.
+TEST_F(Value, AllocationFailuresWriteNothing) {
+    for (const auto [first, code, detail] : {std::array<uint32_t, 3>{0, KESDB_ERR_VALUE_WRITE, 0},
+                                             std::array<uint32_t, 3>{8, KESDB_ERR_MEDIA_READ, 12}}) {
+        ASSERT_EQ(flst_m_setFirstOffset(s, 0, first), 0);
+        const std::string before = kt::readFile(db.mediumPath);
+        session_setError(s, 0, 0);
+        EXPECT_EQ(value_create(s, Uint32, 0, nullptr, 4, 0), 0u);
+        EXPECT_EQ(mk::errorOf(db.s), mk::Pair(code, detail));
+        EXPECT_EQ(kt::readFile(db.mediumPath), before);
+    }
 }
 
 }  // namespace

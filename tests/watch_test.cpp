@@ -19,50 +19,40 @@ struct Tree {
     uint32_t x = tk::leaf(s, a, 0, "/x", tk::u32(s, 1), tk::u32(s, 2));
     uint32_t z = tk::leaf(s, a, x, "/z", tk::u32(s, 3), tk::u32(s, 4));
     uint32_t y = tk::leaf(s, b, 0, "/y", tk::u32(s, 5), tk::u32(s, 6));
+    pk::Children kids;
+
+    // The position a watch started now begins at.
+    uint32_t now() {
+        uint32_t sequence = 0;
+        int32_t count = 0;
+        return kesDBMWatch(s, 0, &sequence, 0, nullptr, &count) == 0 ? sequence : 0;
+    }
+    // A watcher process of `key` from now, asleep in its watch when this returns; it tells
+    // `told` the one key it learnt of (0: another outcome).
+    pid_t watcher(uint32_t key, int32_t timeoutMs = 5000) {
+        const pid_t pid = kids.start([&, id = static_cast<uint32_t>(db.id), from = now()]() mutable {
+            Session own{};
+            uint32_t keys[4] = {};
+            int32_t count = 4;
+            if (kesDBMInitSession(&own, id) != 0 || !told.send(uint32_t{0})) return 1;
+            const int32_t rc = kesDBMWatch(&own, key, &from, timeoutMs, keys, &count);
+            return told.send(rc == 0 && count == 1 ? keys[0] : 0) ? kesDBMTermSession(&own) : 1;
+        });
+        EXPECT_EQ(learnt(), 0u);
+        usleep(20 * 1000);  // let it fall asleep
+        return pid;
+    }
+    uint32_t learnt(uint32_t key = ~0u) { return told.receive(key, 5000) ? key : ~0u; }
+    pk::Pipe told;
 };
 
-struct Report {
-    int32_t rc = -1, count = 0;
-    uint32_t keys[4] = {};
-};
-
-// The position a watch started now begins at.
-uint32_t now(Session* s) {
-    uint32_t sequence = 0;
-    int32_t count = 0;
-    return kesDBMWatch(s, 0, &sequence, 0, nullptr, &count) == 0 ? sequence : 0;
-}
-
-// A watcher process: opens a session, says so, watches `key` from `sequence` and reports.
-pid_t watcher(pk::Children& kids, const pk::Pipe& out, uint32_t dbId, uint32_t key, uint32_t sequence,
-              int32_t timeoutMs = 5000) {
-    return kids.start([&out, dbId, key, sequence, timeoutMs] {
-        Session own{};
-        if (kesDBMInitSession(&own, dbId) != 0) return 1;
-        out.send(char('w'));
-        Report r;
-        r.count = 4;
-        uint32_t from = sequence;
-        r.rc = kesDBMWatch(&own, key, &from, timeoutMs, r.keys, &r.count);
-        out.send(r);
-        return kesDBMTermSession(&own);
-    });
-}
-
-Report awaitReport(const pk::Pipe& out) {
-    Report r;
-    EXPECT_TRUE(out.receive(r, 5000));
-    return r;
-}
-
-TEST(Watch, EveryKindOfChangeWakesAWatcherOfItsSubtreeInAnotherProcess) {
+TEST(Watch, EveryKindOfChangeWakesAWatcherOfItsSubtreeInAnotherProcessAfterAKilledOne) {
     // Each change is made under node "a" (or covers it); the watcher of "a" must be told the
     // key the case names, and only that one: changes under "b" made first are not reported.
-    struct Case {
+    const struct {
         const char* name;
         std::function<uint32_t(Tree&)> change;  // makes the change, returns the key expected
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"typed set", [](Tree& t) { return kesDBMSetUint32(t.s, t.y, 9) == 0 && kesDBMSetUint32(t.s, t.x, 9) == 0 ? t.x : 0; }},
         {"generic set", [](Tree& t) { uint32_t v = 8; return kesDBMSetGeneric(t.s, t.z, &v, 4) == 0 ? t.z : 0; }},
         {"default set", [](Tree& t) { uint32_t v = 8; return kesDBMSetDefaultGeneric(t.s, t.x, &v, 4) == 0 ? t.x : 0; }},
@@ -75,73 +65,40 @@ TEST(Watch, EveryKindOfChangeWakesAWatcherOfItsSubtreeInAnotherProcess) {
         {"delete", [](Tree& t) { return kesDBMDeleteComponent(t.s, t.z) == 0 ? t.z : 0; }},
         {"delete subtree", [](Tree& t) { return kesDBMDeleteComponentWithSub(t.s, t.a) == 0 ? t.a : 0; }},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Tree t;
-        pk::Children kids;
-        pk::Pipe out;
-        const pid_t w = watcher(kids, out, t.db.id, t.a, now(t.s));
-        char started = 0;
-        ASSERT_TRUE(out.receive(started, 5000));
-        usleep(20 * 1000);  // let it fall asleep
+        // A watcher killed in its wait leaves nothing that keeps the next one from waking.
+        const pid_t killed = t.watcher(t.a, -1);
+        ASSERT_EQ(kill(killed, SIGKILL), 0);
+        EXPECT_EQ(t.kids.wait(killed), 128 + SIGKILL);
+        const pid_t w = t.watcher(t.a);
         const uint32_t expected = c.change(t);
         ASSERT_NE(expected, 0u);
-        const Report r = awaitReport(out);
-        EXPECT_EQ(r.rc, 0);
-        ASSERT_EQ(r.count, 1);
-        EXPECT_EQ(r.keys[0], expected);
-        EXPECT_EQ(kids.wait(w), 0);
+        EXPECT_EQ(t.learnt(), expected);
+        EXPECT_EQ(t.kids.wait(w), 0);
     }
 }
 
 TEST(Watch, AWatcherThatFellBehindLearnsItMissedChangesAndGoesOn) {
     Tree t;
-    uint32_t sequence = now(t.s);
+    uint32_t sequence = t.now(), keys[4];
     ASSERT_EQ(kt::runChild([&] {
-                  for (uint32_t i = 0; i <= KESDB_WATCH_RING; ++i)
-                      if (kesDBMSetUint32(t.s, t.y, i) != 0) return 1;
-                  return 0;
-              }),
-              0);
-    uint32_t keys[4];
-    int32_t count = 4;
-    ASSERT_EQ(kesDBMWatch(t.s, 0, &sequence, 0, keys, &count), 0);
-    EXPECT_EQ(count, -1);
-    // More changed components than the caller has room for are missed changes too.
-    ASSERT_EQ(kesDBMSetUint32(t.s, t.x, 1), 0);
-    ASSERT_EQ(kesDBMSetUint32(t.s, t.y, 1), 0);
-    count = 1;
-    ASSERT_EQ(kesDBMWatch(t.s, 0, &sequence, 0, keys, &count), 0);
-    EXPECT_EQ(count, -1);
-    ASSERT_EQ(kesDBMSetUint32(t.s, t.x, 2), 0);
-    count = 4;
-    ASSERT_EQ(kesDBMWatch(t.s, 0, &sequence, 0, keys, &count), 0);
-    ASSERT_EQ(count, 1);
-    EXPECT_EQ(keys[0], t.x);
-    count = 4;
-    ASSERT_EQ(kesDBMWatch(t.s, 0, &sequence, 50, keys, &count), 0);
-    EXPECT_EQ(count, 0);  // nothing new: the time runs out
-}
-
-TEST(Watch, AKilledWatcherLeavesNothingStuck) {
-    Tree t;
-    pk::Children kids;
-    pk::Pipe first, second;
-    const uint32_t sequence = now(t.s);
-    const pid_t killed = watcher(kids, first, t.db.id, t.x, sequence, -1);
-    char started = 0;
-    ASSERT_TRUE(first.receive(started, 5000));
-    usleep(20 * 1000);
-    ASSERT_EQ(kill(killed, SIGKILL), 0);
-    EXPECT_EQ(kids.wait(killed), 128 + SIGKILL);
-    const pid_t w = watcher(kids, second, t.db.id, t.x, sequence);
-    ASSERT_TRUE(second.receive(started, 5000));
-    usleep(20 * 1000);
-    ASSERT_EQ(kesDBMSetUint32(t.s, t.x, 7), 0);
-    const Report r = awaitReport(second);
-    ASSERT_EQ(r.count, 1);
-    EXPECT_EQ(r.keys[0], t.x);
-    EXPECT_EQ(kids.wait(w), 0);
+        for (uint32_t i = 0; i <= KESDB_WATCH_RING; ++i) kesDBMSetUint32(t.s, t.y, i);
+        return static_cast<int>(t.s->error);
+    }), 0);
+    // Rows: sets made, room for keys, timeout, count told (-1: changes missed).
+    const struct {
+        std::vector<uint32_t> sets;
+        int32_t room, timeoutMs, count;
+    } rows[] = {{{}, 4, 0, -1}, {{t.x, t.y}, 1, 0, -1}, {{t.x}, 4, 0, 1}, {{}, 4, 50, 0}};
+    for (const auto& row : rows) {
+        for (uint32_t key : row.sets) ASSERT_EQ(kesDBMSetUint32(t.s, key, 1), 0);
+        int32_t count = row.room;
+        ASSERT_EQ(kesDBMWatch(t.s, 0, &sequence, row.timeoutMs, keys, &count), 0);
+        EXPECT_EQ(count, row.count);
+        EXPECT_TRUE(count != 1 || keys[0] == t.x);
+    }
 }
 
 }  // namespace

@@ -14,6 +14,10 @@
 #include "common.hpp"
 #include "database.hpp"
 #include "description.hpp"
+#include "diagnose.hpp"
+#include "leftovers.hpp"
+#include "registration.hpp"
+#include "sizing.hpp"
 #include "fast_media.hpp"
 #include "lock_wait.hpp"
 #include "progress.hpp"
@@ -114,6 +118,7 @@ int cmdCreate(const CreateOptions& o) {
         fail(o.from + ": the description uses hook " + std::to_string(highestHook(items)) + " but only " +
              std::to_string(o.hooks.size()) + " --hook lines are given");
     if (o.size < 4096) fail("--size must be at least 4096 bytes", kExitUsage);
+    const uint32_t size = mediumSizeFor(items, o.size);
     const bool elsewhere = !o.installDir.empty() || !o.targetLibDir.empty();
     if (!o.installDir.empty() && o.installDir[0] != '/') fail("--install-dir must be an absolute path", kExitUsage);
     if (!o.targetLibDir.empty() && o.targetLibDir[0] != '/')
@@ -129,15 +134,20 @@ int cmdCreate(const CreateOptions& o) {
     const std::string finalDir = absolutePath(parentOf(target)) + "/" + baseName(target);
 
     // The database is made in a sibling directory and takes its place only when complete.
+    removeLeftovers(finalDir);
     std::string tmpl = finalDir + ".tmp-XXXXXX";
     if (!mkdtemp(tmpl.data())) fail("cannot make a directory next to " + finalDir + ": " + std::strerror(errno));
     const std::string tmp = tmpl;
     try {
-        chmod(tmp.c_str(), 0775);
+        BuildDir building(tmp);
+        // The directory gets what the umask allows, like the files in it (mkdtemp made it 0700).
+        const mode_t mask = umask(0);
+        umask(mask);
+        chmod(tmp.c_str(), 0777 & ~mask);
         const char* single[] = {kSingleMedium};
         for (const char* m : o.fourFiles ? std::vector<const char*>(kMediaFiles, kMediaFiles + 4)
                                          : std::vector<const char*>(single, single + 1))
-            if (int32_t e = kesdb_layMedium((tmp + "/" + m).c_str(), o.size, 0); e != 0)
+            if (int32_t e = kesdb_layMedium((tmp + "/" + m).c_str(), size, 0); e != 0)
                 fail(std::string("cannot lay down ") + m + ": " + std::strerror(e));
         writeText(tmp + "/" + kDescriptorFile, descriptorText(o.fourFiles));
         // Media files are named relative to the directory, so it works wherever it is moved;
@@ -163,6 +173,7 @@ int cmdCreate(const CreateOptions& o) {
         for (const char* f : {kDescriptorFile, "media.conf", "hook.conf"}) syncPath(tmp + "/" + f);
         syncPath(tmp);
         checkInterrupted();
+        building.finish();
         if (rename(tmp.c_str(), finalDir.c_str()) != 0)
             fail("cannot rename " + tmp + " to " + finalDir + ": " + std::strerror(errno));
         syncPath(parentOf(finalDir));
@@ -247,8 +258,7 @@ int cmdGet(const std::string& dir, const std::string& path, ValueSet which, bool
     const uint32_t key = db.find(path);
     const uint32_t type = leafType(db, key, path);
     const int32_t len = kesDBMGetLength(&db.s, key);
-    if (len <= 0 || len > kValueMax)
-        fail("get " + path + ": cannot read the value's length: " + codeText(static_cast<int32_t>(db.s.error)));
+    if (len <= 0 || len > kValueMax) lengthFailure(db.s, len, "get " + path);
     std::string buf(static_cast<size_t>(len), '\0');
     int32_t n = len;
     const int32_t rc = which == ValueSet::Current   ? kesDBMGetGeneric(&db.s, key, buf.data(), &n)
@@ -265,8 +275,7 @@ int cmdSet(const std::string& dir, const std::string& path, const std::string& t
     const uint32_t key = db.find(path);
     const uint32_t type = leafType(db, key, path);
     const int32_t len = kesDBMGetLength(&db.s, key);
-    if (len <= 0 || len > kValueMax)
-        fail("set " + path + ": cannot read the value's length: " + codeText(static_cast<int32_t>(db.s.error)));
+    if (len <= 0 || len > kValueMax) lengthFailure(db.s, len, "set " + path);
     // The value is converted and checked by the leaf's type before the library sees it.
     std::string data;
     if (type == String) {
@@ -325,25 +334,35 @@ int cmdPrint(const std::string& dir, const std::string& path, bool noHooks) {
     std::fflush(data());
     const int diagnostics = dup(1);
     dup2(fileno(data()), 1);
+    db.s.error = 0;
     kesDBMtraverseAndPrint(&db.s, key);
     std::fflush(stdout);
     if (diagnostics >= 0) {
         dup2(diagnostics, 1);
         close(diagnostics);
     }
+    // The library's walk stops at a component reached twice or too deep, and records it.
+    if (db.s.error != 0)
+        fail("print stopped at component " + std::to_string(static_cast<uint32_t>(db.s.errorDetail)) + ": " +
+                 codeText(static_cast<int32_t>(db.s.error)) + " (a damaged tree; 'kesdb check' lists what is wrong)",
+             exitFor(static_cast<int32_t>(db.s.error)));
     return kExitOk;
 }
 
 int cmdLock(const std::string& dir, const std::string& path, bool shared, double wait) {
     Database db(dir);
-    lockWithin(db, db.find(path), shared, wait, "lock " + path);
+    const uint32_t key = db.find(path);
+    requireRegisteredLocks(db);
+    lockWithin(db, key, shared, wait, "lock " + path);
     return kExitOk;
 }
 
 int cmdUnlock(const std::string& dir, const std::string& path) {
     Database db(dir);
     const uint32_t key = db.find(path);
-    if (int32_t rc = kesDBMUnlock(&db.s, key); rc != 0) failCode("unlock " + path, rc);
+    requireRegisteredLocks(db);
+    if (int32_t rc = kesDBMUnlock(&db.s, key); rc != 0)
+        fail("unlock " + path + ": " + codeText(rc) + startCause(db.dir()), exitFor(rc));
     return kExitOk;
 }
 

@@ -51,6 +51,8 @@ std::string refusalText(Database& db, uint32_t key, const std::string& path, int
 int cmdLock(const std::string& dir, const std::string& path, bool shared, double wait);
 int cmdUnlock(const std::string& dir, const std::string& path);
 int cmdLocks(const std::string& dir, bool asJson);
+// check: the media verified read-only; the problems on standard output, exit 2 when any.
+int cmdCheck(const std::string& dir);
 // watch: prints PATH=VALUE (or JSON lines) for each leaf below `path` as it changes, until
 // interrupted ("" for the whole tree).
 int cmdWatch(const std::string& dir, const std::string& path, bool asJson);

@@ -16,6 +16,20 @@ extern "C" void onSignal(int) { g_interrupted = 1; }
 
 void fail(const std::string& what, int code) { throw Failure{what, code}; }
 
+std::string printable(const std::string& message) {
+    std::string out;
+    for (const unsigned char c : message) {
+        if ((c < 0x20 && c != '\n') || c == 0x7f) {
+            char hex[5];
+            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            out += hex;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
 std::string codeText(int32_t code) { return std::to_string(code) + " " + kesdb_errorName(code); }
 
 void failCode(const std::string& what, int32_t code) { fail(what + ": " + codeText(code), exitFor(code)); }

@@ -34,6 +34,9 @@ struct Failure {
 };
 
 [[noreturn]] void fail(const std::string& what, int code = kExitData);
+// A message as printed: control characters other than line ends (a NUL in a name read from a
+// description or a medium) as \xNN, so that nothing cuts or garbles it.
+std::string printable(const std::string& message);
 
 // "66 KESDB_ERR_CSTRT_BELOWMIN": a library code with its name.
 std::string codeText(int32_t code);

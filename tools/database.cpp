@@ -9,6 +9,9 @@
 
 #include <unistd.h>
 
+#include "diagnose.hpp"
+
+
 namespace kesdb {
 
 const char* const kMediaFiles[4] = {"components.med", "values.med", "constraints.med", "strings.med"};
@@ -29,7 +32,7 @@ std::string parentDir(const std::string& path) {
 [[noreturn]] void failStart(const std::string& what, const std::string& dir, int32_t code) {
     std::string cause = kesDBMInitDirFailure();
     if (cause.rfind(dir + ": ", 0) == 0) cause.erase(0, dir.size() + 2);
-    fail(what + ": " + (cause.empty() ? codeText(code) : cause + " (" + codeText(code) + ")"));
+    fail(what + ": " + (cause.empty() ? codeText(code) : cause + " (" + codeText(code) + ")") + startCause(dir));
 }
 
 }  // namespace

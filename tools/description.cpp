@@ -202,8 +202,9 @@ std::vector<Item> parseDescriptionText(const std::string& text, const std::strin
     json j;
     try {
         j = json::parse(text);
-    } catch (const json::parse_error& e) {
-        // "[json.exception.parse_error.101] parse error at line 1, column 5: ..." without the tag.
+    } catch (const json::exception& e) {
+        // "[json.exception.parse_error.101] parse error at line 1, column 5: ..." without the tag
+        // (also a number beyond the largest double: out_of_range.406).
         std::string what = e.what();
         if (size_t close = what.find("] "); close != std::string::npos) what.erase(0, close + 2);
         fail(label + ": not valid JSON: " + what);

@@ -22,6 +22,7 @@
 #include "commands.hpp"
 #include "common.hpp"
 #include "database.hpp"
+#include "sizing.hpp"
 #include "edit.hpp"
 #include "lock_wait.hpp"
 #include "migrate.hpp"
@@ -142,7 +143,10 @@ const std::vector<CommandSpec> kCommands = {
      "By default the four kinds of record share one file, medium.bin, reached through\n"
      "the built-in medium; --files keeps them in components.med, values.med,\n"
      "constraints.med and strings.med through libkesdrv_file.so. --size: bytes of\n"
-     "each medium file (default 1048576, at least 4096). --hook \"LIB PRESET POSTSET\n"
+     "each medium file at the least (default 1048576, at least 4096); with --from,\n"
+     "twice what the description's records take plus 4096 when that is more (grow\n"
+     "enlarges the media later). A killed create's leftover directory beside DIR is\n"
+     "removed by the next create of DIR. --hook \"LIB PRESET POSTSET\n"
      "PREGET POSTGET\": one hook library per option, hook indexes 1, 2, ... in order;\n"
      "NULL for a function it lacks; LIB without '/' is taken from the library\n"
      "directory. --from FILE: import a description as part of the creation: DIR\n"
@@ -284,6 +288,28 @@ const std::vector<CommandSpec> kCommands = {
      "touched. The tables are those of DIR, or the files given (then -d is not needed).",
      {{"--clear", false}, {"--closed", false}, {"--session-table", true}, {"--lock-table", true}}, 0, 0,
      runOrphans},
+    {"grow", "--size BYTES",
+     "Enlarge every medium file of the database to BYTES in place: the new space joins\n"
+     "the medium's free list, for later additions and migrations. Files already as\n"
+     "large are left as they are. The root is locked meanwhile.",
+     {{"--size", true}}, 0, 0,
+     [](CommandLine& cl) {
+         if (!cl.has("--size")) usageError("grow needs --size BYTES", "grow");
+         return cmdGrow(dirOf(cl), sizeOption(cl.last("--size")));
+     }},
+    {"check", "[DIR]",
+     "Verify the database in DIR (or -d DIR) without starting it, reading its media\n"
+     "files only: tree links, loops, kinds, keys inside their media, value and name\n"
+     "lengths inside their media, free lists ordered and apart from the records,\n"
+     "constraint records. Lists each problem, one line each, and exits 2 when there\n"
+     "is any, else prints one line and exits 0. Meant to run at boot before\n"
+     "applications start: it takes time and memory bounded by the media's size.",
+     {}, 0, 1,
+     [](CommandLine& cl) {
+         if (!cl.arg(0).empty() && !cl.dir.empty() && cl.arg(0) != cl.dir)
+             usageError("check: two directories given", "check");
+         return cmdCheck(cl.arg(0).empty() ? dirOf(cl) : cl.arg(0));
+     }},
     {"help", "[COMMAND]", "The usage of every command, or of COMMAND alone (also -h, --help, COMMAND --help).",
      {}, 0, 1, runHelp},
 };
@@ -457,7 +483,7 @@ int main(int argc, char** argv) {
         status = kesdb::run(std::vector<std::string>(argv + 1, argv + argc));
     } catch (const kesdb::Failure& f) {
         std::fflush(stdout);
-        std::fprintf(stderr, "kesdb: %s\n", f.what.c_str());
+        std::fprintf(stderr, "kesdb: %s\n", kesdb::printable(f.what).c_str());
         status = f.code;
     } catch (const std::exception& e) {
         std::fflush(stdout);

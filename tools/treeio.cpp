@@ -5,14 +5,13 @@
 #include <cstring>
 #include <string_view>
 
+#include "sizing.hpp"
 #include "values.hpp"
+#include "walk.hpp"
 
 namespace kesdb {
 
 namespace {
-
-// Most components an export visits: a sibling list that loops ends the export.
-constexpr size_t kWalkMax = 4u << 20;
 
 std::string childPath(const std::string& parent, const std::string& name) {
     return (parent == "/" ? "" : parent) + "/" + name;
@@ -81,14 +80,17 @@ void buildLeaf(Database& db, const Item& it, uint32_t parent, uint32_t previous,
     uint32_t constraint = 0;
     if (it.hasRange) constraint = makeRange(&s, it.type, it.range);
     if (it.hasEnum) constraint = makeEnum(&s, it);
-    if ((it.hasRange || it.hasEnum) && constraint == 0) libraryFailure(s, "cannot create the constraint of " + path);
+    if ((it.hasRange || it.hasEnum) && constraint == 0)
+        creationFailure(db, db.param().constraintMedium, "constraint", 8, "cannot create the constraint of " + path);
     const std::pair<const char*, const std::string*> data[3] = {
         {"current", &it.current}, {"default", &it.defaults}, {"factory", &it.factory}};
     uint32_t values[3] = {};
     for (int i = 0; i < 3; ++i) {
         const std::string& bytes = *data[i].second;
         values[i] = kesDBMCreateValue(&s, it.type, 0, bytes.data(), it.size, db.param().valueMedium);
-        if (values[i] == 0) libraryFailure(s, "cannot create the " + std::string(data[i].first) + " value of " + path);
+        if (values[i] == 0)
+            creationFailure(db, db.param().valueMedium, "value", 28,
+                            "cannot create the " + std::string(data[i].first) + " value of " + path);
         if (constraint == 0) continue;
         if (kesDBMSetConstraintKey(&s, values[i], constraint) != 0)
             libraryFailure(s, "cannot attach the constraint of " + path);
@@ -97,7 +99,7 @@ void buildLeaf(Database& db, const Item& it, uint32_t parent, uint32_t previous,
             fail(path + ": the " + data[i].first + " value is refused by its constraint: " + codeText(rc));
     }
     key = kesDBMCreateLeaf(&s, name, parent, previous, values[0], values[1], values[2], it.hook);
-    if (key == 0) libraryFailure(s, "cannot create leaf " + path);
+    if (key == 0) creationFailure(db, db.param().componentMedium, "component", 40, "cannot create leaf " + path);
 }
 
 // Creates the items below `parent`, each behind the sibling created before it, so the
@@ -110,14 +112,14 @@ void build(Database& db, const std::vector<Item>& items, uint32_t parent, const 
 
 // The record and the data of the `which` value of the leaf at `path`.
 std::string readValue(Session& s, uint32_t valueKey, ValueRecord& rec, const char* which, const std::string& path) {
-    int32_t n = 0;
-    if (value_get(&s, valueKey, &rec) && rec.length <= static_cast<uint32_t>(kValueMax)) {
-        std::string buf(rec.length, '\0');
-        n = static_cast<int32_t>(rec.length);
-        if (n == 0 || (value_getGeneric(&s, valueKey, buf.data(), &n) == 0 && n == static_cast<int32_t>(rec.length)))
-            return buf;
-    }
-    libraryFailure(s, std::string("cannot read the ") + which + " value of " + path);
+    const std::string what = std::string("cannot read the ") + which + " value of " + path;
+    if (!value_get(&s, valueKey, &rec)) libraryFailure(s, what);
+    if (rec.length > static_cast<uint32_t>(kValueMax)) lengthFailure(s, static_cast<int32_t>(rec.length), what);
+    std::string buf(rec.length, '\0');
+    int32_t n = static_cast<int32_t>(rec.length);
+    if (n == 0 || (value_getGeneric(&s, valueKey, buf.data(), &n) == 0 && n == static_cast<int32_t>(rec.length)))
+        return buf;
+    libraryFailure(s, what);
 }
 
 // The name of a child as written in paths (stored below the first level with a leading '/').
@@ -133,7 +135,7 @@ std::string childName(Session& s, uint32_t key, const std::string& parentPath) {
     return nameText(s, kesDBMGetStringKey(&s, key), parentPath);
 }
 
-void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth, size_t& visited,
+void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth, WalkGuard& visited,
                  const std::function<void(const Item&)>& visit) {
     Session& s = db.s;
     CompRecord rec{};
@@ -144,8 +146,9 @@ void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth,
     }
     if (depth > kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
     for (uint32_t child = kesDBMGetFirstChild(&s, key); child != 0; child = kesDBMGetNextChild(&s, child)) {
-        if (++visited > kWalkMax) fail("the tree below " + path + " does not end (a sibling list loops?)");
-        leavesBelow(db, child, childPath(path, childName(s, child, path)), depth + 1, visited, visit);
+        const std::string below = childPath(path, childName(s, child, path));
+        visited.enter(child, below, path);
+        leavesBelow(db, child, below, depth + 1, visited, visit);
     }
 }
 
@@ -248,16 +251,16 @@ void writeLeaf(const Item& it, Layout& out) {
     }
 }
 
-void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, size_t& visited,
+void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, WalkGuard& visited,
                     Progress* progress, Layout& out) {
     out.open('[');
     for (uint32_t key = kesDBMGetFirstChild(&s, parent); key != 0; key = kesDBMGetNextChild(&s, key)) {
-        if (++visited > kWalkMax) fail("the tree below " + parentPath + " does not end (a sibling list loops?)");
         if (progress) progress->step();
         CompRecord rec{};
         if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read a name below " + parentPath);
         const std::string name = nameText(s, rec.stringKey, parentPath);
         const std::string path = childPath(parentPath, name);
+        visited.enter(key, path, parentPath);
         if (!validUtf8(name)) fail(path + ": the name is not UTF-8, which a description cannot hold");
         out.item();
         out.open('{');
@@ -277,6 +280,12 @@ void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, 
 
 }  // namespace
 
+void lengthFailure(const Session& s, int32_t length, const std::string& what) {
+    if (length < 0 && s.error != 0) libraryFailure(s, what);
+    fail(what + ": its length word says " + std::to_string(static_cast<uint32_t>(length)) +
+         " bytes, outside 1.." + std::to_string(kValueMax) + " (a damaged value record)");
+}
+
 uint32_t buildComponent(Database& db, const Item& it, uint32_t parent, uint32_t previous, const std::string& parentPath,
                         int depth, Progress* progress) {
     Session& s = db.s;
@@ -285,13 +294,13 @@ uint32_t buildComponent(Database& db, const Item& it, uint32_t parent, uint32_t 
     const std::string path = childPath(parentPath, it.name);
     const std::string stored = depth == 1 ? it.name : "/" + it.name;
     const uint32_t name = kesDBMCreateString(&s, stored.c_str(), db.param().stringMedium);
-    if (name == 0) libraryFailure(s, "cannot store the name of " + path);
+    if (name == 0) creationFailure(db, db.param().stringMedium, "string", 16, "cannot store the name of " + path);
     uint32_t key = 0;
     if (it.leaf) {
         buildLeaf(db, it, parent, previous, name, path, key);
     } else {
         key = kesDBMCreateNode(&s, name, parent, previous, 0);
-        if (key == 0) libraryFailure(s, "cannot create node " + path);
+        if (key == 0) creationFailure(db, db.param().componentMedium, "component", 28, "cannot create node " + path);
         build(db, it.children, key, path, depth + 1, progress);
     }
     return key;
@@ -322,13 +331,15 @@ void importInto(Database& db, const std::vector<Item>& items, uint32_t hooks, Pr
 }
 
 std::string exportText(Database& db, Progress* progress) {
-    size_t visited = 0;
+    WalkGuard visited;
+    const uint32_t root = db.root();
+    visited.enter(root, "/", "/");
     std::string text;
     text.reserve(4u << 20);
     Layout out(text);
     out.open('{');
     out.key("children");
-    exportChildren(db.s, db.root(), "/", 1, visited, progress, out);
+    exportChildren(db.s, root, "/", 1, visited, progress, out);
     out.close('}');
     text += '\n';
     return text;
@@ -413,7 +424,8 @@ json leafJson(const Item& it) {
 }
 
 void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit) {
-    size_t visited = 0;
+    WalkGuard visited;
+    visited.enter(key, path, path);
     leavesBelow(db, key, path, 1, visited, visit);
 }
 

@@ -57,6 +57,9 @@ Item readLeaf(Session& s, uint32_t key, const std::string& path);
 json leafJson(const Item& leaf);
 // A value in JSON: a number, text, hex digit pairs for Generic; non-UTF-8 text fails.
 json valueJson(uint32_t type, const std::string& bytes, const std::string& what);
+// Fails for a value whose length (`length`, as read) is unreadable or beyond what a value
+// may hold: "WHAT: CAUSE".
+[[noreturn]] void lengthFailure(const Session& s, int32_t length, const std::string& what);
 // Calls `visit` with every leaf at or below the component `key`, whose path is `path`, in
 // tree order.
 void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit);

@@ -83,6 +83,24 @@ int32_t value_copy2(Session* s, uint32_t destination, uint32_t source, uint32_t 
     return 0;
 }
 
+// Longest data area the printout reads without asking its medium how much it holds.
+constexpr int32_t kPrintUnchecked = 4096;
+
+// The part of a value's data area that its medium holds: `length` cut at the medium's end
+// (0 when the medium cannot be opened; the read then fails and says so). A damaged length word
+// thus never makes the printout allocate or read more than the medium holds.
+static int32_t heldLength(Session* s, const ValueRecord& record, int32_t length) {
+    MediaEntry* entry = getMedia(s, record.dataMedium);
+    if (!entry) return 0;
+    kes::Medium medium(entry);
+    if (!medium.open()) return 0;
+    const int end = medium.seek(0, 2);
+    if (end < 0) return length;
+    const uint32_t size = static_cast<uint32_t>(end);
+    const uint32_t held = size > record.dataOffset ? size - record.dataOffset : 0;
+    return held < static_cast<uint32_t>(length) ? static_cast<int32_t>(held) : length;
+}
+
 // Prints one line showing a value. The buffer is zero-filled and 8 bytes longer than the
 // value, so a value shorter than its format (a Generic of fewer than 8 bytes, a numeric value
 // shorter than its natural width) shows zero bytes for what is missing, and nothing past the
@@ -96,11 +114,12 @@ void value_print(Session* s, uint32_t key) {
     }
     ValueRecord record;
     if (!value_get(s, key, &record)) return;
-    const int32_t length = static_cast<int32_t>(record.length);
+    int32_t length = static_cast<int32_t>(record.length);
     if (length < 0) {
         std::printf("err %d\n", 0);
         return;
     }
+    if (length > kPrintUnchecked) length = heldLength(s, record, length);
     Buffer buffer(static_cast<size_t>(length) + 8u);
     if (!buffer.data) {
         std::printf("err %d\n", 0);

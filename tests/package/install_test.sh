@@ -27,6 +27,7 @@ expect_line "libkesdbm.so.$version" "$(readlink "$stage/$libdir/libkesdbm.so.$ma
 expect_file "$libdir/libkesosw.so.$major"
 for h in "$source"/include/kesdbm/*.h; do expect_file "include/kesdbm/$(basename "$h")"; done
 expect_file "$libdir/kesdbm/libkesdrv_file.so"
+expect_file "$libdir/kesdbm/libkesdrv_mmap.so"
 expect_file "$libdir/kesdbm/libkeshook_sample.so"
 [ ! -e "$stage/$libdir/kesdbm/libkesdrv_fault.so" ] || fail "the test-only fault driver is installed"
 for f in kesdbmConfig.cmake kesdbmConfigVersion.cmake kesdbmTargets.cmake; do expect_file "$libdir/cmake/kesdbm/$f"; done

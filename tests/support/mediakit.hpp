@@ -42,13 +42,11 @@ struct Lib {
 
 // The six medium operations of a driver whose symbols start with `prefix`.
 struct Ops {
-    Ops(const Lib& lib, const std::string& prefix)
-        : open(lib.sym<kesMediaOpenFn>((prefix + "open").c_str())),
-          close(lib.sym<kesMediaCloseFn>((prefix + "close").c_str())),
-          read(lib.sym<kesMediaReadFn>((prefix + "read").c_str())),
-          write(lib.sym<kesMediaWriteFn>((prefix + "write").c_str())),
-          seek(lib.sym<kesMediaSeekFn>((prefix + "seek").c_str())),
-          sync(lib.sym<kesMediaSyncFn>((prefix + "sync").c_str())) {}
+    Ops(const Lib& l, const std::string& p)
+        : Ops(MediaEntry{nullptr, nullptr, 0, l.sym<kesMediaOpenFn>((p + "open").c_str()),
+                         l.sym<kesMediaCloseFn>((p + "close").c_str()), l.sym<kesMediaReadFn>((p + "read").c_str()),
+                         l.sym<kesMediaWriteFn>((p + "write").c_str()), l.sym<kesMediaSeekFn>((p + "seek").c_str()),
+                         l.sym<kesMediaSyncFn>((p + "sync").c_str())}) {}
     explicit Ops(const MediaEntry& e)
         : open(e.open), close(e.close), read(e.read), write(e.write), seek(e.seek), sync(e.sync) {}
     bool ok() const { return open && close && read && write && seek && sync; }
@@ -115,10 +113,9 @@ inline void checkOps(const Ops& d, int fd, const std::string& path) {
         {"close", [&] { return d.close(fd, &err); }},
     };
     for (const auto& [what, call] : closed) {
-        SCOPED_TRACE(what);
         err = 0;
-        EXPECT_EQ(call(), -1);
-        EXPECT_EQ(err, EBADF);
+        EXPECT_EQ(call(), -1) << what;
+        EXPECT_EQ(err, EBADF) << what;
     }
 }
 
@@ -137,13 +134,8 @@ struct ListFile {
     // Lays the file down anew: `size` zero bytes, the anchor `first` and the given elements.
     void lay(uint32_t size, uint32_t first, std::initializer_list<Element> elements = {}) const {
         kt::writeFile(path, std::string(size, '\0'));
-        anchor(first);
-        for (const Element& e : elements) put(e[0], e[1], e[2]);
-    }
-    void anchor(uint32_t first) const { kt::writeBytes(path, 12, &first, 4); }
-    void put(uint32_t key, uint32_t next, uint32_t size) const {
-        const uint32_t words[2] = {next, size};
-        kt::writeBytes(path, key, words, 8);
+        kt::writeBytes(path, 12, &first, 4);
+        for (const Element& e : elements) kt::writeBytes(path, e[0], &e[1], 8);
     }
     uint32_t word(uint32_t key) const { return kt::readWord(path, key); }
     Pair element(uint32_t key) const { return {word(key), word(key + 4)}; }  // {next, size}

@@ -15,6 +15,8 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
+#include <utility>
 
 namespace kt {
 
@@ -64,20 +66,6 @@ void writeBytes(const std::string& path, uint32_t offset, const void* data, uint
 
 std::string libPath(const std::string& fileName) { return std::string(KT_LIB_DIR) + "/" + fileName; }
 
-std::vector<std::string> programCommand(const std::string& fileName) {
-    std::vector<std::string> command;
-    // The emulator's command words, separated by '|'.
-    const std::string emulator = KT_EMULATOR;
-    for (size_t start = 0; start < emulator.size();) {
-        size_t end = emulator.find('|', start);
-        if (end == std::string::npos) end = emulator.size();
-        if (end > start) command.push_back(emulator.substr(start, end - start));
-        start = end + 1;
-    }
-    command.push_back(std::string(KT_BIN_DIR) + "/" + fileName);
-    return command;
-}
-
 pid_t spawnProgram(const TempDir& dir, const std::string& fileName, const std::vector<std::string>& args,
                    const std::string& tag) {
     const std::string outFile = dir.file(".out" + tag), errFile = dir.file(".err" + tag);
@@ -89,7 +77,14 @@ pid_t spawnProgram(const TempDir& dir, const std::string& fileName, const std::v
         if (chdir(dir.path().c_str()) != 0 || o < 0 || e < 0) _exit(126);
         dup2(o, 1);
         dup2(e, 2);
-        std::vector<std::string> command = programCommand(fileName);
+        // Under an emulator, its command words (separated by '|') come first: a process of the
+        // emulated machine cannot start a program of that machine by itself.
+        std::vector<std::string> command;
+        std::string word;
+        for (char c : std::string(KT_EMULATOR) + "|")
+            if (c != '|') word += c;
+            else if (!word.empty()) command.push_back(std::exchange(word, ""));
+        command.push_back(std::string(KT_BIN_DIR) + "/" + fileName);
         command.insert(command.end(), args.begin(), args.end());
         std::vector<char*> argv;
         for (auto& a : command) argv.push_back(a.data());
@@ -101,12 +96,9 @@ pid_t spawnProgram(const TempDir& dir, const std::string& fileName, const std::v
 }
 
 Outcome finishProgram(const TempDir& dir, pid_t pid, const std::string& tag) {
-    const int code = waitChild(pid);
     const std::string outFile = dir.file(".out" + tag), errFile = dir.file(".err" + tag);
-    Outcome r{code, readFile(outFile), readFile(errFile)};
-    unlink(outFile.c_str());
-    unlink(errFile.c_str());
-    return r;
+    Outcome r{waitChild(pid), readFile(outFile), readFile(errFile)};
+    return unlink(outFile.c_str()), unlink(errFile.c_str()), r;
 }
 
 bool leaveNoRoomFor(size_t bytes) {
@@ -132,19 +124,16 @@ bool leaveNoRoomFor(size_t bytes) {
 std::string captureStdout(const std::function<void()>& body) {
     fflush(stdout);
     char name[] = "/tmp/kesdbm-stdout-XXXXXX";
-    int capture = mkstemp(name);
+    const int capture = mkstemp(name), saved = dup(STDOUT_FILENO);
     if (capture < 0) throw std::runtime_error("mkstemp failed");
-    unlink(name);
-    int saved = dup(STDOUT_FILENO);
     dup2(capture, STDOUT_FILENO);
     body();
     fflush(stdout);
     dup2(saved, STDOUT_FILENO);
     close(saved);
-    std::string text(static_cast<size_t>(std::max<off_t>(lseek(capture, 0, SEEK_END), 0)), '\0');
-    if (pread(capture, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) text.clear();
     close(capture);
-    return text;
+    const std::string text = readFile(name);
+    return unlink(name), text;
 }
 
 int timeScale() {
@@ -154,8 +143,7 @@ int timeScale() {
 }
 
 pid_t forkChild(const std::function<int()>& body) {
-    fflush(stdout);
-    fflush(stderr);
+    fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
         const int code = body();
@@ -175,13 +163,10 @@ int runChild(const std::function<int()>& body) { return waitChild(forkChild(body
 
 DBMInitParam makeParam(const TempDir& dir) {
     DBMInitParam p{};
-    auto put = [](char* field, const std::string& value) {
-        std::snprintf(field, KESDB_PATH_MAX, "%s", value.c_str());
-    };
-    put(p.sessionTablePath, dir.file("session.tbl"));
-    put(p.lockTablePath, dir.file("lock.tbl"));
-    put(p.mediaConfigPath, dir.file("media.conf"));
-    put(p.hookConfigPath, dir.file("hook.conf"));
+    std::snprintf(p.sessionTablePath, KESDB_PATH_MAX, "%s", dir.file("session.tbl").c_str());
+    std::snprintf(p.lockTablePath, KESDB_PATH_MAX, "%s", dir.file("lock.tbl").c_str());
+    std::snprintf(p.mediaConfigPath, KESDB_PATH_MAX, "%s", dir.file("media.conf").c_str());
+    std::snprintf(p.hookConfigPath, KESDB_PATH_MAX, "%s", dir.file("hook.conf").c_str());
     return p;
 }
 
@@ -193,11 +178,9 @@ Db::Db(const DbOptions& options) {
     mediumPath = dir.file("medium.bin");
     setenv("KESDB_DEFMEDIA", mediumPath.c_str(), 1);
     param = makeParam(dir);
-    param.componentMedium = options.componentMedium;
-    param.valueMedium = options.valueMedium;
-    param.constraintMedium = options.constraintMedium;
-    param.stringMedium = options.stringMedium;
-    param.reserved = options.reserved;
+    std::tie(param.componentMedium, param.valueMedium, param.constraintMedium, param.stringMedium, param.reserved) =
+        std::tie(options.componentMedium, options.valueMedium, options.constraintMedium, options.stringMedium,
+                 options.reserved);
     writeFile(param.mediaConfigPath, options.mediaConfig);
     writeFile(param.hookConfigPath, options.hookConfig);
     if (options.mediumSize != 0 && kesdb_layMedium(mediumPath.c_str(), options.mediumSize, 0) != 0)
@@ -212,10 +195,8 @@ int32_t Db::start() {
 }
 
 void Db::stop() {
-    if (sessionOpen) kesDBMTermSession(&s);
-    sessionOpen = false;
-    if (id > 0) kesDBMTerm(static_cast<uint32_t>(id));
-    id = -1;
+    if (std::exchange(sessionOpen, false)) kesDBMTermSession(&s);
+    if (id > 0) kesDBMTerm(static_cast<uint32_t>(std::exchange(id, -1)));
 }
 
 Db::~Db() { stop(); }

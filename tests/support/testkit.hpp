@@ -41,19 +41,14 @@ void writeBytes(const std::string& path, uint32_t offset, const void* data, uint
 // Path of a library built by the project (for example "libkesdrv_file.so").
 std::string libPath(const std::string& fileName);
 
-// The command that runs a program built by the project (for example "kesdb"): its path, after
-// the emulator and its arguments when the tests run under one (a cross build's
-// CMAKE_CROSSCOMPILING_EMULATOR), since a process of the emulated machine cannot start a
-// program of that machine by itself.
-std::vector<std::string> programCommand(const std::string& fileName);
-
 // What a program run by a test gave: its exit status (128 + signal when killed) and outputs.
 struct Outcome {
     int code;
     std::string out;
     std::string err;
 };
-// Starts a program built by the project (programCommand) with `args` in directory `dir`, its
+// Starts a program built by the project (for example "kesdb"; under the cross build's
+// emulator when the tests run under one) with `args` in directory `dir`, its
 // standard output and error into files of `dir` named after `tag`.
 pid_t spawnProgram(const TempDir& dir, const std::string& fileName, const std::vector<std::string>& args,
                    const std::string& tag = "");
@@ -64,9 +59,7 @@ Outcome finishProgram(const TempDir& dir, pid_t pid, const std::string& tag = ""
 // a word, not through the library.
 inline bool hostIsLittleEndian() {
     const uint16_t probe = 0x0102;
-    unsigned char first = 0;
-    __builtin_memcpy(&first, &probe, 1);
-    return first == 0x02;
+    return *reinterpret_cast<const unsigned char*>(&probe) == 0x02;
 }
 
 // In a forked child: leaves no room for a block of `bytes` or more, so that an allocation of

@@ -46,12 +46,12 @@ inline uint32_t leaf(Session* s, uint32_t parent, uint32_t previous, const std::
 }
 
 // Uint32 and Uint64 values with their data in the value medium.
-inline uint32_t u32(Session* s, uint32_t v) {
-    return value_create(s, Uint32, 0, &v, 4, mediumOf(s, &DBMInitParam::valueMedium));
+template <class T, uint32_t type>
+uint32_t valueOf(Session* s, T v) {
+    return value_create(s, type, 0, &v, sizeof v, mediumOf(s, &DBMInitParam::valueMedium));
 }
-inline uint32_t u64(Session* s, uint64_t v) {
-    return value_create(s, Uint64, 0, &v, 8, mediumOf(s, &DBMInitParam::valueMedium));
-}
+inline uint32_t u32(Session* s, uint32_t v) { return valueOf<uint32_t, Uint32>(s, v); }
+inline uint32_t u64(Session* s, uint64_t v) { return valueOf<uint64_t, Uint64>(s, v); }
 // The Uint32 held by a value, or 0xDEADBEEF when it cannot be read.
 inline uint32_t u32Of(Session* s, uint32_t valueKey) {
     uint32_t v = 0;
@@ -88,13 +88,11 @@ inline std::string childNames(Session* s, uint32_t key) {
 // Whole records, read directly.
 inline CompRecord common(Session* s, uint32_t key) {
     CompRecord r{};
-    comp_getComponent(s, key, &r);
-    return r;
+    return comp_getComponent(s, key, &r), r;
 }
 inline LeafRecord leafRecord(Session* s, uint32_t key) {
     LeafRecord r{};
-    comp_getLeaf(s, key, &r);
-    return r;
+    return comp_getLeaf(s, key, &r), r;
 }
 
 // Free blocks of a medium in list order, read through the rooted allocator's primitives.
@@ -121,8 +119,7 @@ inline bool isFree(const std::vector<FreeBlock>& blocks, uint32_t key, uint32_t 
 inline int32_t err(const Session* s) { return static_cast<int32_t>(s->error); }
 
 // A copy of a session naming a database id that is not registered, its error words cleared.
-inline Session unregistered(const Session& s) {
-    Session bad = s;
+inline Session unregistered(Session bad) {
     bad.dbId = 30;
     bad.error = bad.errorDetail = 0;
     return bad;
@@ -153,13 +150,7 @@ struct FaultComponents : mk::FaultControl {
     kt::Db db;
     std::string path = db.dir.file("components.bin");
 
-    static kt::DbOptions options() {
-        kt::DbOptions o;
-        o.componentMedium = 1;
-        o.start = false;
-        return o;
-    }
-    FaultComponents() : db(options()) {
+    FaultComponents() : db(kt::DbOptions{.mediaConfig = {}, .hookConfig = {}, .componentMedium = 1, .start = false}) {
         kesdb_layMedium(path.c_str(), 64 * 1024, 0);
         kt::writeFile(db.param.mediaConfigPath, mk::driverLine("libkesdrv_fault.so", "faultMedia_", path));
         db.start();

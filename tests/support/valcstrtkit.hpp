@@ -4,10 +4,12 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "mediakit.hpp"
 #include "testkit.hpp"
 
 namespace vk {
@@ -19,18 +21,12 @@ struct DbTest : testing::Test {
     void SetUp() override { ASSERT_GT(db.id, 0); }
 };
 
-// A media configuration line making `path` medium 1 through the named-file driver.
-inline std::string fileMediumLine(const std::string& path) {
-    return kt::libPath("libkesdrv_file.so") +
-           " fileMedia_open fileMedia_close fileMedia_read fileMedia_write fileMedia_seek fileMedia_sync " + path +
-           "\n";
-}
-
-// Options of a database whose medium 1 is the file `path`, created with `content`.
+// Options of a database whose medium 1 is the file `path` (the named-file driver), created
+// with `content`.
 inline kt::DbOptions withFileMedium(const std::string& path, const std::string& content = "") {
     kt::writeFile(path, content);
     kt::DbOptions o;
-    o.mediaConfig = fileMediumLine(path);
+    o.mediaConfig = mk::driverLine("libkesdrv_file.so", "fileMedia_", path);
     return o;
 }
 
@@ -38,10 +34,8 @@ inline uint32_t makeLeaf(Session* s, uint32_t current, uint32_t def = 0, uint32_
     LeafRecord leaf{};
     if (!comp_newLeaf(s, &leaf)) return 0;
     leaf.comp.kind = KESDB_KIND_LEAF;
-    leaf.currentValue = current;
-    leaf.defaultValue = def;
-    leaf.factoryValue = factory;
-    leaf.hookIndex = hook;
+    std::tie(leaf.currentValue, leaf.defaultValue, leaf.factoryValue, leaf.hookIndex) =
+        std::tie(current, def, factory, hook);
     return comp_setLeaf(s, &leaf) == 0 ? leaf.comp.key : 0;
 }
 
@@ -81,10 +75,7 @@ inline uint32_t firstBytes(uint32_t v, uint32_t w, size_t n) {
 template <class Rec, class T>
 uint32_t newRange(Session* s, Rec* (*create)(Session*, Rec*), uint32_t type, T min, T max, T step = 0) {
     Rec r{};
-    r.type = type;
-    r.min = min;
-    r.max = max;
-    r.step = step;
+    std::tie(r.type, r.min, r.max, r.step) = std::tie(type, min, max, step);
     return create(s, &r) ? r.key : 0;
 }
 

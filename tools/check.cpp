@@ -1,5 +1,5 @@
-// Consistency checker: see consistency.hpp for the invariants.
-#include "consistency.hpp"
+// kesdb check, its core: see check.hpp for the invariants.
+#include "check.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,7 +10,7 @@
 #include <set>
 #include <sstream>
 
-namespace ck {
+namespace kesdb::check {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -370,4 +370,4 @@ std::string Report::text() const {
 
 Report check(const Layout& layout) { return Checker(layout).run(); }
 
-}  // namespace ck
+}  // namespace kesdb::check
