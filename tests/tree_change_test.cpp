@@ -156,6 +156,14 @@ TEST_F(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
         EXPECT_EQ(leaf_move(s, t.X, t.Q, 0), code);
         EXPECT_EQ(kt::readFile(db.mediumPath), beforeParent);
     }
+    ASSERT_EQ(comp_setParent(s, t.X, t.B), 0);
+    // A node whose child list cannot be read to its end is not taken out: its children would be lost.
+    ASSERT_EQ(comp_setNextSibling(s, t.Y, garbage), 0);
+    const std::string beforeSplice = kt::readFile(db.mediumPath);
+    EXPECT_EQ(comp_delete(s, t.B), KESDB_ERR_COMP_READ);
+    EXPECT_EQ(kt::readFile(db.mediumPath), beforeSplice);
+    ASSERT_EQ(comp_setNextSibling(s, t.Y, 0), 0);
+
 }
 
 // A record of a kind that is neither node nor leaf leaves its parent's list and is not
@@ -251,6 +259,9 @@ TEST(TreeDepth, DeepChainsKeepTheDepthLimit) {
     EXPECT_EQ(search(1000).first, chain[1000]);
     EXPECT_EQ(search(1030), std::make_pair(0u, std::string()));
     EXPECT_EQ(mk::errorOf(*s), mk::Pair(KESDB_ERR_COMP_READ, chain[1025]));
+    // Whether a place lies below the moved node is not told beyond that depth: refused as well.
+    EXPECT_EQ(node_moveWithSub(s, chain[1], chain[1029], 0), KESDB_ERR_COMP_READ);
+
     const std::vector<tk::FreeBlock> before = tk::freeList(s, m);
     EXPECT_EQ(comp_deleteWithSub(s, chain[1], 1), KESDB_ERR_COMP_READ);
     EXPECT_EQ(tk::freeList(s, m), before);
@@ -298,6 +309,18 @@ TEST(TreeChangeFaults, WritesComeInTheOrderThatKeepsAnInterruptedChangeKnown) {
         if (c.lists) {
             EXPECT_EQ(t.lists(), c.lists);
         }
+    }
+    // A neighbour that cannot be written keeps the leaf out even when the writes after it succeed.
+    for (const bool head : {false, true}) {
+        tk::FaultComponents o;
+        ASSERT_TRUE(o.ready());
+        Tree t(&o.db.s);
+        nameKey = tk::name(t.s, "N");
+        o.reset();
+        o.fail(KESDRV_FAULT_WRITE, 3, EIO);
+        EXPECT_EQ(leaf_create(t.s, nameKey, t.P, head ? 0 : t.A, 0, 0, 0, 0), 0u);
+        o.reset();
+        EXPECT_EQ(t.lists(), "A,B,C||X,Y");
     }
 }
 

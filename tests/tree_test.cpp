@@ -134,6 +134,9 @@ TEST_F(Tree, FieldAccessors) {
         EXPECT_EQ(f.set(s, f.key, v), 0);
         EXPECT_EQ(bytes(f.key), expected);
         EXPECT_EQ(f.get(s, f.key), v);
+        out([&] { EXPECT_EQ(f.get(s, kMediumSize - 8), 0u); });  // a record the medium cuts short
+        EXPECT_EQ(tk::err(s), KESDB_ERR_COMP_READ);
+        session_setError(s, 0, 0);
         if (!f.onNode) continue;
         const std::vector<uint8_t> node = bytes(n);
         EXPECT_EQ(out([&] { EXPECT_EQ(f.get(s, n), 0u); }), f.onNode);
