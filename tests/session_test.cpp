@@ -31,6 +31,8 @@ TEST(Sessions, IdsAreHandedOutInOrderAndReleasedOnesLast) {
     EXPECT_EQ(shown(2).back(), "1");
     EXPECT_TRUE(kesDBMInitSession(nullptr, 1) == KESDB_ERR_NULLARG && kesDBMTermSession(nullptr) == KESDB_ERR_NULLARG);
     EXPECT_TRUE(session_init("/nonexistent/dir/table") == 0 && session_term() == 0);  // a second set-up only counts
+    Session fourth{};
+    EXPECT_TRUE(kesDBMInitSession(&fourth, 1) == 0 && fourth.id == 4u);  // and its shut-down left the table mapped
 }
 
 // A full table refuses the 1024th session; the oldest session, last of the 1023 open ones, and
