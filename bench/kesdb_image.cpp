@@ -1,7 +1,9 @@
 // Preparing a device image: how long `kesdb create --from` takes to build a database from a
-// description, and `kesdb export` to write it back, against SQLite creating and filling a
-// table of the same rows in one durable transaction (journal WAL, synchronous=FULL) and
-// `sqlite3 .dump` writing it back. Every step is a process of its own, as an image builder
+// description, `kesdb export` to write it back, `kesdb migrate` to bring it to a description
+// in which every tenth leaf has another default and range, and `kesdb import --merge` to write
+// a new current value into every leaf, against SQLite creating and filling a table of the same
+// rows in one durable transaction (journal WAL, synchronous=FULL) and `sqlite3 .dump` writing
+// it back (migrate and merge are judged against the create-and-fill). Every step is a process of its own, as an image builder
 // runs it; the figures are wall-clock times.
 //
 //   build/bin/kesdb_image [--leaves N] [--rounds R] [--kesdb PATH] [--sqlite3 PATH] [--dir DIR]
@@ -9,7 +11,7 @@
 // The tree: N/10 nodes "n0001", "n0002", ... below the root, each with ten Uint32 leaves "l01"
 // to "l10" with a range (fixed-width names, since the path search needs names that are not
 // prefixes of their siblings'). The table: one row per leaf (path, type, the three values and
-// the range). The four steps run in turn, round after round, so that both meet the same load;
+// the range). The six steps run in turn, round after round, so that both meet the same load;
 // each ratio is the median over the rounds, and the targets are judged on it.
 #include <fcntl.h>
 #include <spawn.h>
@@ -87,9 +89,10 @@ std::string leafName(int j) {
     return b;
 }
 
-// The description and the SQL script of the same rows.
-void writeInputs(int nodes, const std::string& description, const std::string& script) {
-    std::ofstream d(description), s(script);
+// The description and the SQL script of the same rows. `changed`: every tenth leaf gets another
+// default and a narrower range (the description a firmware upgrade brings), no script.
+void writeInputs(int nodes, const std::string& description, const std::string& script, bool changed = false) {
+    std::ofstream d(description), s(script.empty() ? "/dev/null" : script);
     s << "PRAGMA journal_mode=WAL;\nPRAGMA synchronous=FULL;\nBEGIN;\n"
          "CREATE TABLE leaf(path TEXT PRIMARY KEY, type TEXT, cur INTEGER, def INTEGER, fac INTEGER,"
          " min INTEGER, max INTEGER, step INTEGER);\n";
@@ -98,8 +101,10 @@ void writeInputs(int nodes, const std::string& description, const std::string& s
         d << (i > 1 ? ",\n" : "") << " {\"name\": \"" << nodeName(i) << "\", \"children\": [";
         for (int j = 1; j <= 10; ++j) {
             const unsigned value = static_cast<unsigned>(i) * 10u + static_cast<unsigned>(j);
+            const bool other = changed && j == 10;
             d << (j > 1 ? ", " : "") << "\n  {\"name\": \"" << leafName(j) << "\", \"type\": \"Uint32\", \"current\": "
-              << value << ", \"range\": {\"min\": 0, \"max\": 1000000, \"step\": 1}}";
+              << (other ? value + 1 : value) << ", \"range\": {\"min\": 0, \"max\": " << (other ? 500000 : 1000000)
+              << ", \"step\": 1}}";
             s << "INSERT INTO leaf VALUES('/" << nodeName(i) << "/" << leafName(j) << "','Uint32'," << value << ","
               << value << "," << value << ",0,1000000,1);\n";
         }
@@ -108,6 +113,20 @@ void writeInputs(int nodes, const std::string& description, const std::string& s
     d << "\n]}\n";
     s << "COMMIT;\n";
     if (!d || !s) die("cannot write the inputs");
+}
+
+// A partial description for import --merge: a new current value for every leaf.
+void writeMerge(int nodes, const std::string& file) {
+    std::ofstream m(file);
+    m << "{\"children\": [\n";
+    for (int i = 1; i <= nodes; ++i) {
+        m << (i > 1 ? ",\n" : "") << " {\"name\": \"" << nodeName(i) << "\", \"children\": [";
+        for (int j = 1; j <= 10; ++j)
+            m << (j > 1 ? ", " : "") << "{\"name\": \"" << leafName(j) << "\", \"current\": " << i * 10 + j + 7 << "}";
+        m << "]}";
+    }
+    m << "\n]}\n";
+    if (!m) die("cannot write the merge file");
 }
 
 double median(std::vector<double> v) {
@@ -158,12 +177,16 @@ int main(int argc, char** argv) {
     if (!mkdtemp(tmpl.data())) die("cannot make a directory in " + base);
     const fs::path dir = tmpl;
     const std::string description = dir / "tree.json", script = dir / "fill.sql", sqliteDb = dir / "table.db",
-                      kesdbDir = dir / "db", exported = dir / "export.json";
+                      kesdbDir = dir / "db", exported = dir / "export.json", upgrade = dir / "upgrade.json",
+                      merge = dir / "merge.json";
     writeInputs(nodes, description, script);
+    writeInputs(nodes, upgrade, "", true);
+    writeMerge(nodes, merge);
     // Room for the records (about 160 bytes a leaf) and the appended values and names.
     const std::string size = std::to_string(std::max(1u << 20, static_cast<unsigned>(leaves) * 256u));
 
-    std::vector<double> create, fill, exportTime, dump, createRatio, exportRatio;
+    std::vector<double> create, fill, exportTime, dump, migrate, merged, createRatio, exportRatio, migrateRatio,
+        mergeRatio;
     for (int r = 0; r < rounds; ++r) {
         fs::remove_all(kesdbDir);
         for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(sqliteDb + suffix);
@@ -173,6 +196,10 @@ int main(int argc, char** argv) {
         exportTime.push_back(timed({kesdb, "-d", kesdbDir, "export"}, "", ""));
         createRatio.push_back(create.back() / fill.back());
         exportRatio.push_back(exportTime.back() / dump.back());
+        migrate.push_back(timed({kesdb, "-d", kesdbDir, "migrate", upgrade}, "", ""));
+        merged.push_back(timed({kesdb, "-d", kesdbDir, "import", "--merge", merge}, "", ""));
+        migrateRatio.push_back(migrate.back() / fill.back());
+        mergeRatio.push_back(merged.back() / fill.back());
     }
     // The database holds the whole tree.
     timed({kesdb, "-d", kesdbDir, "export", exported}, "", "");
@@ -186,6 +213,8 @@ int main(int argc, char** argv) {
     std::printf("  %-48s %8.3f s\n", "SQLite create and fill (WAL, synchronous=FULL)", median(fill));
     std::printf("  %-48s %8.3f s\n", "kesdb export", median(exportTime));
     std::printf("  %-48s %8.3f s\n", "sqlite3 .dump", median(dump));
+    std::printf("  %-48s %8.3f s\n", "kesdb migrate (every tenth leaf changed)", median(migrate));
+    std::printf("  %-48s %8.3f s\n", "kesdb import --merge (every leaf)", median(merged));
     bool met = true;
     auto verdict = [&](const char* what, double ratio) {
         const bool ok = ratio <= kTarget;
@@ -194,6 +223,8 @@ int main(int argc, char** argv) {
     };
     verdict("create --from / SQLite create and fill", median(createRatio));
     verdict("export / sqlite3 .dump", median(exportRatio));
+    verdict("migrate / SQLite create and fill", median(migrateRatio));
+    verdict("import --merge / SQLite create and fill", median(mergeRatio));
     fs::remove_all(dir);
     return met ? 0 : 3;
 }

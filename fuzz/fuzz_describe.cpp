@@ -32,7 +32,7 @@ void writeMedium() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    kf::silenceStdout();
+    kf::setUp();
     const char* tmp = std::getenv("TMPDIR");
     std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/kesdb-fuzz-describe-XXXXXX";
     if (!mkdtemp(pattern.data())) kf::fail("cannot make a temporary directory");

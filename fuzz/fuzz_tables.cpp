@@ -36,7 +36,7 @@ void writeTable(const std::string& path, const uint8_t* data, size_t size, uint3
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    kf::silenceStdout();
+    kf::setUp();
     const char* tmp = std::getenv("TMPDIR");
     std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/kesdb-fuzz-tables-XXXXXX";
     if (!mkdtemp(pattern.data())) kf::fail("cannot make a temporary directory");
