@@ -341,7 +341,9 @@ TEST_F(Constraint, LengthAndDataOfBothKinds) {
     ASSERT_NE(enum_get(s, e16, &rec), nullptr);
     const uint8_t seven[7] = {0x10, 0x11, 0x20, 0x21, 0x30, 0x31, 0x40};
     EXPECT_EQ(constraint_setData(s, e16, seven, 7), 0);
-    const Bytes written = {0x10, 0x11, 0x20, 0x21, 0x30, 0x31, 4, 0};
+    Bytes written = {0x10, 0x11, 0x20, 0x21, 0x30, 0x31, 0, 0};  // the fourth member stays 4, in host order
+    const int16_t four = 4;
+    std::memcpy(&written[6], &four, 2);
     EXPECT_EQ(kt::readBytes(db.mediumPath, rec.arrayKey, 8), written);
     EXPECT_EQ(constraint_getLength(s, e16), 8);
     EXPECT_EQ(constraint_setData(s, e16, seven, 10), kLength);
@@ -350,7 +352,8 @@ TEST_F(Constraint, LengthAndDataOfBothKinds) {
     EXPECT_EQ(constraint_getData(s, e16, buf, 7), KESDB_ERR_CSTRT_BUFFER);
     EXPECT_EQ(buf[0], 0xAB);
     EXPECT_EQ(constraint_getData(s, e16, buf, 9), 0);
-    EXPECT_EQ(Bytes(buf, buf + 9), (Bytes{0x10, 0x11, 0x20, 0x21, 0x30, 0x31, 4, 0, 0xAB}));
+    written.push_back(0xAB);
+    EXPECT_EQ(Bytes(buf, buf + 9), written);
     // Ranges need the exact data length.
     const uint32_t r64 = vk::newRange<RangeRecordU64, uint64_t>(s, rangeU64_new, Uint64, 0, 0);
     const uint64_t d[3] = {5, 50, 5};
