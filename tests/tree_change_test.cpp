@@ -163,7 +163,15 @@ TEST_F(TreeChange, RefusedOrUnreadableChangesLeaveTheMediumUnchanged) {
     EXPECT_EQ(comp_delete(s, t.B), KESDB_ERR_COMP_READ);
     EXPECT_EQ(kt::readFile(db.mediumPath), beforeSplice);
     ASSERT_EQ(comp_setNextSibling(s, t.Y, 0), 0);
-
+    // Unreadable records met on the way: above the new place (is it below the moved node?),
+    // and as the component behind the place that the moved node is to wrap.
+    for (const bool above : {true, false}) {
+        ASSERT_EQ(above ? comp_setParent(s, t.Q, garbage) : comp_setFirstChild(s, t.Q, garbage), 0);
+        const std::string beforeMove = kt::readFile(db.mediumPath);
+        EXPECT_EQ(above ? node_moveWithSub(s, t.B, t.Q, 0) : node_move(s, t.B, t.Q, 0, garbage), KESDB_ERR_COMP_READ);
+        EXPECT_EQ(kt::readFile(db.mediumPath), beforeMove);
+        ASSERT_EQ(above ? comp_setParent(s, t.Q, t.r) : comp_setFirstChild(s, t.Q, 0), 0);
+    }
 }
 
 // A record of a kind that is neither node nor leaf leaves its parent's list and is not
