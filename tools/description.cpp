@@ -5,8 +5,11 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <set>
+#include <initializer_list>
 #include <sstream>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "values.hpp"
 
@@ -14,9 +17,6 @@ namespace kesdb {
 
 namespace {
 
-const std::set<std::string> kNodeKeys = {"name", "children"};
-const std::set<std::string> kLeafKeys = {"name",    "type",  "size", "current", "default",
-                                         "factory", "range", "enum", "hook"};
 
 std::string childPath(const std::string& parent, const std::string& name) {
     return (parent == "/" ? "" : parent) + "/" + name;
@@ -35,11 +35,42 @@ const char* verdictText(int32_t code) {
     }
 }
 
-void checkKeys(const json& j, const std::set<std::string>& allowed, const std::string& where, const char* what) {
-    for (const auto& [key, value] : j.items()) {
-        (void)value;
-        if (!allowed.count(key)) fail(where + ": unknown " + what + "key \"" + key + "\"");
+void checkKeys(const json& j, std::initializer_list<std::string_view> allowed, const std::string& where,
+               const char* what) {
+    for (auto m = j.begin(); m != j.end(); ++m)
+        if (std::find(allowed.begin(), allowed.end(), m.key()) == allowed.end())
+            fail(where + ": unknown " + what + "key \"" + m.key() + "\"");
+}
+
+// The members of a component object, found in one pass over it (a look-up per member would
+// read every key again), and the first key a leaf or a node does not take.
+struct Members {
+    const json *name = nullptr, *type = nullptr, *children = nullptr, *size = nullptr, *current = nullptr,
+               *defaults = nullptr, *factory = nullptr, *range = nullptr, *members = nullptr, *hook = nullptr;
+    const std::string *notLeaf = nullptr, *notNode = nullptr;
+};
+
+Members membersOf(const json& j) {
+    Members m;
+    for (auto member = j.begin(); member != j.end(); ++member) {
+        const std::string& key = member.key();
+        const json* value = &member.value();
+        bool leafKey = true, nodeKey = false;
+        if (key == "name") m.name = value, nodeKey = true;
+        else if (key == "children") m.children = value, nodeKey = true, leafKey = false;
+        else if (key == "type") m.type = value;
+        else if (key == "current") m.current = value;
+        else if (key == "range") m.range = value;
+        else if (key == "default") m.defaults = value;
+        else if (key == "factory") m.factory = value;
+        else if (key == "size") m.size = value;
+        else if (key == "enum") m.members = value;
+        else if (key == "hook") m.hook = value;
+        else leafKey = false;
+        if (!leafKey && !m.notLeaf) m.notLeaf = &key;
+        if (!nodeKey && !m.notNode) m.notNode = &key;
     }
+    return m;
 }
 
 Item parseItem(const json& j, const std::string& parentPath, int depth);
@@ -48,7 +79,9 @@ std::vector<Item> parseChildren(const json& j, const std::string& path, int dept
     if (!j.is_array()) fail(path + ": \"children\" must be an array");
     if (depth > kDepthMax) fail(path + ": tree deeper than " + std::to_string(kDepthMax) + " levels");
     std::vector<Item> out;
-    std::set<std::string> names;
+    out.reserve(j.size());
+    std::unordered_set<std::string_view> names;  // views of the names in `out`, which never moves
+    std::unordered_map<std::string_view, size_t> nodes;  // node names, with their place
     for (const auto& c : j) {
         out.push_back(parseItem(c, path, depth));
         const Item& last = out.back();
@@ -56,49 +89,54 @@ std::vector<Item> parseChildren(const json& j, const std::string& path, int dept
         // The path search matches a name against the beginning of the path; a node whose
         // name begins another sibling's name takes that path first and ends the search
         // below itself, so a later sibling with the longer name could never be found.
-        for (size_t k = 0; k + 1 < out.size(); ++k) {
-            const Item& earlier = out[k];
-            if (!earlier.leaf && last.name.compare(0, earlier.name.size(), earlier.name) == 0)
-                fail(childPath(path, last.name) + ": could not be found by its path behind the node " +
-                     childPath(path, earlier.name) + ", whose name begins its own; list it before that node");
-        }
+        // Such a node's name is one of the beginnings of this name; the first such node is named.
+        size_t first = out.size();
+        for (size_t n = 1; n < last.name.size(); ++n)
+            if (auto node = nodes.find(std::string_view(last.name).substr(0, n)); node != nodes.end())
+                first = std::min(first, node->second);
+        if (first < out.size())
+            fail(childPath(path, last.name) + ": could not be found by its path behind the node " +
+                 childPath(path, out[first].name) + ", whose name begins its own; list it before that node");
+        if (!last.leaf) nodes.emplace(last.name, out.size() - 1);
     }
     return out;
 }
 
 Item parseItem(const json& j, const std::string& parentPath, int depth) {
     if (!j.is_object()) fail(parentPath + ": a component must be a JSON object");
-    if (!j.contains("name") || !j["name"].is_string()) fail(parentPath + ": a component without a \"name\" string");
+    const Members m = membersOf(j);
+    if (!m.name || !m.name->is_string()) fail(parentPath + ": a component without a \"name\" string");
     Item it;
-    it.name = j["name"].get<std::string>();
+    it.name = m.name->get<std::string>();
     const std::string where = childPath(parentPath, it.name);
     if (it.name.empty()) fail(parentPath + ": empty component name");
     if (it.name.find('/') != std::string::npos) fail(where + ": name contains '/'");
     if (it.name.find('\0') != std::string::npos) fail(where + ": name contains a NUL character");
     if (it.name.size() > kNameMax) fail(where + ": name longer than " + std::to_string(kNameMax) + " bytes");
-    const bool hasType = j.contains("type"), hasChildren = j.contains("children");
+    const bool hasType = m.type, hasChildren = m.children;
     if (hasType == hasChildren)
         fail(where + ": a component needs exactly one of \"type\" (leaf) or \"children\" (node)");
-    checkKeys(j, hasType ? kLeafKeys : kNodeKeys, where, hasType ? "leaf " : "node ");
+    if (const std::string* key = hasType ? m.notLeaf : m.notNode)
+        fail(where + ": unknown " + (hasType ? "leaf " : "node ") + "key \"" + *key + "\"");
     if (hasChildren) {
-        it.children = parseChildren(j["children"], where, depth + 1);
+        it.children = parseChildren(*m.children, where, depth + 1);
         return it;
     }
 
     it.leaf = true;
-    if (!j["type"].is_string() || !typeByName(j["type"].get<std::string>(), it.type))
-        fail(where + ": unknown type " + j["type"].dump() +
+    if (!m.type->is_string() || !typeByName(m.type->get<std::string>(), it.type))
+        fail(where + ": unknown type " + m.type->dump() +
              " (Generic String Sint8 Sint16 Sint32 Sint64 Uint8 Uint16 Uint32 Uint64 Float32 Float64)");
-    if (!j.contains("current")) fail(where + ": leaf without \"current\"");
-    const json& cur = j["current"];
-    const json& def = j.contains("default") ? j["default"] : cur;
-    const json& fac = j.contains("factory") ? j["factory"] : cur;
+    if (!m.current) fail(where + ": leaf without \"current\"");
+    const json& cur = *m.current;
+    const json& def = m.defaults ? *m.defaults : cur;
+    const json& fac = m.factory ? *m.factory : cur;
     if (isNumeric(it.type)) {
         it.size = widthOf(it.type);
-        if (j.contains("size") && (!j["size"].is_number_integer() || j["size"].get<int64_t>() != it.size))
+        if (m.size && (!m.size->is_number_integer() || m.size->get<int64_t>() != it.size))
             fail(where + ": the size of a " + typeName(it.type) + " is " + std::to_string(it.size));
-    } else if (j.contains("size")) {
-        const json& size = j["size"];
+    } else if (m.size) {
+        const json& size = *m.size;
         if (!size.is_number_integer() || size.get<int64_t>() < 1 || size.get<int64_t>() > kValueMax)
             fail(where + ": size must be an integer from 1 to " + std::to_string(kValueMax));
         it.size = static_cast<int32_t>(size.get<int64_t>());
@@ -119,25 +157,26 @@ Item parseItem(const json& j, const std::string& parentPath, int depth) {
     it.defaults = leafValue(it, def, where + " default");
     it.factory = leafValue(it, fac, where + " factory");
 
-    if (j.contains("hook")) {
-        const json& h = j["hook"];
+    if (m.hook) {
+        const json& h = *m.hook;
         if (!h.is_number_unsigned() || h.get<uint64_t>() > 0x7FFFFFFF)
             fail(where + ": hook must be a hook index (0 for none)");
         it.hook = h.get<uint32_t>();
     }
 
-    const bool hasRange = j.contains("range"), hasEnum = j.contains("enum");
+    const bool hasRange = m.range, hasEnum = m.members;
     if (hasRange && hasEnum) fail(where + ": a leaf takes a range or an enumeration, not both");
     if ((hasRange || hasEnum) && !isNumeric(it.type))
         fail(where + ": only numeric leaves take a range or an enumeration");
     if (hasRange) {
-        const json& r = j["range"];
+        const json& r = *m.range;
         if (!r.is_object() || !r.contains("min") || !r.contains("max"))
             fail(where + ": a range needs \"min\" and \"max\" (\"step\" is optional)");
         checkKeys(r, {"min", "max", "step"}, where, "range ");
         it.hasRange = true;
         for (const char* k : {"min", "max", "step"}) {
-            const json v = r.contains(k) ? r[k] : json(0);
+            const auto found = r.find(k);
+            const json v = found != r.end() ? *found : json(0);
             std::string b;
             if (!numberFromJson(it.type, v, b))
                 fail(where + ": range " + k + " " + v.dump() + " is not a " + typeName(it.type) + " value");
@@ -145,7 +184,7 @@ Item parseItem(const json& j, const std::string& parentPath, int depth) {
         }
     }
     if (hasEnum) {
-        const json& e = j["enum"];
+        const json& e = *m.members;
         if (!e.is_array() || e.empty() || e.size() > 4096)
             fail(where + ": \"enum\" must be an array of 1 to 4096 values");
         it.hasEnum = true;

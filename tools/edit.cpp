@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <sstream>
+#include <unordered_map>
 
 #include "common.hpp"
 #include "database.hpp"
@@ -51,23 +52,18 @@ uint32_t findOrNoPath(Database& db, const std::string& path) {
     fail(what + ": " + codeText(rc) + detail + "; nothing was changed", exitFor(rc));
 }
 
-// The leaves of the database by path, as export describes them.
-std::map<std::string, Item> leavesOf(Database& db) {
-    std::map<std::string, Item> out;
-    std::vector<std::pair<std::string, std::vector<Item>*>> todo;
-    std::vector<Item> top = parseDescriptionText(exportText(db), db.dir());
-    todo.push_back({"/", &top});
-    while (!todo.empty()) {
-        auto [parent, items] = todo.back();
-        todo.pop_back();
-        for (Item& it : *items) {
-            const std::string path = childPath(parent, it.name);
-            if (it.leaf)
-                out[path] = it;
-            else
-                todo.push_back({path, &it.children});
-        }
-    }
+// A leaf of the database as export describes it, with its key.
+struct Leaf {
+    Item item;
+    uint32_t key = 0;
+};
+
+// The leaves of the database by path, from one walk of the tree (a search per leaf would
+// read every sibling before it again). A path held twice names its first component, as the
+// search does.
+std::unordered_map<std::string, Leaf> leavesOf(Database& db) {
+    std::unordered_map<std::string, Leaf> out;
+    forEachLeaf(db, db.root(), "/", [&](const Item& leaf, uint32_t key) { out.try_emplace(leaf.name, Leaf{leaf, key}); });
     return out;
 }
 
@@ -87,14 +83,15 @@ json readJson(const std::string& file) {
     }
 }
 
-// One value to write: the leaf's path, which of its values, the bytes.
+// One value to write: the leaf's path and key, which of its values, the bytes.
 struct Write {
     std::string path;
+    uint32_t key;
     int which;  // 0 current, 1 default, 2 factory
     std::string bytes;
 };
 
-void collectMerge(const json& children, const std::string& parent, const std::map<std::string, Item>& leaves,
+void collectMerge(const json& children, const std::string& parent, const std::unordered_map<std::string, Leaf>& leaves,
                   const std::string& file, std::vector<Write>& out) {
     if (!children.is_array()) fail(file + ": " + parent + ": \"children\" must be an array");
     for (const json& c : children) {
@@ -107,7 +104,7 @@ void collectMerge(const json& children, const std::string& parent, const std::ma
         }
         auto found = leaves.find(path);
         if (found == leaves.end()) fail(file + ": " + path + ": no such leaf in the database", kExitNoPath);
-        const Item& leaf = found->second;
+        const Item& leaf = found->second.item;
         if (c.contains("type") && c["type"] != typeName(leaf.type))
             fail(file + ": " + path + ": the leaf is a " + typeName(leaf.type) + " in the database, not " +
                  c["type"].dump() + " (\"kesdb migrate\" changes types)");
@@ -117,7 +114,7 @@ void collectMerge(const json& children, const std::string& parent, const std::ma
             if (!c.contains(keys[k])) continue;
             any = true;
             const std::string where = file + ": " + path + " " + keys[k];
-            Write w{path, k, leafValue(leaf, c[keys[k]], where)};
+            Write w{path, found->second.key, k, leafValue(leaf, c[keys[k]], where)};
             if (std::string why = isNumeric(leaf.type) ? constraintReason(leaf, w.bytes) : ""; !why.empty())
                 fail(where + ": " + why, kExitRefused);
             out.push_back(std::move(w));
@@ -140,7 +137,7 @@ int cmdMerge(const std::string& dirIn, const std::string& file, double wait) {
     MediaJournal journal(dir, db.mediaFiles());
     for (const Write& w : writes) {
         checkInterrupted();
-        const uint32_t key = db.find(w.path);
+        const uint32_t key = w.key;
         ScopedLock lock(db, key, wait, "import --merge " + w.path);
         const int32_t size = static_cast<int32_t>(w.bytes.size());
         const char* bytes = w.bytes.data();

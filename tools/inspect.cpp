@@ -70,7 +70,7 @@ int cmdShow(const std::string& dir, const std::string& path, ValueSet which, boo
     Database db(dir, readAccess(noHooks));
     const uint32_t key = db.find(path);
     json all = json::object();
-    forEachLeaf(db, key, canonical(path), [&](const Item& leaf) {
+    forEachLeaf(db, key, canonical(path), [&](const Item& leaf, uint32_t) {
         const std::string& v = valueOf(leaf, which);
         if (asJson)
             all[leaf.name] = valueJson(leaf.type, v, leaf.name);
@@ -86,7 +86,7 @@ int cmdDiff(const std::string& dir, const std::string& path, bool factory, bool 
     const uint32_t key = db.find(path);
     const char* other = factory ? "factory" : "default";
     json all = json::object();
-    forEachLeaf(db, key, canonical(path), [&](const Item& leaf) {
+    forEachLeaf(db, key, canonical(path), [&](const Item& leaf, uint32_t) {
         const std::string& base = factory ? leaf.factory : leaf.defaults;
         const std::string cur = valueToText(leaf.type, leaf.current), was = valueToText(leaf.type, base);
         // Text up to its NUL is a String's value; what follows it is not compared.

@@ -386,7 +386,7 @@ int cmdMigrate(const std::string& dirIn, const std::string& file, bool check, ui
     {
         Database db(dir);
         FastMedia fast(db, FastMedia::Access::Shared);  // read through
-        oldItems = parseDescriptionText(exportText(db), dir);
+        oldItems = readTree(db);
     }
     Merge m;
     indexTree(oldItems, "/", m.old);

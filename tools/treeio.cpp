@@ -136,12 +136,12 @@ std::string childName(Session& s, uint32_t key, const std::string& parentPath) {
 }
 
 void leavesBelow(Database& db, uint32_t key, const std::string& path, int depth, WalkGuard& visited,
-                 const std::function<void(const Item&)>& visit) {
+                 const std::function<void(const Item&, uint32_t)>& visit) {
     Session& s = db.s;
     CompRecord rec{};
     if (!comp_getComponent(&s, key, &rec)) libraryFailure(s, "cannot read " + path);
     if (rec.kind == KESDB_KIND_LEAF) {
-        visit(readLeaf(s, key, path));
+        visit(readLeaf(s, key, path), key);
         return;
     }
     if (depth > kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
@@ -251,9 +251,12 @@ void writeLeaf(const Item& it, Layout& out) {
     }
 }
 
-void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, WalkGuard& visited,
-                    Progress* progress, Layout& out) {
-    out.open('[');
+// Calls `visit(key, name, path, isLeaf)` for each child of `parent` in list order, once its
+// record and name are read and checked as a description needs them; a node deeper than a
+// description may go fails.
+template <class Visit>
+void eachChild(Session& s, uint32_t parent, const std::string& parentPath, int depth, WalkGuard& visited,
+               Progress* progress, Visit visit) {
     for (uint32_t key = kesDBMGetFirstChild(&s, parent); key != 0; key = kesDBMGetNextChild(&s, key)) {
         if (progress) progress->step();
         CompRecord rec{};
@@ -262,20 +265,45 @@ void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, 
         const std::string path = childPath(parentPath, name);
         visited.enter(key, path, parentPath);
         if (!validUtf8(name)) fail(path + ": the name is not UTF-8, which a description cannot hold");
-        out.item();
-        out.open('{');
-        out.key("name");
-        out.text(name);
-        if (rec.kind == KESDB_KIND_LEAF) {
-            writeLeaf(readLeaf(s, key, path), out);
-        } else {
-            if (depth >= kDepthMax) fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
-            out.key("children");
-            exportChildren(s, key, path, depth + 1, visited, progress, out);
-        }
-        out.close('}');
+        const bool leaf = rec.kind == KESDB_KIND_LEAF;
+        if (!leaf && depth >= kDepthMax)
+            fail(path + ": the tree is deeper than " + std::to_string(kDepthMax) + " levels");
+        visit(key, name, path, leaf);
     }
+}
+
+void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth, WalkGuard& visited,
+                    Progress* progress, Layout& out) {
+    out.open('[');
+    eachChild(s, parent, parentPath, depth, visited, progress,
+              [&](uint32_t key, const std::string& name, const std::string& path, bool leaf) {
+                  out.item();
+                  out.open('{');
+                  out.key("name");
+                  out.text(name);
+                  if (leaf) {
+                      writeLeaf(readLeaf(s, key, path), out);
+                  } else {
+                      out.key("children");
+                      exportChildren(s, key, path, depth + 1, visited, progress, out);
+                  }
+                  out.close('}');
+              });
     out.close(']');
+}
+
+std::vector<Item> readChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth,
+                               WalkGuard& visited) {
+    std::vector<Item> items;
+    eachChild(s, parent, parentPath, depth, visited, nullptr,
+              [&](uint32_t key, const std::string& name, const std::string& path, bool leaf) {
+                  Item it;
+                  if (leaf) it = readLeaf(s, key, path);
+                  else it.children = readChildren(s, key, path, depth + 1, visited);
+                  it.name = name;
+                  items.push_back(std::move(it));
+              });
+    return items;
 }
 
 }  // namespace
@@ -343,6 +371,13 @@ std::string exportText(Database& db, Progress* progress) {
     out.close('}');
     text += '\n';
     return text;
+}
+
+std::vector<Item> readTree(Database& db) {
+    WalkGuard visited;
+    const uint32_t root = db.root();
+    visited.enter(root, "/", "/");
+    return readChildren(db.s, root, "/", 1, visited);
 }
 
 uint64_t countItems(const std::vector<Item>& items) {
@@ -423,7 +458,8 @@ json leafJson(const Item& it) {
     return item;
 }
 
-void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit) {
+void forEachLeaf(Database& db, uint32_t key, const std::string& path,
+                 const std::function<void(const Item&, uint32_t)>& visit) {
     WalkGuard visited;
     visited.enter(key, path, path);
     leavesBelow(db, key, path, 1, visited, visit);

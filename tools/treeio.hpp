@@ -44,6 +44,10 @@ uint32_t buildComponent(Database& db, const Item& it, uint32_t parent, uint32_t 
 // is a step of `progress` when one is given.
 std::string exportText(Database& db, Progress* progress = nullptr);
 
+// The tree below the root as export reads it, without the text: the Items a description
+// of it would parse into.
+std::vector<Item> readTree(Database& db);
+
 // Of such a description, only the component at `path` with its ancestors (each with that
 // one child), so that it can be merged back (import --merge).
 std::string subtreeText(const std::string& description, const std::string& path);
@@ -60,8 +64,9 @@ json valueJson(uint32_t type, const std::string& bytes, const std::string& what)
 // Fails for a value whose length (`length`, as read) is unreadable or beyond what a value
 // may hold: "WHAT: CAUSE".
 [[noreturn]] void lengthFailure(const Session& s, int32_t length, const std::string& what);
-// Calls `visit` with every leaf at or below the component `key`, whose path is `path`, in
-// tree order.
-void forEachLeaf(Database& db, uint32_t key, const std::string& path, const std::function<void(const Item&)>& visit);
+// Calls `visit` with every leaf at or below the component `key`, whose path is `path`, and
+// the leaf's key, in tree order.
+void forEachLeaf(Database& db, uint32_t key, const std::string& path,
+                 const std::function<void(const Item&, uint32_t)>& visit);
 
 }  // namespace kesdb
