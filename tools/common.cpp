@@ -16,6 +16,14 @@ extern "C" void onSignal(int) { g_interrupted = 1; }
 
 void fail(const std::string& what, int code) { throw Failure{what, code}; }
 
+std::string childPath(std::string_view parent, std::string_view name) {
+    if (parent == "/") parent = {};
+    std::string path;
+    path.reserve(parent.size() + 1 + name.size());
+    path.append(parent).append(1, '/').append(name);
+    return path;
+}
+
 std::string printable(const std::string& message) {
     std::string out;
     for (const unsigned char c : message) {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 
 namespace kesdb {
 
@@ -37,6 +38,9 @@ struct Failure {
 // A message as printed: control characters other than line ends (a NUL in a name read from a
 // description or a medium) as \xNN, so that nothing cuts or garbles it.
 std::string printable(const std::string& message);
+
+// The path of the child `name` of the component at `parent` ("/" for the root's children).
+std::string childPath(std::string_view parent, std::string_view name);
 
 // "66 KESDB_ERR_CSTRT_BELOWMIN": a library code with its name.
 std::string codeText(int32_t code);

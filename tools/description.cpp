@@ -18,10 +18,6 @@ namespace kesdb {
 namespace {
 
 
-std::string childPath(const std::string& parent, const std::string& name) {
-    return (parent == "/" ? "" : parent) + "/" + name;
-}
-
 const char* verdictText(int32_t code) {
     switch (code) {
         case KESDB_ERR_CSTRT_BELOWMIN:
@@ -153,9 +149,9 @@ Item parseItem(const json& j, const std::string& parentPath, int depth) {
             fail(where + ": value longer than " + std::to_string(kValueMax) + " bytes");
         it.size = static_cast<int32_t>(longest);
     }
-    it.current = leafValue(it, cur, where + " current");
-    it.defaults = leafValue(it, def, where + " default");
-    it.factory = leafValue(it, fac, where + " factory");
+    it.current = leafValue(it, cur, where, "current");
+    it.defaults = leafValue(it, def, where, "default");
+    it.factory = leafValue(it, fac, where, "factory");
 
     if (m.hook) {
         const json& h = *m.hook;
@@ -215,24 +211,26 @@ Item parseItem(const json& j, const std::string& parentPath, int depth) {
 }  // namespace
 
 // One value of a leaf, `size` bytes long.
-std::string leafValue(const Item& it, const json& j, const std::string& where) {
+std::string leafValue(const Item& it, const json& j, const std::string& whereIn, const char* which) {
+    // Composed only for a message.
+    auto where = [&] { return which ? whereIn + " " + which : whereIn; };
     std::string out;
     if (it.type == String) {
-        if (!j.is_string()) fail(where + ": a String value must be a JSON string");
+        if (!j.is_string()) fail(where() + ": a String value must be a JSON string");
         out = j.get<std::string>();
-        if (out.find('\0') != std::string::npos) fail(where + ": text contains a NUL character");
+        if (out.find('\0') != std::string::npos) fail(where() + ": text contains a NUL character");
         if (static_cast<int64_t>(out.size()) + 1 > it.size)
-            fail(where + ": text of " + std::to_string(out.size()) + " bytes does not fit size " +
+            fail(where() + ": text of " + std::to_string(out.size()) + " bytes does not fit size " +
                  std::to_string(it.size) + " (the NUL needs one byte)");
         out.resize(static_cast<size_t>(it.size), '\0');
     } else if (it.type == Generic) {
         if (!j.is_string() || !fromHex(j.get<std::string>(), out))
-            fail(where + ": a Generic value must be a string of hex digit pairs");
+            fail(where() + ": a Generic value must be a string of hex digit pairs");
         if (static_cast<int64_t>(out.size()) > it.size)
-            fail(where + ": " + std::to_string(out.size()) + " bytes do not fit size " + std::to_string(it.size));
+            fail(where() + ": " + std::to_string(out.size()) + " bytes do not fit size " + std::to_string(it.size));
         out.resize(static_cast<size_t>(it.size), '\0');
     } else if (!numberFromJson(it.type, j, out)) {
-        fail(where + ": " + j.dump() + " is not a " + typeName(it.type) + " value");
+        fail(where() + ": " + j.dump() + " is not a " + typeName(it.type) + " value");
     }
     return out;
 }

@@ -43,8 +43,8 @@ struct Item {
 };
 
 // One value of the leaf `it` (its type and size set) from JSON: exactly `size` bytes.
-// Fails with "WHERE: what is wrong".
-std::string leafValue(const Item& it, const json& j, const std::string& where);
+// Fails with "WHERE: what is wrong" ("WHERE WHICH: ..." when `which` is given).
+std::string leafValue(const Item& it, const json& j, const std::string& where, const char* which = nullptr);
 
 // Reads and checks a description file ("-": standard input); fails with "FILE: PATH: what is wrong".
 std::vector<Item> parseDescription(const std::string& file);

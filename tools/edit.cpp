@@ -25,10 +25,6 @@ namespace kesdb {
 
 namespace {
 
-std::string childPath(const std::string& parent, const std::string& name) {
-    return (parent == "/" ? "" : parent) + "/" + name;
-}
-
 // A path without trailing slashes, beginning with one.
 std::string normalPath(std::string p) {
     while (p.size() > 1 && p.back() == '/') p.pop_back();

@@ -49,9 +49,6 @@ constexpr const char* kNewSuffix = ".kesdb-new";
 constexpr const char* kOldSuffix = ".kesdb-old";
 constexpr const char* kTables[] = {"db.tbl", "session.tbl", "lock.tbl"};
 
-std::string childPath(const std::string& parent, const std::string& name) {
-    return (parent == "/" ? "" : parent) + "/" + name;
-}
 
 std::string parentPath(const std::string& path) {
     const size_t slash = path.rfind('/');

@@ -13,10 +13,6 @@ namespace kesdb {
 
 namespace {
 
-std::string childPath(const std::string& parent, const std::string& name) {
-    return (parent == "/" ? "" : parent) + "/" + name;
-}
-
 [[noreturn]] void libraryFailure(const Session& s, const std::string& what) {
     fail(what + ": " + codeText(static_cast<int32_t>(s.error)));
 }
@@ -112,14 +108,14 @@ void build(Database& db, const std::vector<Item>& items, uint32_t parent, const 
 
 // The record and the data of the `which` value of the leaf at `path`.
 std::string readValue(Session& s, uint32_t valueKey, ValueRecord& rec, const char* which, const std::string& path) {
-    const std::string what = std::string("cannot read the ") + which + " value of " + path;
-    if (!value_get(&s, valueKey, &rec)) libraryFailure(s, what);
-    if (rec.length > static_cast<uint32_t>(kValueMax)) lengthFailure(s, static_cast<int32_t>(rec.length), what);
+    auto what = [&] { return std::string("cannot read the ") + which + " value of " + path; };
+    if (!value_get(&s, valueKey, &rec)) libraryFailure(s, what());
+    if (rec.length > static_cast<uint32_t>(kValueMax)) lengthFailure(s, static_cast<int32_t>(rec.length), what());
     std::string buf(rec.length, '\0');
     int32_t n = static_cast<int32_t>(rec.length);
     if (n == 0 || (value_getGeneric(&s, valueKey, buf.data(), &n) == 0 && n == static_cast<int32_t>(rec.length)))
         return buf;
-    libraryFailure(s, what);
+    libraryFailure(s, what());
 }
 
 // The name of a child as written in paths (stored below the first level with a leading '/').
@@ -225,7 +221,7 @@ void writeLeaf(const Item& it, Layout& out) {
         {"current", &it.current}, {"default", &it.defaults}, {"factory", &it.factory}};
     for (const auto& [name, bytes] : values) {
         out.key(name);
-        out.scalar(valueJson(t, *bytes, it.name + " " + name));
+        out.scalar(isNumeric(t) ? numberToJson(t, *bytes) : valueJson(t, *bytes, it.name + " " + name));
     }
     if (it.hasRange) {
         out.key("range");
