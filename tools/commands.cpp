@@ -109,11 +109,12 @@ uint32_t leafType(Database& db, uint32_t key, const std::string& path) {
 }  // namespace
 
 int cmdCreate(const CreateOptions& o) {
-    Progress progress("create", 0);
+    Progress own("create", 0);
+    Progress& progress = o.progress ? *o.progress : own;
     // Everything that can be checked is checked before anything is made.
     std::vector<Item> items = o.items;
     if (!o.from.empty()) items = parseDescription(o.from);
-    progress.setTotal(countItems(items));
+    progress.setTotal(progress.done() + countItems(items));
     if (highestHook(items) > o.hooks.size())
         fail(o.from + ": the description uses hook " + std::to_string(highestHook(items)) + " but only " +
              std::to_string(o.hooks.size()) + " --hook lines are given");

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "description.hpp"
+#include "progress.hpp"
 
 namespace kesdb {
 
@@ -24,6 +25,7 @@ struct CreateOptions {
     // own libraries and does not load the hooks.
     std::string installDir;
     std::string targetLibDir;
+    Progress* progress = nullptr;  // the progress of the command that creates (migrate), or its own
 };
 
 enum class ValueSet { Current, Default, Factory };

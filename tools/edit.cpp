@@ -18,6 +18,7 @@
 #include "journal.hpp"
 #include "lock_wait.hpp"
 #include "migrate.hpp"
+#include "progress.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
 
@@ -122,6 +123,7 @@ void collectMerge(const json& children, const std::string& parent, const std::un
 }  // namespace
 
 int cmdMerge(const std::string& dirIn, const std::string& file, double wait) {
+    Progress progress("import --merge", 0, "values");  // the command's time counts from here
     const json j = readJson(file);  // read before the database is touched
     if (!j.is_object() || !j.contains("children")) fail(file + ": the top level must be an object with \"children\"");
     const std::string dir = absolutePath(dirIn);
@@ -131,8 +133,10 @@ int cmdMerge(const std::string& dirIn, const std::string& file, double wait) {
     std::vector<Write> writes;
     collectMerge(j["children"], "/", leavesOf(db), file, writes);
     MediaJournal journal(dir, db.mediaFiles());
+    progress.setTotal(writes.size());
     for (const Write& w : writes) {
         checkInterrupted();
+        progress.step();
         const uint32_t key = w.key;
         ScopedLock lock(db, key, wait, "import --merge " + w.path);
         const int32_t size = static_cast<int32_t>(w.bytes.size());

@@ -36,6 +36,7 @@
 #include "fast_media.hpp"
 #include "journal.hpp"
 #include "migrate.hpp"
+#include "progress.hpp"
 #include "treeio.hpp"
 #include "values.hpp"
 
@@ -368,6 +369,7 @@ void migrateRecover(const std::string& dirIn) {
 }
 
 int cmdMigrate(const std::string& dirIn, const std::string& file, bool check, uint32_t size) {
+    Progress progress("migrate", 0);  // the old tree read, then the new one built
     std::vector<Item> items = parseDescription(file);  // a bad description touches nothing
     migrateRecover(dirIn);
     const std::string dir = absolutePath(dirIn);
@@ -383,7 +385,7 @@ int cmdMigrate(const std::string& dirIn, const std::string& file, bool check, ui
     {
         Database db(dir);
         FastMedia fast(db, FastMedia::Access::Shared);  // read through
-        oldItems = readTree(db);
+        oldItems = readTree(db, &progress);
     }
     Merge m;
     indexTree(oldItems, "/", m.old);
@@ -400,6 +402,7 @@ int cmdMigrate(const std::string& dirIn, const std::string& file, bool check, ui
     o.size = size ? size : layout.size;
     o.hooks = layout.hooks;
     o.items = std::move(items);
+    o.progress = &progress;
     cmdCreate(o);
     try {
         // The configuration as it was, and the shared tables as the same files.

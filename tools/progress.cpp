@@ -14,8 +14,13 @@ constexpr auto kInterval = std::chrono::milliseconds(100);
 
 }  // namespace
 
-Progress::Progress(std::string what, uint64_t total)
-    : what_(std::move(what)), total_(total), terminal_(isatty(2) == 1), start_(Clock::now()), last_(start_) {}
+Progress::Progress(std::string what, uint64_t total, const char* unit)
+    : what_(std::move(what)),
+      unit_(unit),
+      total_(total),
+      terminal_(isatty(2) == 1),
+      start_(Clock::now()),
+      last_(start_) {}
 
 Progress::~Progress() {
     if (!shown_) return;
@@ -31,11 +36,11 @@ void Progress::show() {
     last_ = now;
     shown_ = true;
     if (total_ != 0)
-        std::fprintf(stderr, "\r%s: %llu of %llu components (%llu%%)", what_.c_str(),
-                     static_cast<unsigned long long>(done_), static_cast<unsigned long long>(total_),
+        std::fprintf(stderr, "\r%s: %llu of %llu %s (%llu%%)", what_.c_str(),
+                     static_cast<unsigned long long>(done_), static_cast<unsigned long long>(total_), unit_,
                      static_cast<unsigned long long>(done_ * 100 / total_));
     else
-        std::fprintf(stderr, "\r%s: %llu components", what_.c_str(), static_cast<unsigned long long>(done_));
+        std::fprintf(stderr, "\r%s: %llu %s", what_.c_str(), static_cast<unsigned long long>(done_), unit_);
     std::fflush(stderr);
 }
 

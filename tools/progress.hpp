@@ -13,15 +13,16 @@ namespace kesdb {
 
 class Progress {
 public:
-    // `what` starts the line ("create"); `total` is the number of steps, 0 when unknown.
-    // The work is taken to start now.
-    Progress(std::string what, uint64_t total);
+    // `what` starts the line ("create"); `total` is the number of steps, 0 when unknown;
+    // `unit` names what a step does. The work is taken to start now.
+    Progress(std::string what, uint64_t total, const char* unit = "components");
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
     // The number of steps, once known (0: unknown).
     void setTotal(uint64_t total) { total_ = total; }
+    uint64_t done() const { return done_; }
     // One more step done.
     void step() {
         if (++done_ % kStride == 0) show();
@@ -32,6 +33,7 @@ private:
     void show();
 
     std::string what_;
+    const char* unit_;
     uint64_t total_;
     uint64_t done_ = 0;
     bool terminal_;

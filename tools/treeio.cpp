@@ -289,13 +289,13 @@ void exportChildren(Session& s, uint32_t parent, const std::string& parentPath, 
 }
 
 std::vector<Item> readChildren(Session& s, uint32_t parent, const std::string& parentPath, int depth,
-                               WalkGuard& visited) {
+                               WalkGuard& visited, Progress* progress) {
     std::vector<Item> items;
-    eachChild(s, parent, parentPath, depth, visited, nullptr,
+    eachChild(s, parent, parentPath, depth, visited, progress,
               [&](uint32_t key, const std::string& name, const std::string& path, bool leaf) {
                   Item it;
                   if (leaf) it = readLeaf(s, key, path);
-                  else it.children = readChildren(s, key, path, depth + 1, visited);
+                  else it.children = readChildren(s, key, path, depth + 1, visited, progress);
                   it.name = name;
                   items.push_back(std::move(it));
               });
@@ -369,11 +369,11 @@ std::string exportText(Database& db, Progress* progress) {
     return text;
 }
 
-std::vector<Item> readTree(Database& db) {
+std::vector<Item> readTree(Database& db, Progress* progress) {
     WalkGuard visited;
     const uint32_t root = db.root();
     visited.enter(root, "/", "/");
-    return readChildren(db.s, root, "/", 1, visited);
+    return readChildren(db.s, root, "/", 1, visited, progress);
 }
 
 uint64_t countItems(const std::vector<Item>& items) {

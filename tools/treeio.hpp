@@ -45,8 +45,8 @@ uint32_t buildComponent(Database& db, const Item& it, uint32_t parent, uint32_t 
 std::string exportText(Database& db, Progress* progress = nullptr);
 
 // The tree below the root as export reads it, without the text: the Items a description
-// of it would parse into.
-std::vector<Item> readTree(Database& db);
+// of it would parse into. Each component read is a step of `progress` when one is given.
+std::vector<Item> readTree(Database& db, Progress* progress = nullptr);
 
 // Of such a description, only the component at `path` with its ancestors (each with that
 // one child), so that it can be merged back (import --merge).
