@@ -2,6 +2,7 @@
 // another process makes under the component it watches, and of nothing else.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <functional>
 
 #include "prockit.hpp"
@@ -78,6 +79,30 @@ TEST(Watch, EveryKindOfChangeWakesAWatcherOfItsSubtreeInAnotherProcessAfterAKill
         EXPECT_EQ(t.learnt(), expected);
         EXPECT_EQ(t.kids.wait(w), 0);
     }
+}
+
+TEST(Watch, ChangesOfAnotherDatabaseOnTheSameSessionTableAreNotReported) {
+    Tree t;
+    const pid_t w = t.watcher(0);
+    // Another database (its own medium and hook configuration) started on the same session
+    // table: its changes share the record.
+    ASSERT_EQ(kt::runChild([&] {
+        const std::string medium = t.db.dir.file("other.bin");
+        DBMInitParam other = t.db.param;
+        const std::string hooks = t.db.dir.file("other.hooks");
+        kt::writeFile(hooks, "");
+        std::snprintf(other.hookConfigPath, sizeof other.hookConfigPath, "%s", hooks.c_str());
+        setenv("KESDB_DEFMEDIA", medium.c_str(), 1);
+        Session s{};
+        int32_t err = 0;
+        const int32_t id = kesdb_layMedium(medium.c_str(), 64 * 1024, 0) == 0 ? kesDBMInit(&other, &err) : -1;
+        if (id <= 0 || id == t.db.id || kesDBMInitSession(&s, static_cast<uint32_t>(id)) != 0) return 1;
+        const uint32_t root = tk::makeRoot(&s, "/");
+        return kesDBMSetUint32(&s, tk::leaf(&s, root, 0, "x", tk::u32(&s, 1), tk::u32(&s, 2)), 7) == 0 ? 0 : 2;
+    }), 0);
+    ASSERT_EQ(kesDBMSetUint32(t.s, t.y, 9), 0);
+    EXPECT_EQ(t.learnt(), t.y);
+    EXPECT_EQ(t.kids.wait(w), 0);
 }
 
 TEST(Watch, AWatcherThatFellBehindLearnsItMissedChangesAndGoesOn) {
