@@ -284,6 +284,31 @@ TEST_F(Tool, InterruptedLockWaitGivesItsSessionBack) {
     EXPECT_EQ(kt::readWord(dir.file("db/session.tbl"), 8), 0u);
 }
 
+TEST_F(Tool, WatchPrintsEachChangeBelowItsPathUntilInterrupted) {
+    makeDevice();
+    const pid_t watcher = kt::spawnProgram(dir, "kesdb", {"watch", "/net"}, "w");
+    awaitSession();
+    auto printed = [&](const std::string& line, int tries = 1000) {
+        for (int i = 0; i < tries; ++i, usleep(10000))
+            if (kt::readFile(dir.file(".outw")).find(line) != std::string::npos) return true;
+        return false;
+    };
+    // The watch begins a moment after its session opens: set until a change is printed.
+    std::string first;
+    for (int port = 1000; port < 1100 && first.empty(); ++port)
+        if (kesdb({"set", "/net/port", std::to_string(port)}).code == 0 && printed("=" + std::to_string(port) + "\n", 30))
+            first = "/net/port=" + std::to_string(port) + "\n";
+    ASSERT_FALSE(first.empty());
+    for (const Args& change : {Args{"set", "/time/zone", "UTC"}, Args{"set", "/net/hostname", "foo"},
+                               Args{"delete", "/net/ip"}, Args{"add", "/net/extra", "--type", "Uint8", "--value", "3"}})
+        ASSERT_EQ(kesdb(change).code, 0);
+    EXPECT_TRUE(printed("/net/extra=3\n"));
+    kill(watcher, SIGINT);
+    const Outcome r = kt::finishProgram(dir, watcher, "w");
+    EXPECT_EQ(r.code, 130);
+    EXPECT_EQ(r.out.substr(r.out.find(first)), first + "/net/hostname=foo\n/net/ip\n/net/extra=3\n");
+}
+
 // A start-up that fails after registering the database gives the registration back.
 TEST_F(Tool, FailedStartUpLeavesNoRegistration) {
     makeDevice();
