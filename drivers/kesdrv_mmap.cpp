@@ -38,8 +38,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <pthread.h>
+#include <stdlib.h>
+
 #include <atomic>
-#include <mutex>
 
 #define KESDRV_EXPORT __attribute__((visibility("default")))
 // The paths that look at the file or change the mapping stay out of the copying fast paths.
@@ -52,6 +54,18 @@ constexpr int kMaxMedia = 128;
 // A mapping reserves at least this much address space beyond the file's size.
 constexpr uint64_t kMinSlack = 1u << 20;
 constexpr char kSyncPrefix[] = "sync:";
+
+// Holds a mutex for the length of a scope (the driver needs nothing of the C++ runtime).
+class Hold {
+public:
+    explicit Hold(pthread_mutex_t& m) : m_(m) { pthread_mutex_lock(&m_); }
+    ~Hold() { pthread_mutex_unlock(&m_); }
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+
+private:
+    pthread_mutex_t& m_;
+};
 
 struct Mapping {
     uint8_t* base;
@@ -68,13 +82,13 @@ struct Medium {
     // which fits the address space, and the position never exceeds INT_MAX.
     std::atomic<size_t> size{0};  // known file size; [0, size) lies inside map
     std::atomic<int> position{0};  // the position seek moves (reads and writes are positioned)
-    std::mutex grow;  // looking at the size, growing, remapping
+    pthread_mutex_t grow = PTHREAD_MUTEX_INITIALIZER;  // looking at the size, growing, remapping
 };
 
 Medium g_media[kMaxMedia];
 std::atomic<int> g_count{0};  // published media: 0 .. g_count-1
 std::atomic<int> g_hint{0};   // the medium the last open found, tried first
-std::mutex g_openLock;        // adding a medium
+pthread_mutex_t g_openLock = PTHREAD_MUTEX_INITIALIZER;  // adding a medium
 
 inline void storeErr(int32_t* errPtr, int value) {
     if (errPtr) *errPtr = value;
@@ -86,11 +100,8 @@ inline int fail(int32_t* errPtr, int value) {
 }
 
 uint64_t pageSize() {
-    static const uint64_t size = [] {
-        const long p = sysconf(_SC_PAGESIZE);
-        return p > 0 ? static_cast<uint64_t>(p) : 4096u;
-    }();
-    return size;
+    const long p = sysconf(_SC_PAGESIZE);
+    return p > 0 ? static_cast<uint64_t>(p) : 4096u;
 }
 
 inline uint64_t pageRound(uint64_t n) {
@@ -112,8 +123,10 @@ Mapping* mapFile(int fd, uint64_t capacity, Mapping* older) {
     }
     void* base = mmap(nullptr, static_cast<size_t>(capacity), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (base == MAP_FAILED) return nullptr;
-    Mapping* m = new (std::nothrow) Mapping{static_cast<uint8_t*>(base), capacity, older};
-    if (!m) {
+    Mapping* m = static_cast<Mapping*>(malloc(sizeof(Mapping)));
+    if (m) {
+        *m = Mapping{static_cast<uint8_t*>(base), capacity, older};
+    } else {
         munmap(base, static_cast<size_t>(capacity));
         errno = ENOMEM;
     }
@@ -162,7 +175,7 @@ int adoptSize(Medium& m, uint64_t fileSize) {
 // Looks at the file's size again because an access reaches `end`, beyond the known size.
 // Returns the known size afterwards, or -1 with the error number stored.
 KESDRV_SLOW int64_t refresh(Medium& m, uint64_t end, int32_t* errPtr) {
-    std::lock_guard<std::mutex> lock(m.grow);
+    Hold lock(m.grow);
     const uint64_t known = m.size.load(std::memory_order_relaxed);
     if (end <= known) return static_cast<int64_t>(known);  // another thread looked meanwhile
     struct stat st;
@@ -194,7 +207,7 @@ KESDRV_SLOW int syncRange(const Mapping* map, uint64_t offset, uint64_t length) 
 // process grew it) and the write goes into the mapping, or it extends the file through pwrite.
 KESDRV_SLOW int writeBeyond(Medium& m, const void* buffer, uint32_t length, uint32_t offset, int32_t* errPtr) {
     const uint64_t end = static_cast<uint64_t>(offset) + length;
-    std::lock_guard<std::mutex> lock(m.grow);
+    Hold lock(m.grow);
     struct stat st;
     if (fstat(m.fd, &st) != 0) return fail(errPtr, errno);
     const uint64_t fileSize = static_cast<uint64_t>(st.st_size);
@@ -222,7 +235,7 @@ KESDRV_SLOW int writeBeyond(Medium& m, const void* buffer, uint32_t length, uint
 
 // Opens and maps the file of a name not seen before; the descriptor or -1.
 KESDRV_SLOW int addMedium(const char* name, int32_t* errPtr) {
-    std::lock_guard<std::mutex> lock(g_openLock);
+    Hold lock(g_openLock);
     const int count = g_count.load(std::memory_order_relaxed);
     for (int i = 0; i < count; ++i) {
         if (strcmp(g_media[i].name, name) == 0) return i;  // opened by another thread meanwhile
@@ -250,7 +263,7 @@ KESDRV_SLOW int addMedium(const char* name, int32_t* errPtr) {
     if (e != 0) {
         if (map) {
             munmap(map->base, static_cast<size_t>(map->capacity));
-            delete map;
+            free(map);
         }
         ::close(fd);
         return fail(errPtr, e);
@@ -288,7 +301,7 @@ __attribute__((destructor)) void unloadAll() {
         while (map) {
             Mapping* older = map->older;
             munmap(map->base, static_cast<size_t>(map->capacity));
-            delete map;
+            free(map);
             map = older;
         }
         m.map.store(nullptr, std::memory_order_relaxed);
@@ -361,7 +374,7 @@ KESDRV_EXPORT int mmapMedia_seek(int descriptor, uint32_t offset, int whence, in
         case SEEK_SET: break;
         case SEEK_CUR: base = m->position.load(std::memory_order_relaxed); break;
         case SEEK_END: {
-            std::lock_guard<std::mutex> lock(m->grow);
+            Hold lock(m->grow);
             struct stat st;
             if (fstat(m->fd, &st) != 0) return fail(errPtr, errno);
             if (const int e = adoptSize(*m, static_cast<uint64_t>(st.st_size))) return fail(errPtr, e);
