@@ -421,6 +421,40 @@ TEST_F(Tool, MigrateAKillAtAnyMomentLeavesOldOrNew) {
     }
 }
 
+// delete gives back every record of what it deletes, constraints included, but keeps a
+// constraint that a value left in the database still uses.
+TEST_F(Tool, DeleteGivesBackItsRecordsButSharedConstraints) {
+    makeDevice();
+    const std::string medium = dir.file("db/medium.bin");
+    auto freeBytes = [&] {
+        uint32_t n = 0;
+        for (uint32_t k = kt::readWord(medium, 12); k != 0; k = kt::readWord(medium, k)) n += kt::readWord(medium, k + 4);
+        return n;
+    };
+    const uint32_t before = freeBytes();
+    const Args addExtra{"add", "/net/extra", "--type", "Uint16", "--range", "1", "9", "1"};
+    for (const Args& change : {addExtra, Args{"add", "/net/emode", "--type", "Uint8", "--enum", "1,2,3"},
+                               Args{"delete", "/net/extra"}, Args{"delete", "/net/emode"}, addExtra})
+        ASSERT_EQ(kesdb(change).code, 0);
+    EXPECT_LT(freeBytes(), before);
+    ASSERT_EQ(kesdb({"delete", "/net/extra"}).code, 0);
+    EXPECT_EQ(freeBytes(), before);
+    // The range of a new /net/extra also guards the current value of /net/port.
+    ASSERT_EQ(kesdb(addExtra).code, 0);
+    const pid_t pid = children.start([&] {
+        Session s{};
+        LeafRecord extra{}, port{};
+        ValueRecord v{};
+        if (startElsewhere("../db", s) < 0 || !comp_getLeaf(&s, kesDBMSearchByName(&s, "/net/extra"), &extra) ||
+            !comp_getLeaf(&s, kesDBMSearchByName(&s, "/net/port"), &port) || !value_get(&s, extra.currentValue, &v))
+            return 1;
+        return kesDBMSetConstraintKey(&s, port.currentValue, v.constraintKey) | kesDBMTermSession(&s);
+    });
+    ASSERT_EQ(children.wait(pid), 0);
+    ASSERT_EQ(kesdb({"delete", "/net/extra"}).code, 0);
+    expectRows({{{"set", "/net/port", "10"}, 4, "", "above the maximum 9"}, {{"check"}, 0, "consistent", ""}});
+}
+
 // Applications started from the database directory, beside the tool.
 // The application's lock keeps the tool out and the tool's keeps the application out; a
 // "set" waits for the holder and then succeeds.

@@ -8,8 +8,10 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "common.hpp"
 #include "database.hpp"
@@ -118,6 +120,45 @@ void collectMerge(const json& children, const std::string& parent, const std::un
         }
         if (!any) fail(file + ": " + path + ": a leaf needs \"current\", \"default\" or \"factory\"");
     }
+}
+
+// Of the constraint records in `gone`, those that no value of a leaf below `key` uses are
+// left in it. False when the tree cannot be walked whole (a record unreadable, a list that
+// loops): then nothing can be said to be unused.
+bool keepUsed(Session& s, uint32_t key, int depth, std::unordered_set<uint32_t>& entered, std::set<uint32_t>& gone) {
+    CompRecord rec{};
+    if (depth > kDepthMax || !entered.insert(key).second || !comp_getComponent(&s, key, &rec)) return false;
+    if (rec.kind == KESDB_KIND_LEAF) {
+        LeafRecord leaf{};
+        if (!comp_getLeaf(&s, key, &leaf)) return false;
+        for (uint32_t v : {leaf.currentValue, leaf.defaultValue, leaf.factoryValue}) {
+            ValueRecord r{};
+            if (v != 0 && !value_get(&s, v, &r)) return false;
+            if (v != 0) gone.erase(r.constraintKey);
+        }
+        return true;
+    }
+    for (uint32_t c = kesDBMGetFirstChild(&s, key); c != 0; c = kesDBMGetNextChild(&s, c))
+        if (!keepUsed(s, c, depth + 1, entered, gone)) return false;
+    return true;
+}
+
+// Gives a constraint record back to its medium's free list, with the member array of an
+// enumeration; a record of no known kind is left alone. The library's code, 0 when released.
+int32_t releaseConstraint(Database& db, uint32_t key) {
+    Session& s = db.s;
+    const uint32_t medium = db.param().constraintMedium, type = constraint_getType(&s, key);
+    s.error = 0;
+    if (type >= KESDB_CSTRT_ENUM_FACTOR) {
+        EnumRecord e{};
+        if (!enum_get(&s, key, &e)) return 0;
+        flst_m_release(&s, medium, e.arrayKey, std::max(1u, e.elementSize * e.count));
+        flst_m_release(&s, medium, key, sizeof e);
+    } else if (isNumeric(type)) {
+        // min, max and step behind the key and the type, padded to a word
+        flst_m_release(&s, medium, key, (8u + 3u * static_cast<uint32_t>(widthOf(type)) + 3u) & ~3u);
+    }
+    return static_cast<int32_t>(s.error);
 }
 
 }  // namespace
@@ -255,9 +296,11 @@ int cmdDelete(const std::string& dirIn, const std::string& pathIn, double wait) 
     DirectoryGuard guard(dir);
     Database db(dir);
     const uint32_t key = findOrNoPath(db, path);
-    // What the component and everything below it hold: names and values; each of them is
-    // locked while it goes, and so is the parent whose child list changes.
+    // What the component and everything below it hold: names, values and the values'
+    // constraints; each component is locked while it goes, and so is the parent whose child
+    // list changes.
     std::vector<uint32_t> strings, values, todo{key};
+    std::set<uint32_t> constraints;
     std::vector<std::unique_ptr<ScopedLock>> locks;
     locks.push_back(std::make_unique<ScopedLock>(db, kesDBMGetParent(&db.s, key), wait, "delete " + path));
     while (!todo.empty()) {
@@ -269,7 +312,11 @@ int cmdDelete(const std::string& dirIn, const std::string& pathIn, double wait) 
         CompRecord rec{};
         if (!comp_getComponent(&db.s, k, &rec)) fail("delete: cannot read a component below " + path);
         if (rec.kind == KESDB_KIND_LEAF && comp_getLeaf(&db.s, k, &leaf)) {
-            values.insert(values.end(), {leaf.currentValue, leaf.defaultValue, leaf.factoryValue});
+            for (uint32_t v : {leaf.currentValue, leaf.defaultValue, leaf.factoryValue}) {
+                ValueRecord r{};
+                if (v != 0 && value_get(&db.s, v, &r) && r.constraintKey != 0) constraints.insert(r.constraintKey);
+                values.push_back(v);
+            }
         } else {
             for (uint32_t c = kesDBMGetFirstChild(&db.s, k); c != 0; c = kesDBMGetNextChild(&db.s, c))
                 todo.push_back(c);
@@ -282,6 +329,11 @@ int cmdDelete(const std::string& dirIn, const std::string& pathIn, double wait) 
         if (v != 0 && kesDBMDeleteValue(&db.s, v) != 0) writeFailed("delete " + path + ": its values", db.s, error());
     for (uint32_t sk : strings)
         if (sk != 0 && str_delete(&db.s, sk) != 0) writeFailed("delete " + path + ": its names", db.s, error());
+    // A constraint record can be shared: only those no value left in the database uses go.
+    std::unordered_set<uint32_t> entered;
+    if (!constraints.empty() && keepUsed(db.s, db.root(), 0, entered, constraints))
+        for (uint32_t c : constraints)
+            if (int32_t rc = releaseConstraint(db, c); rc != 0) writeFailed("delete " + path + ": its constraints", db.s, rc);
     journal.commit();
     return kExitOk;
 }
