@@ -498,6 +498,7 @@ TEST_F(Tool, MovedAndCopiedDirectories) {
     ASSERT_EQ(kesdb({"-d", "moved", "set", "/net/port", "1234"}).code, 0);
     fs::copy(dir.file("moved"), dir.file("copy"), fs::copy_options::recursive);
     ASSERT_EQ(kesdb({"-d", "copy", "set", "/net/port", "4321"}).code, 0);
+    EXPECT_EQ(kesdb({"-d", "copy", "check"}).code, 0);
     for (const auto& [where, port] : std::map<std::string, uint16_t>{{"moved", 1234}, {"copy", 4321}}) {
         const pid_t pid = children.start([&, where = where] {
             Session s{};

@@ -66,9 +66,10 @@ int cmdCheck(const std::string& dirIn) {
     layout.string = indexOf(d, "string");
     auto get = [&](const char* key) { return d.count(key) ? d.at(key) : std::string(); };
     if (!get("defmedia").empty()) layout.files[0] = inDir(dir, get("defmedia"));
-    // Media index i >= 1 is the i-th line of the media configuration; its last word is the file.
+    // Media index i >= 1 is the i-th line of the media configuration; its last word is the
+    // file, relative to the directory unless absolute.
     uint32_t index = 0;
-    for (const auto& words : configLines(inDir(dir, get("media")))) layout.files[++index] = words.back();
+    for (const auto& words : configLines(inDir(dir, get("media")))) layout.files[++index] = inDir(dir, words.back());
     layout.hookCount = static_cast<uint32_t>(configLines(inDir(dir, get("hook"))).size());
     for (uint32_t m : {layout.component, layout.value, layout.constraint, layout.string})
         if (!layout.files.count(m)) fail(dir + ": no file for media index " + std::to_string(m));
