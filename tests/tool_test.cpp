@@ -534,6 +534,20 @@ TEST_F(Tool, ImageIsInspectedWithoutATrace) {
     EXPECT_NE(kesdb({"-d", "db", "get", "/net/port"}).err.find("cannot load the hook library /opt/target/lib/libtarget_only.so"),
               std::string::npos);
     EXPECT_TRUE(snapshot() == before);
+    // A read-only image (its files and directory not writable; as root, inspected as nobody).
+    for (const auto& e : fs::directory_iterator(dir.file("db"))) chmod(e.path().c_str(), 0444);
+    chmod(dir.file("db").c_str(), 0555);
+    chmod(dir.path().c_str(), 0777);
+    const pid_t pid = children.start([&] {
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return 100;
+        if (access((std::string(KT_BIN_DIR) + "/kesdb").c_str(), X_OK) != 0) return 77;  // out of nobody's reach
+        const Outcome r = kt::finishProgram(dir, kt::spawnProgram(dir, "kesdb", {"-d", "db", "show", "--no-hooks"}, "ro"), "ro");
+        return r.code == 0 && r.out.find("/net/port=8080\n") != std::string::npos ? 0 : 1;
+    });
+    const int status = children.wait(pid);
+    chmod(dir.file("db").c_str(), 0755);
+    if (status == 77) GTEST_SKIP() << "the build directory is out of reach of the user nobody";
+    EXPECT_EQ(status, 0) << kt::readFile(dir.file(".errro"));
 }
 
 // One directory a process: another one is refused (and so is a directory after kesDBMInit)

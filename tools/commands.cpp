@@ -234,8 +234,7 @@ int cmdImport(const std::string& dir, const std::string& file, double wait) {
 int cmdExport(const std::string& dir, const std::string& fileIn, const std::string& pathIn, bool noHooks) {
     std::string text, file = fileIn, path = pathIn;
     {
-        Database db(dir, readAccess(noHooks));
-        FastMedia fast(db, FastMedia::Access::Shared);  // reads only: nothing to write back
+        Database db(dir, readAccess(noHooks));  // read through a read-only mapping
         // An argument that names a component of the tree is that path, never a file name.
         if (path.empty() && !file.empty() && file[0] == '/') {
             const uint32_t key = quietly([&] { return kesDBMSearchByName(&db.s, file.c_str()); });

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "diagnose.hpp"
+#include "fast_media.hpp"
 
 
 namespace kesdb {
@@ -111,7 +112,7 @@ Database::Database(const std::string& dirIn, Access access) {
         if (!mkdtemp(tmpl.data())) fail("cannot make a temporary directory " + tmpl + ": " + std::strerror(errno));
         tables_ = tmpl;
         o.tableDir = tables_.c_str();
-        if (access == Access::PrivateNoHooks) o.flags = KESDB_DIR_NO_HOOKS;
+        if (access == Access::ReadNoHooks) o.flags = KESDB_DIR_NO_HOOKS;
     }
     // The start-up's own lines ("kesDBMInit err4" ...) are replaced by the tool's message;
     // a failed start-up by directory undoes itself.
@@ -122,8 +123,11 @@ Database::Database(const std::string& dirIn, Access access) {
         failStart("cannot start the database in " + dir_, dir_, err);
     }
     if (const DBMInitParam* p = db_getDb(static_cast<uint32_t>(id_))) param_ = *p;
+    if (access == Access::Read || access == Access::ReadNoHooks)
+        readOnly_ = std::make_unique<FastMedia>(*this, FastMedia::Access::ReadOnly);
     const int32_t rc = kesDBMInitSession(&s, static_cast<uint32_t>(id_));
     if (rc != 0) {
+        readOnly_.reset();
         kesDBMTerm(static_cast<uint32_t>(id_));
         removeTables();
         fail("cannot open a session: " + codeText(rc));
@@ -131,6 +135,7 @@ Database::Database(const std::string& dirIn, Access access) {
 }
 
 Database::~Database() {
+    readOnly_.reset();
     kesDBMTermSession(&s);
     kesDBMTerm(static_cast<uint32_t>(id_));
     removeTables();

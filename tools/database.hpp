@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -79,13 +80,16 @@ auto quietly(F&& body) {
 // How a command opens the database.
 enum class Access {
     Shared,   // the directory's own tables: the locks and sessions of every process
-    Private,  // tables in a private temporary directory, removed afterwards: reads that
-              // leave nothing in the directory they read (a device image's database)
-    PrivateNoHooks,  // as Private, and without hooks (hook libraries built for another machine)
+    Private,  // tables in a private temporary directory, removed afterwards
+    Read,     // as Private, and the media read through a read-only mapping: reads that leave
+              // nothing in the directory they read, which may be a read-only image
+    ReadNoHooks,  // as Read, and without hooks (hook libraries built for another machine)
 };
 
 // Reads leave nothing in the directory they read: their tables are private.
-inline Access readAccess(bool noHooks) { return noHooks ? Access::PrivateNoHooks : Access::Private; }
+inline Access readAccess(bool noHooks) { return noHooks ? Access::ReadNoHooks : Access::Read; }
+
+class FastMedia;
 
 // A started database with one open session, closed again in the destructor. It is started
 // as applications start it (kesDBMInitDir), with the tool's own drivers standing in for the
@@ -119,6 +123,7 @@ private:
 
     std::string dir_;
     std::string tables_;  // private table directory, or empty
+    std::unique_ptr<FastMedia> readOnly_;  // the media taken over for reading only, or null
     DBMInitParam param_{};
     int32_t id_ = -1;
 };

@@ -47,7 +47,8 @@ bool lookUp(void* lib, const char* symbol, F& slot) {
 
 }  // namespace
 
-FastMedia::FastMedia(Database& db, Access access) : private_(access == Access::Exclusive) {
+FastMedia::FastMedia(Database& db, Access access) : private_(access != Access::Shared) {
+    if (private_) privateMedium_setReadOnly(access == Access::ReadOnly);
     const DBMInitParam& p = db.param();
     const uint32_t indexes[4] = {p.componentMedium, p.valueMedium, p.constraintMedium, p.stringMedium};
     MediaEntry mapped{nullptr,           nullptr,           0,

@@ -9,7 +9,8 @@
 //   Shared     the memory-mapped driver, which sees what other processes write meanwhile
 //              (reading a database in use);
 //   Exclusive  the tool's private driver (private_medium.hpp), which trusts that no one
-//              else touches the files (building in a directory nobody knows yet).
+//              else touches the files (building in a directory nobody knows yet);
+//   ReadOnly   the private driver, reading only (inspection, of a read-only image too).
 // `flush` then writes each mapping to its file once. Only this process's table changes: the
 // configuration files, and every other process, keep naming the media as they were.
 //
@@ -28,7 +29,7 @@ namespace kesdb {
 
 class FastMedia {
 public:
-    enum class Access { Shared, Exclusive };
+    enum class Access { Shared, Exclusive, ReadOnly };
 
     // Takes over the media of `db` that can be mapped; a medium that cannot (another
     // driver, the mapped driver missing) stays as it is, which is only slower.

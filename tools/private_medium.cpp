@@ -30,6 +30,11 @@ struct PrivateMedium {
 };
 
 std::vector<PrivateMedium> g_media;
+bool g_readOnly = false;
+// The name the last open was given, and what it found: the library opens a medium for each
+// record, always with the name its media table holds.
+const char* g_lastName = nullptr;
+int g_lastFound = -1;
 
 int failWith(int32_t* errPtr, int e) {
     if (errPtr) *errPtr = e;
@@ -51,7 +56,8 @@ uint64_t pageRound(uint64_t n) {
 // Maps `capacity` bytes of the medium's file in place of its current mapping; 0 or errno.
 int mapAgain(PrivateMedium& m, uint64_t capacity) {
     if (capacity > SIZE_MAX) return ENOMEM;
-    void* base = mmap(nullptr, static_cast<size_t>(capacity), PROT_READ | PROT_WRITE, MAP_SHARED, m.fd, 0);
+    const int protection = g_readOnly ? PROT_READ : PROT_READ | PROT_WRITE;
+    void* base = mmap(nullptr, static_cast<size_t>(capacity), protection, MAP_SHARED, m.fd, 0);
     if (base == MAP_FAILED) return errno;
     if (m.base) munmap(m.base, static_cast<size_t>(m.capacity));
     m.base = static_cast<uint8_t*>(base);
@@ -80,15 +86,37 @@ int cut(PrivateMedium& m) {
     return 0;
 }
 
+// A read-only medium's end after another look at its file: what another process has
+// appended since becomes readable. 0 or errno.
+int look(PrivateMedium& m) {
+    struct stat st;
+    if (fstat(m.fd, &st) != 0) return errno;
+    const uint64_t size = static_cast<uint64_t>(st.st_size);
+    if (size <= m.end) return 0;
+    if (size > m.capacity) {
+        if (const int e = mapAgain(m, pageRound(size) + kReserve)) return e;
+    }
+    m.length = m.end = size;
+    return 0;
+}
+
 }  // namespace
+
+void privateMedium_setReadOnly(bool readOnly) { g_readOnly = readOnly; }
 
 int privateMedium_open(const char* name, uint32_t, int32_t* errPtr) {
     if (!name) return failWith(errPtr, EFAULT);
-    for (size_t i = 0; i < g_media.size(); ++i)
-        if (g_media[i].fd >= 0 && g_media[i].path == name) return static_cast<int>(i);
+    if (name == g_lastName && std::strcmp(g_media[static_cast<size_t>(g_lastFound)].path.c_str(), name) == 0)
+        return g_lastFound;
+    for (size_t i = 0; i < g_media.size(); ++i) {
+        if (g_media[i].fd >= 0 && g_media[i].path == name) {
+            g_lastName = name;
+            return g_lastFound = static_cast<int>(i);
+        }
+    }
     PrivateMedium m;
     m.path = name;
-    m.fd = ::open(name, O_RDWR | O_CLOEXEC);
+    m.fd = ::open(name, (g_readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC);
     if (m.fd < 0) return failWith(errPtr, errno);
     struct stat st;
     int e = fstat(m.fd, &st) != 0 ? errno : !S_ISREG(st.st_mode) ? ENODEV : 0;
@@ -111,6 +139,9 @@ int privateMedium_close(int descriptor, int32_t* errPtr) {
 int privateMedium_read(int descriptor, void* buffer, uint32_t length, uint32_t offset, int32_t* errPtr) {
     PrivateMedium* m = mediumOf(descriptor);
     if (!m) return failWith(errPtr, EBADF);
+    if (g_readOnly && static_cast<uint64_t>(offset) + length > m->end) {
+        if (const int e = look(*m)) return failWith(errPtr, e);
+    }
     if (offset >= m->end) return 0;
     uint64_t n = m->end - offset < length ? m->end - offset : length;
     if (n > INT32_MAX) n = INT32_MAX;
@@ -121,6 +152,7 @@ int privateMedium_read(int descriptor, void* buffer, uint32_t length, uint32_t o
 int privateMedium_write(int descriptor, const void* buffer, uint32_t length, uint32_t offset, int32_t* errPtr) {
     PrivateMedium* m = mediumOf(descriptor);
     if (!m) return failWith(errPtr, EBADF);
+    if (g_readOnly) return failWith(errPtr, EROFS);
     if (length > INT32_MAX) return failWith(errPtr, EINVAL);
     const uint64_t end = static_cast<uint64_t>(offset) + length;
     if (const int e = reach(*m, end)) return failWith(errPtr, e);
@@ -132,6 +164,9 @@ int privateMedium_write(int descriptor, const void* buffer, uint32_t length, uin
 int privateMedium_seek(int descriptor, uint32_t offset, int whence, int32_t* errPtr) {
     PrivateMedium* m = mediumOf(descriptor);
     if (!m) return failWith(errPtr, EBADF);
+    if (whence == SEEK_END && g_readOnly) {
+        if (const int e = look(*m)) return failWith(errPtr, e);
+    }
     const int64_t base = whence == SEEK_SET   ? 0
                          : whence == SEEK_CUR ? m->position
                          : whence == SEEK_END ? static_cast<int64_t>(m->end)
@@ -146,6 +181,7 @@ int privateMedium_seek(int descriptor, uint32_t offset, int whence, int32_t* err
 int privateMedium_sync(int descriptor, int32_t* errPtr, uint32_t) {
     PrivateMedium* m = mediumOf(descriptor);
     if (!m) return failWith(errPtr, EBADF);
+    if (g_readOnly) return 0;  // nothing was written
     if (const int e = cut(*m)) return failWith(errPtr, e);
     if (m->end != 0 && msync(m->base, static_cast<size_t>(pageRound(m->end)), MS_SYNC) != 0)
         return failWith(errPtr, errno);
@@ -155,11 +191,13 @@ int privateMedium_sync(int descriptor, int32_t* errPtr, uint32_t) {
 void privateMedium_releaseAll() {
     for (PrivateMedium& m : g_media) {
         if (m.fd < 0) continue;
-        cut(m);
+        if (!g_readOnly) cut(m);
         munmap(m.base, static_cast<size_t>(m.capacity));
         ::close(m.fd);
     }
     g_media.clear();
+    g_readOnly = false;
+    g_lastName = nullptr;
 }
 
 }  // namespace kesdb

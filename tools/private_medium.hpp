@@ -8,6 +8,10 @@
 // the mapping, and cut back to the written end when the medium is synced; after a sync the
 // file holds exactly the bytes that synchronous positioned writes would have left.
 //
+// Read-only, for inspection: the file is opened and mapped for reading only (a read-only
+// image can be inspected), writes fail with EROFS, and a read beyond the end looks at the
+// file again, since another process may have lengthened it meanwhile.
+//
 // The functions have the signatures of the media-table slots; the medium's name is the
 // file's path. Descriptors stay valid until privateMedium_releaseAll, which syncs nothing.
 #pragma once
@@ -16,6 +20,8 @@
 
 namespace kesdb {
 
+// Whether media opened from now on are opened read-only (until privateMedium_releaseAll).
+void privateMedium_setReadOnly(bool readOnly);
 int privateMedium_open(const char* name, uint32_t arg, int32_t* errPtr);
 int privateMedium_close(int descriptor, int32_t* errPtr);
 int privateMedium_read(int descriptor, void* buffer, uint32_t length, uint32_t offset, int32_t* errPtr);
