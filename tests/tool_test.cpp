@@ -453,6 +453,11 @@ TEST_F(Tool, DeleteGivesBackItsRecordsButSharedConstraints) {
     ASSERT_EQ(children.wait(pid), 0);
     ASSERT_EQ(kesdb({"delete", "/net/extra"}).code, 0);
     expectRows({{{"set", "/net/port", "10"}, 4, "", "above the maximum 9"}, {{"check"}, 0, "consistent", ""}});
+    // A subtree of more components than the lock table has entries.
+    std::string leaves;
+    for (int i = 1000; i < 2500; ++i) leaves += (i > 1000 ? "," : "") + L("l" + std::to_string(i), "Uint8", "1");
+    createTree(N("big", leaves));
+    expectRows({{{"delete", "/big"}, 0, "", ""}, {{"check"}, 0, "(1 nodes, 0 leaves", ""}});
 }
 
 // Applications started from the database directory, beside the tool.

@@ -297,8 +297,9 @@ int cmdDelete(const std::string& dirIn, const std::string& pathIn, double wait) 
     Database db(dir);
     const uint32_t key = findOrNoPath(db, path);
     // What the component and everything below it hold: names, values and the values'
-    // constraints; each component is locked while it goes, and so is the parent whose child
-    // list changes.
+    // constraints. The component and the parent whose child list changes stay locked; each
+    // component below is locked and let go again, so that nobody else holds it when it goes
+    // (holding them all would fill the lock table with a large subtree).
     std::vector<uint32_t> strings, values, todo{key};
     std::set<uint32_t> constraints;
     std::vector<std::unique_ptr<ScopedLock>> locks;
@@ -306,7 +307,8 @@ int cmdDelete(const std::string& dirIn, const std::string& pathIn, double wait) 
     while (!todo.empty()) {
         const uint32_t k = todo.back();
         todo.pop_back();
-        locks.push_back(std::make_unique<ScopedLock>(db, k, wait, "delete " + path));
+        if (k == key) locks.push_back(std::make_unique<ScopedLock>(db, k, wait, "delete " + path));
+        else ScopedLock(db, k, wait, "delete " + path);  // a temporary: let go at once
         strings.push_back(kesDBMGetStringKey(&db.s, k));
         LeafRecord leaf{};
         CompRecord rec{};
@@ -322,6 +324,7 @@ int cmdDelete(const std::string& dirIn, const std::string& pathIn, double wait) 
                 todo.push_back(c);
         }
     }
+    FastMedia fast(db, FastMedia::Access::Shared);  // a large subtree releases many records
     MediaJournal journal(dir, db.mediaFiles());
     if (int32_t rc = kesDBMDeleteComponentWithSub(&db.s, key); rc != 0) writeFailed("delete " + path, db.s, rc);
     auto error = [&] { return static_cast<int32_t>(db.s.error); };
@@ -334,6 +337,7 @@ int cmdDelete(const std::string& dirIn, const std::string& pathIn, double wait) 
     if (!constraints.empty() && keepUsed(db.s, db.root(), 0, entered, constraints))
         for (uint32_t c : constraints)
             if (int32_t rc = releaseConstraint(db, c); rc != 0) writeFailed("delete " + path + ": its constraints", db.s, rc);
+    fast.flush();
     journal.commit();
     return kExitOk;
 }
@@ -343,6 +347,7 @@ int cmdFactoryReset(const std::string& dirIn, const std::string& path, double wa
     DirectoryGuard guard(dir);
     Database db(dir);
     const uint32_t key = path.empty() ? db.root() : findOrNoPath(db, path);
+    FastMedia fast(db, FastMedia::Access::Shared);
     MediaJournal journal(dir, db.mediaFiles());
     ScopedLock lock(db, key, wait, "factory-reset " + path);
     const int32_t rc = forEachLeafLocked(db, key, key, wait, "factory-reset", [&](uint32_t k) {
@@ -350,6 +355,7 @@ int cmdFactoryReset(const std::string& dirIn, const std::string& path, double wa
         return r != 0 ? r : kesDBMDefaultToCurrent(&db.s, k);
     });
     if (rc != 0) writeFailed("factory-reset", db.s, rc);
+    fast.flush();
     journal.commit();
     return kExitOk;
 }
