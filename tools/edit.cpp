@@ -151,7 +151,11 @@ int32_t releaseConstraint(Database& db, uint32_t key) {
     s.error = 0;
     if (type >= KESDB_CSTRT_ENUM_FACTOR) {
         EnumRecord e{};
-        if (!enum_get(&s, key, &e)) return 0;
+        const uint32_t member = type / KESDB_CSTRT_ENUM_FACTOR;
+        // A record that does not describe its array (damaged) is left alone.
+        if (!enum_get(&s, key, &e) || !isNumeric(member) || e.elementSize != static_cast<uint32_t>(widthOf(member)) ||
+            e.count > (1u << 20))
+            return 0;
         flst_m_release(&s, medium, e.arrayKey, std::max(1u, e.elementSize * e.count));
         flst_m_release(&s, medium, key, sizeof e);
     } else if (isNumeric(type)) {
