@@ -8,7 +8,9 @@
 //                        device when the medium is synced (kesDBMSync: msync of the mapping)
 //                        or when the kernel writes the pages back;
 //   sync:/path/to/file   every write is followed by msync(MS_SYNC) of the pages it touched, so
-//                        a write has reached the device when it returns.
+//                        a write has reached the device when it returns. The option may also
+//                        begin the file's own name, "/path/to/sync:file": what a relative
+//                        "sync:file" becomes in a database directory's media configuration.
 // The same name always gives the same descriptor in a process: the first open of a name opens
 // and maps the file, every later open only looks the name up (no system call), and close does
 // nothing but check the descriptor. Descriptors stay valid until the library is unloaded,
@@ -31,15 +33,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <pthread.h>
-#include <stdlib.h>
 
 #include <atomic>
 
@@ -242,9 +243,21 @@ KESDRV_SLOW int addMedium(const char* name, int32_t* errPtr) {
     }
     if (count >= kMaxMedia) return fail(errPtr, EMFILE);
 
+    // The option begins the file's own name: "sync:FILE", or "DIR/sync:FILE" where a
+    // database directory's relative name was made absolute.
     const size_t prefix = sizeof kSyncPrefix - 1;
-    const bool syncEachWrite = strncmp(name, kSyncPrefix, prefix) == 0;
-    const char* path = syncEachWrite ? name + prefix : name;
+    const char* slash = strrchr(name, '/');
+    const char* base = strncmp(name, kSyncPrefix, prefix) == 0 ? name : slash ? slash + 1 : name;
+    const bool syncEachWrite = strncmp(base, kSyncPrefix, prefix) == 0;
+    char joined[PATH_MAX];
+    const char* path = name;
+    if (syncEachWrite && base == name) {
+        path = name + prefix;
+    } else if (syncEachWrite) {
+        const int n = snprintf(joined, sizeof joined, "%.*s%s", static_cast<int>(base - name), name, base + prefix);
+        if (n < 0 || static_cast<size_t>(n) >= sizeof joined) return fail(errPtr, ENAMETOOLONG);
+        path = joined;
+    }
     const int fd = ::open(path, O_RDWR | O_CLOEXEC);
     if (fd < 0) return fail(errPtr, errno);
     struct stat st;

@@ -116,7 +116,9 @@ TEST(MmapDriver, ProcessesSeeEachOthersWritesAndAppends) {
     EXPECT_TRUE(kt::waitChild(child) == 0 && d.end(mine) == static_cast<int>(far + 7));
 }
 
-// A plain medium's pages stay dirty until sync; a "sync:" medium writes every change through.
+// A plain medium's pages stay dirty until sync; a "sync:" medium writes every change through,
+// whether the option begins the name or the file's own name (a directory's relative name
+// made absolute: "DIR/sync:FILE").
 TEST(MmapDriver, SyncWritesBackAndSyncModeWritesThrough) {
     kt::TempDir dir;
     const std::string lazy = dir.file("lazy.bin"), eager = dir.file("eager.bin");
@@ -130,12 +132,13 @@ TEST(MmapDriver, SyncWritesBackAndSyncModeWritesThrough) {
     if (statfs(lazy.c_str(), &fs) != 0 || fs.f_type == 0x01021994 /* tmpfs */)
         GTEST_SKIP() << "the temporary directory has no writeback";
     Driver d;
-    const int l = d.open(lazy), e = d.open("sync:" + eager);
+    const int l = d.open(lazy), e = d.open("sync:" + eager), inDir = d.open(dir.file("sync:eager.bin"));
     EXPECT_TRUE(d.write(l, 5000, "dirty") == 5 && d.write(l, 40000, "dirty") == 5);
     EXPECT_GE(mapInfo(lazy).second, 8);
     EXPECT_TRUE(d.op.sync(l, &d.err, 0) == 0 && mapInfo(lazy).second == 0);
     for (uint32_t offset : {0u, 4095u, 70000u}) {
         EXPECT_EQ(d.write(e, offset, "written"), 7);
+        EXPECT_EQ(d.write(inDir, offset + 8, "written"), 7);
         EXPECT_EQ(mapInfo(eager).second, 0) << offset;
     }
     const int plain = d.open(eager);  // another medium on the same file
