@@ -564,10 +564,13 @@ TEST_F(Tool, OneDirectoryAProcess) {
                   const std::string a = dir.file("db"), b = dir.file("other");
                   int32_t err = 0;
                   const int32_t id = kesDBMInitDir(a.c_str(), &err);
-                  DBMDirOptions noHooks{KESDB_DIR_NO_HOOKS, nullptr, nullptr};
+                  const std::string tables = dir.path();
+                  DBMDirOptions noHooks{KESDB_DIR_NO_HOOKS, nullptr, nullptr}, otherTables{0, tables.c_str(), nullptr};
                   if (id < 0 || kesDBMInitDir(b.c_str(), &err) != -1 || err != KESDB_ERR_DIR_OTHER) return 1;
                   if (std::string(kesDBMInitDirFailure()).find(a) == std::string::npos) return 2;
-                  if (kesDBMInitDir(a.c_str(), &err) != id || kesDBMInitDirEx(a.c_str(), &noHooks, &err) != -1) return 3;
+                  if (kesDBMInitDir(a.c_str(), &err) != id || kesDBMInitDirEx(a.c_str(), &noHooks, &err) != -1 ||
+                      kesDBMInitDirEx(a.c_str(), &otherTables, &err) != -1)
+                      return 3;
                   for (int i = 0; i < 2; ++i) kesDBMTerm(static_cast<uint32_t>(id));
                   const int32_t other = kesDBMInitDir(b.c_str(), &err);
                   if (other < 0 || kesDBMTerm(static_cast<uint32_t>(other)) != 0) return 4;
