@@ -125,7 +125,8 @@ Database::Database(const std::string& dirIn, Access access) {
     if (const DBMInitParam* p = db_getDb(static_cast<uint32_t>(id_))) param_ = *p;
     if (access == Access::Read || access == Access::ReadNoHooks)
         readOnly_ = std::make_unique<FastMedia>(*this, FastMedia::Access::ReadOnly);
-    const int32_t rc = kesDBMInitSession(&s, static_cast<uint32_t>(id_));
+    // A root that cannot be read is named by root() when a command needs it, with its cause.
+    const int32_t rc = quietly([&] { return kesDBMInitSession(&s, static_cast<uint32_t>(id_)); });
     if (rc != 0) {
         readOnly_.reset();
         kesDBMTerm(static_cast<uint32_t>(id_));
