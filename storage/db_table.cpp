@@ -82,6 +82,36 @@ bool sameDatabase(const DBMInitParam* given, const DBMInitParam* stored) {
            given->reserved == stored->reserved;
 }
 
+// Takes slot i, behind prev in the used list (0: at its head), out of that list and puts it
+// at the end of the free list.
+void freeSlot(DbTable* t, uint32_t prev, uint32_t i) {
+    if (prev)
+        t->slot[prev].next = t->slot[i].next;
+    else
+        t->usedHead = t->slot[i].next;
+    if (t->freeTail != 0 && validSlot(t->freeTail)) t->slot[t->freeTail].next = i;
+    t->slot[i].next = 0;
+    t->freeTail = i;
+    if (t->freeHead == 0) t->freeHead = i;
+}
+
+// A directory's own database table keeps a slot for every place the directory was started
+// from before it was moved or copied (a directory start keeps its slot for good). When no
+// slot is free, a directory start frees one that nothing but that keep holds (a count of at
+// most one) and that names other tables than its own: the first such; 0 when there is none.
+uint32_t freeStaleSlot(DbTable* t, const DBMInitParam* param) {
+    uint32_t prev = 0;
+    uint32_t steps = 0;
+    for (uint32_t i = t->usedHead; validSlot(i) && steps++ <= kLastSlot; prev = i, i = t->slot[i].next) {
+        if (t->slot[i].refCount > 1 ||
+            misc_pathCompare(t->slot[i].param.sessionTablePath, param->sessionTablePath) == 0)
+            continue;
+        freeSlot(t, prev, i);
+        return t->freeHead;
+    }
+    return 0;
+}
+
 // Registers param under the held mutex; returns the id, or -1 with the code in *code.
 int32_t registerDatabase(const DBMInitParam* param, int32_t* code) {
     DbTable* t = g_db.table;
@@ -96,6 +126,7 @@ int32_t registerDatabase(const DBMInitParam* param, int32_t* code) {
         return static_cast<int32_t>(id);
     }
     uint32_t i = t->freeHead;
+    if (!validSlot(i) && kes::dirState()) i = freeStaleSlot(t, param);
     if (!validSlot(i)) {
         *code = KESDB_ERR_DB_FULL;
         return -1;
@@ -119,15 +150,7 @@ void releaseDatabase(uint32_t id) {
     for (uint32_t i = t->usedHead; validSlot(i) && steps++ <= kLastSlot; prev = i, i = t->slot[i].next) {
         if (t->slot[i].id != id) continue;
         if (t->slot[i].refCount > 0) --t->slot[i].refCount;
-        if (t->slot[i].refCount != 0) return;
-        if (prev)
-            t->slot[prev].next = t->slot[i].next;
-        else
-            t->usedHead = t->slot[i].next;
-        if (t->freeTail != 0 && validSlot(t->freeTail)) t->slot[t->freeTail].next = i;
-        t->slot[i].next = 0;
-        t->freeTail = i;
-        if (t->freeHead == 0) t->freeHead = i;
+        if (t->slot[i].refCount == 0) freeSlot(t, prev, i);
         return;
     }
 }
