@@ -33,7 +33,10 @@ std::string parentDir(const std::string& path) {
 [[noreturn]] void failStart(const std::string& what, const std::string& dir, int32_t code) {
     std::string cause = kesDBMInitDirFailure();
     if (cause.rfind(dir + ": ", 0) == 0) cause.erase(0, dir.size() + 2);
-    fail(what + ": " + (cause.empty() ? codeText(code) : cause + " (" + codeText(code) + ")") + startCause(dir));
+    const std::string named = codeText(code);
+    if (cause.empty()) cause = named;
+    else if (cause.find(named) == std::string::npos) cause += " (" + named + ")";
+    fail(what + ": " + cause + startCause(dir));
 }
 
 }  // namespace
