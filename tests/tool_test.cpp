@@ -692,6 +692,13 @@ TEST_P(FastBuild, MediaEqualThoseOfSynchronousLibraryCalls) {
     if (files) args.push_back("--files");
     ASSERT_EQ(kt::finishProgram(dir, kt::spawnProgram(dir, "kesdb", args)).code, 0);
     for (const std::string& m : media) EXPECT_EQ(kt::readFile(dir.file("db/" + m)), kt::readFile(ref.dir.file(m))) << m;
+    // A merge writes what the typed set writes.
+    ASSERT_GT(ref.start(), 0);
+    ASSERT_EQ(kesDBMSetUint32(&ref.s, portKey, 9090), 0);
+    ref.stop();
+    kt::writeFile(dir.file("m.json"), R"({"children": [{"name": "net", "children": [{"name": "port", "current": 9090}]}]})");
+    ASSERT_EQ(kt::finishProgram(dir, kt::spawnProgram(dir, "kesdb", {"-d", "db", "import", "--merge", "m.json"})).code, 0);
+    for (const std::string& m : media) EXPECT_EQ(kt::readFile(dir.file("db/" + m)), kt::readFile(ref.dir.file(m))) << m;
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, FastBuild, ::testing::Bool());
