@@ -36,6 +36,7 @@ cmake --build "$build" -j"$jobs"
 
 rm -rf "$logs"
 mkdir -p "$logs"
+chmod 1777 "$logs"  # a test that runs the tool as another user logs here too
 start=$(date +%s)
 status=0
 ctest --test-dir "$build" -j"$jobs" --output-on-failure "$@" || status=$?
