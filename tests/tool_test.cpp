@@ -269,6 +269,12 @@ TEST_F(Tool, FailedImportLeavesTheDatabaseAsItWas) {
     // The import of a description that fits then succeeds, and the root is no longer locked.
     EXPECT_EQ(kesdb({"import", kDevice}).code, 0);
     EXPECT_EQ(kesdb({"lock", "/", "--try"}).code, 0);
+    // A copy between value sets below a node that the hook refuses for one leaf changes none.
+    createTree(N("n", L("a", "Uint32", "7", R"(, "default": 5, "hook": 1)") + "," +
+                          L("b", "Uint32", "3", R"(, "default": 2000, "hook": 1)")));
+    const std::string media = kt::readFile(dir.file("db/medium.bin"));
+    expectRows({{{"reset", "/n"}, 4, "", "refused by a leaf's hook (result 1"}, {{"get", "/n/a"}, 0, "7\n", ""}});
+    EXPECT_TRUE(kt::readFile(dir.file("db/medium.bin")) == media);
 }
 
 // An interrupted wait for a lock leaves with 130 and gives its session back (a wait that ends

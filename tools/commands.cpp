@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "common.hpp"
@@ -19,6 +20,7 @@
 #include "registration.hpp"
 #include "sizing.hpp"
 #include "fast_media.hpp"
+#include "journal.hpp"
 #include "lock_wait.hpp"
 #include "progress.hpp"
 #include "treeio.hpp"
@@ -304,25 +306,43 @@ int cmdSet(const std::string& dir, const std::string& path, const std::string& t
 
 // The named component is locked for the whole command, and each leaf below it while it is
 // copied (a lock covers its own component only).
-int cmdReset(const std::string& dir, const std::string& path, double wait) {
+namespace {
+
+// Runs `copy` (a transfer between a leaf's value sets) on every leaf at or below `path`, each
+// under its lock. Below a node the copies run through the mapped driver under the media
+// journal: all of them or, when one is refused, none; the media reach the device once.
+template <class Copy>
+int copyBelow(const std::string& dirIn, const std::string& path, double wait, const std::string& what, Copy copy) {
+    const std::string dir = absolutePath(dirIn);
     Database db(dir);
     const uint32_t key = db.find(path);
-    ScopedLock lock(db, key, wait, "reset " + path);
-    const int32_t rc = forEachLeafLocked(db, key, key, wait, "reset", [&](uint32_t k) {
-        return kesDBMDefaultToCurrent(&db.s, k);
-    });
-    if (rc != 0) copyRefused("reset " + path, db.s, rc);
+    const bool node = kesDBMGetType(&db.s, key) < 0;
+    std::unique_ptr<DirectoryGuard> guard;
+    std::unique_ptr<FastMedia> fast;
+    std::unique_ptr<MediaJournal> journal;
+    if (node) {
+        guard = std::make_unique<DirectoryGuard>(dir);
+        fast = std::make_unique<FastMedia>(db, FastMedia::Access::Shared);
+        journal = std::make_unique<MediaJournal>(dir, db.mediaFiles());
+    }
+    ScopedLock lock(db, key, wait, what + " " + path);
+    const int32_t rc = forEachLeafLocked(db, key, key, wait, what, [&](uint32_t k) { return copy(&db.s, k); });
+    if (rc != 0) copyRefused(what + " " + path, db.s, rc);
+    if (node) {
+        fast->flush();
+        journal->commit();
+    }
     return kExitOk;
 }
 
+}  // namespace
+
+int cmdReset(const std::string& dir, const std::string& path, double wait) {
+    return copyBelow(dir, path, wait, "reset", kesDBMDefaultToCurrent);
+}
+
 int cmdFactoryToDefault(const std::string& dir, const std::string& path, double wait) {
-    Database db(dir);
-    const uint32_t key = db.find(path);
-    ScopedLock lock(db, key, wait, "factory-to-default " + path);
-    const int32_t rc =
-        forEachLeafLocked(db, key, key, wait, "factory-to-default", [&](uint32_t k) { return kesDBMFactoryToDefault(&db.s, k); });
-    if (rc != 0) copyRefused("factory-to-default " + path, db.s, rc);
-    return kExitOk;
+    return copyBelow(dir, path, wait, "factory-to-default", kesDBMFactoryToDefault);
 }
 
 int cmdPrint(const std::string& dir, const std::string& path, bool noHooks) {

@@ -1,5 +1,6 @@
 // kesdb: all or nothing for a command that changes records of a database in place (import,
-// import --merge, add, delete, factory-reset), and the exclusion of two such commands.
+// import --merge, add, delete, factory-reset, reset and factory-to-default of a node), and the
+// exclusion of two such commands.
 //
 // Before the first write, each media file is copied aside ("FILE.kesdb-saved", synced),
 // then the journal "kesdb.journal" appears in the directory by a rename: it names the
