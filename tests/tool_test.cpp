@@ -142,7 +142,7 @@ TEST_F(Tool, CommandsPrintWhatWasAskedAndExitByCause) {
         // A node whose name begins a new leaf's: the leaf goes before it, so both are found.
         {{"add", "/time/x"}, 0, "", ""},
         {{"add", "/time/xy", "--type", "Uint16", "--range", "1", "100", "1", "--value", "80"}, 0, "", ""},
-        {{"add", "/time/bad", "--type", "Uint8", "--enum", "1,2", "--value", "3"}, 2, "", "kesdb: "},
+        {{"add", "/time/bad", "--type", "Uint8", "--enum", "1,2", "--value", "3"}, 4, "", "kesdb: "},
         {{"import", "--merge", "xy.json"}, 0, "", ""},
         {{"get", "/time/xy"}, 0, "7\n", ""},
         {{"export", "/time/xy"}, 0, "\"name\": \"xy\"", ""},  // a tree path is never a file name
@@ -233,6 +233,7 @@ TEST_F(Tool, BadDescriptionIsRejectedAndLeavesNothing) {
     const struct {
         std::string json, message;
         Args extra = {};
+        int code = 2;
     } cases[] = {
         {R"({"children":[{"name":"a","type":"Uint8","current":300}]})", "/a current: 300 is not a Uint8 value"},
         {R"({"children":[{"name":"a","children":[]},{"name":"a","type":"Uint8","current":1}]})", "/a: name used twice among siblings"},
@@ -240,7 +241,7 @@ TEST_F(Tool, BadDescriptionIsRejectedAndLeavesNothing) {
         {"{\"children\":[{\"name\":\"" + std::string(255, 'n') + "\",\"children\":[]}]}", "longer than 254"},
         // The difference from min wraps in 32 bits, as in the library's check.
         {R"({"children":[{"name":"w","type":"Sint32","current":2147483647,"range":{"min":-2147483648,"max":2147483647,"step":3}}]})",
-         "/w: current value 2147483647 is not on a step of the range (68 KESDB_ERR_CSTRT_STEP)"},
+         "/w: current value 2147483647 is not on a step of the range (68 KESDB_ERR_CSTRT_STEP)", {}, 4},
         {R"({"children":[{"name":"s","type":"String","size":3,"current":"abc"}]})", "does not fit size 3"},
         {R"({"children":[{"name":"h","type":"Uint8","current":1,"hook":2}]})", "uses hook 2 but only 1 --hook lines are given", hook},
         {R"({"children":[{"name":"net","children":[]},{"name":"network","type":"Uint8","current":1}]})",
@@ -251,7 +252,7 @@ TEST_F(Tool, BadDescriptionIsRejectedAndLeavesNothing) {
         kt::writeFile(dir.file("bad.json"), c.json);
         Args args = {"create", "db", "--from", "bad.json"};
         args.insert(args.end(), c.extra.begin(), c.extra.end());
-        expectRows({{args, 2, "", c.message}});
+        expectRows({{args, c.code, "", c.message}});
         EXPECT_EQ(entries(dir.path()), 1u) << c.message;  // bad.json only
     }
     EXPECT_EQ(kesdb({"create", "db", "--hook", "libkeshook_sample.so policy_preSet NULL NULL"}).code, 1);

@@ -202,7 +202,8 @@ Item parseItem(const json& j, const std::string& parentPath, int depth) {
                 it.hasRange ? rangeVerdict(it.type, it.range, *value) : enumVerdict(it.type, it.members, *value);
             if (code != 0)
                 fail(where + ": " + label + " value " + numberToText(it.type, *value) + " " + verdictText(code) + " (" +
-                     codeText(code) + ")");
+                         codeText(code) + ")",
+                     kExitRefused);
         }
     }
     return it;
