@@ -33,12 +33,8 @@ void writeMedium() {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     kf::setUp();
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/kesdb-fuzz-describe-XXXXXX";
-    if (!mkdtemp(pattern.data())) kf::fail("cannot make a temporary directory");
-    g_base = pattern;
+    g_base = kf::tempDirWithTable("describe");
     g_dir = g_base + "/db";
-    setenv("KESDB_DBTABLE", (g_base + "/db.tbl").c_str(), 1);
     kesdb::CreateOptions o;
     o.dir = g_dir;
     o.size = 64 * 1024;

@@ -37,11 +37,7 @@ void writeTable(const std::string& path, const uint8_t* data, size_t size, uint3
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     kf::setUp();
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/kesdb-fuzz-tables-XXXXXX";
-    if (!mkdtemp(pattern.data())) kf::fail("cannot make a temporary directory");
-    g_dir = pattern;
-    setenv("KESDB_DBTABLE", (g_dir + "/db.tbl").c_str(), 1);
+    g_dir = kf::tempDirWithTable("tables");
     setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
     for (const char* conf : {"/media.conf", "/hook.conf"}) writeTable(g_dir + conf, nullptr, 0, 0, false);
     put(g_param.sessionTablePath, g_dir + "/session.tbl");

@@ -166,12 +166,17 @@ const char* const kHookConfig =
     "libkeshook_sample.so test_recPreSet test_recPostSet NULL test_refuse5\n"
     "libkeshook_sample.so test_refuse5 NULL test_refuse5 NULL\n";
 
+std::string tempDirWithTable(const std::string& tag) {
+    const char* tmp = getenv("TMPDIR");
+    std::string dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/kesdb-fuzz-" + tag + "-XXXXXX";
+    if (!mkdtemp(dir.data())) fail("cannot make a temporary directory");
+    setenv("KESDB_DBTABLE", (dir + "/db.tbl").c_str(), 1);
+    return dir;
+}
+
 Session* startDatabase() {
     setUp();
-    const char* tmp = getenv("TMPDIR");
-    g_dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/kesdb-fuzz-XXXXXX";
-    if (!mkdtemp(g_dir.data())) fail("cannot make a temporary directory");
-    setenv("KESDB_DBTABLE", (g_dir + "/db.tbl").c_str(), 1);
+    g_dir = tempDirWithTable("media");
     setenv("SIM_BYTE_ORDER", "BIG_ENDIAN", 1);
     unsetenv("KESDB_DEFMEDIA");
 

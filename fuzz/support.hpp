@@ -53,6 +53,10 @@ Bytes serialize(const Images& images, const Bytes& rest);
 // loads made by configuration lines only raise the loader's count.
 void setUp();
 
+// A fresh directory under $TMPDIR named after `tag` ("kesdb-fuzz-TAG-XXXXXX"), with
+// KESDB_DBTABLE pointing at db.tbl inside it; its path. Aborts on failure.
+std::string tempDirWithTable(const std::string& tag);
+
 // The hook configuration of the started database: three hooks from the sample library. Read
 // hooks neither dereference the length argument nor read the buffer (the create-list read
 // hands a count where the others hand a length pointer, and a hook may be called either way),

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <memory>
+#include <optional>
 #include <sstream>
 
 #include "common.hpp"
@@ -317,13 +317,13 @@ int copyBelow(const std::string& dirIn, const std::string& path, double wait, co
     Database db(dir);
     const uint32_t key = db.find(path);
     const bool node = kesDBMGetType(&db.s, key) < 0;
-    std::unique_ptr<DirectoryGuard> guard;
-    std::unique_ptr<FastMedia> fast;
-    std::unique_ptr<MediaJournal> journal;
+    std::optional<DirectoryGuard> guard;
+    std::optional<FastMedia> fast;
+    std::optional<MediaJournal> journal;
     if (node) {
-        guard = std::make_unique<DirectoryGuard>(dir);
-        fast = std::make_unique<FastMedia>(db, FastMedia::Access::Shared);
-        journal = std::make_unique<MediaJournal>(dir, db.mediaFiles());
+        guard.emplace(dir);
+        fast.emplace(db, FastMedia::Access::Shared);
+        journal.emplace(dir, db.mediaFiles());
     }
     ScopedLock lock(db, key, wait, what + " " + path);
     const int32_t rc = forEachLeafLocked(db, key, key, wait, what, [&](uint32_t k) { return copy(&db.s, k); });

@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <fstream>
 #include <iostream>
-#include <map>
-#include <memory>
 #include <set>
 #include <sstream>
 #include <unordered_map>
@@ -306,13 +304,12 @@ int cmdDelete(const std::string& dirIn, const std::string& pathIn, double wait) 
     // (holding them all would fill the lock table with a large subtree).
     std::vector<uint32_t> strings, values, todo{key};
     std::set<uint32_t> constraints;
-    std::vector<std::unique_ptr<ScopedLock>> locks;
-    locks.push_back(std::make_unique<ScopedLock>(db, kesDBMGetParent(&db.s, key), wait, "delete " + path));
+    const ScopedLock parentLock(db, kesDBMGetParent(&db.s, key), wait, "delete " + path);
+    const ScopedLock ownLock(db, key, wait, "delete " + path);
     while (!todo.empty()) {
         const uint32_t k = todo.back();
         todo.pop_back();
-        if (k == key) locks.push_back(std::make_unique<ScopedLock>(db, k, wait, "delete " + path));
-        else ScopedLock(db, k, wait, "delete " + path);  // a temporary: let go at once
+        if (k != key) ScopedLock(db, k, wait, "delete " + path);  // a temporary: let go at once
         strings.push_back(kesDBMGetStringKey(&db.s, k));
         LeafRecord leaf{};
         CompRecord rec{};

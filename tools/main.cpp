@@ -247,10 +247,12 @@ const std::vector<CommandSpec> kCommands = {
      [](CommandLine& cl) { return cmdDescribe(dirOf(cl), cl.arg(0), cl.has("--json"), noHooks(cl)); }},
     {"reset", "[PATH] [--wait SECONDS]",
      "Copy default values to current values below PATH (default: the whole tree),\n"
-     "through the leaves' hooks.",
+     "through the leaves' hooks; below a node, all of them or, when one is refused,\n"
+     "none.",
      {{"--wait", true}}, 0, 1, [](CommandLine& cl) { return cmdReset(dirOf(cl), cl.arg(0), waitOf(cl, kDefaultWait)); }},
     {"factory-to-default", "[PATH] [--wait SECONDS]",
-     "Copy factory values to default values below PATH (default: the whole tree).",
+     "Copy factory values to default values below PATH (default: the whole tree);\n"
+     "below a node, all of them or none.",
      {{"--wait", true}}, 0, 1,
      [](CommandLine& cl) { return cmdFactoryToDefault(dirOf(cl), cl.arg(0), waitOf(cl, kDefaultWait)); }},
     {"print", "[PATH] [--no-hooks]",
